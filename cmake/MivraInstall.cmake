@@ -1,0 +1,1 @@
+# Installation of the package.

@@ -1,0 +1,48 @@
+#include "mivra/common/runtime/CritSec.h"
+
+#include <system_error>
+
+#include "mivra/platform/System.h"
+
+namespace Mivra::Common {
+namespace {
+
+// Looks at a busy lock before the kernel is asked; most are held for less.
+constexpr int kSpins = 64;
+
+void relax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+}  // namespace
+
+void CritSec::wait() noexcept {
+    for (int spin = 0; spin < kSpins; ++spin) {
+        std::uint32_t expected = Free;
+        if (word.load(std::memory_order_relaxed) == Free &&
+            word.compare_exchange_weak(expected, Held, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+            return;
+        }
+        relax();
+    }
+    while (word.exchange(Contended, std::memory_order_acquire) != Free) {
+        Platform::System().waitWord(&word, Contended, -1);
+    }
+}
+
+void CritSec::wake() noexcept {
+    Platform::System().wakeWord(&word, 1);
+}
+
+void CritSec::failNotOwner() {
+    throw std::system_error(std::make_error_code(std::errc::operation_not_permitted), "CritSec::Unlock");
+}
+
+void CritSec::failTooDeep() {
+    throw std::system_error(std::make_error_code(std::errc::value_too_large), "CritSec::Lock");
+}
+
+}  // namespace Mivra::Common

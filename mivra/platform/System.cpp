@@ -1,0 +1,101 @@
+#include "mivra/platform/System.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace Mivra::Platform {
+namespace {
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+std::int64_t readClock(clockid_t clock) {
+    timespec now{};
+    ::clock_gettime(clock, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+timespec toTimespec(std::int64_t nanoseconds) {
+    return {static_cast<time_t>(nanoseconds / kNanosecondsPerSecond),
+            static_cast<long>(nanoseconds % kNanosecondsPerSecond)};
+}
+
+int openFile(const char* path, int flags, mode_t mode) {
+    return ::open(path, flags | O_CLOEXEC, mode);
+}
+
+int lockFileRange(int descriptor, RangeLock operation, off_t start, off_t length) {
+    struct flock range {};
+    range.l_type = operation == RangeLock::Exclusive ? F_WRLCK : F_UNLCK;
+    range.l_whence = SEEK_SET;
+    range.l_start = start;
+    range.l_len = length;
+    return ::fcntl(descriptor, F_OFD_SETLKW, &range);
+}
+
+ssize_t readExecutablePath(char* path, std::size_t size) {
+    return ::readlink("/proc/self/exe", path, size);
+}
+
+void sleepFor(std::int64_t nanoseconds) {
+    if (nanoseconds <= 0) {
+        return;
+    }
+    timespec left = toTimespec(nanoseconds);
+    while (::nanosleep(&left, &left) == -1 && errno == EINTR) {
+    }
+}
+
+void waitOnWord(const std::atomic<std::uint32_t>* word, std::uint32_t expected, std::int64_t nanoseconds) {
+    const timespec limit = toTimespec(nanoseconds < 0 ? 0 : nanoseconds);
+    ::syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, expected, nanoseconds < 0 ? nullptr : &limit, nullptr, 0);
+}
+
+void wakeOnWord(const std::atomic<std::uint32_t>* word, int count) {
+    ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
+}
+
+std::thread* startStdThread(std::function<void()> body) {
+    return new std::thread(std::move(body));
+}
+
+}  // namespace
+
+constinit SystemTable g_system = {
+    .open = openFile,
+    .close = ::close,
+    .read = ::read,
+    .write = ::write,
+    .readAt = ::pread,
+    .writeAt = ::pwrite,
+    .seek = ::lseek,
+    .truncate = ::ftruncate,
+    .sync = ::fsync,
+    .descriptorStatus = ::fstat,
+    .pathStatus = ::stat,
+    .rename = ::rename,
+    .unlink = ::unlink,
+    .makeDirectory = ::mkdir,
+    .lockRange = lockFileRange,
+    .openLibrary = ::dlopen,
+    .findSymbol = ::dlsym,
+    .closeLibrary = ::dlclose,
+    .executablePath = readExecutablePath,
+    .monotonicTime = [] { return readClock(CLOCK_MONOTONIC); },
+    .coarseTime = [] { return readClock(CLOCK_MONOTONIC_COARSE); },
+    .wallTime = [] { return readClock(CLOCK_REALTIME); },
+    .sleep = sleepFor,
+    .waitWord = waitOnWord,
+    .wakeWord = wakeOnWord,
+    .startThread = startStdThread,
+    .allocate = std::malloc,
+    .free = std::free,
+};
+
+}  // namespace Mivra::Platform

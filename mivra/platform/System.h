@@ -1,0 +1,78 @@
+#pragma once
+
+// The one table of system calls, clocks, waits, threads and memory that the library uses. Production code
+// calls through System(); tests replace single entries while no other thread runs, to make the Nth call of a
+// kind fail or to let time run. Every entry keeps the contract (results, errno) of the call that it stands
+// for.
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <thread>
+
+namespace Mivra::Platform {
+
+/// What lockRange does with a range of bytes of an open file.
+enum class RangeLock { Exclusive, Unlock };
+
+struct SystemTable {
+    // Files. Descriptors are opened close-on-exec by the default entry.
+    int (*open)(const char* path, int flags, mode_t mode);
+    int (*close)(int descriptor);
+    ssize_t (*read)(int descriptor, void* data, std::size_t size);
+    ssize_t (*write)(int descriptor, const void* data, std::size_t size);
+    ssize_t (*readAt)(int descriptor, void* data, std::size_t size, off_t offset);
+    ssize_t (*writeAt)(int descriptor, const void* data, std::size_t size, off_t offset);
+    off_t (*seek)(int descriptor, off_t offset, int whence);
+    int (*truncate)(int descriptor, off_t length);
+    int (*sync)(int descriptor);
+    int (*descriptorStatus)(int descriptor, struct stat* status);
+    int (*pathStatus)(const char* path, struct stat* status);
+    int (*rename)(const char* from, const char* to);
+    int (*unlink)(const char* path);
+    int (*makeDirectory)(const char* path, mode_t mode);
+    /// An open-file-description lock; waits until the range is free. 0 or -1 with errno.
+    int (*lockRange)(int descriptor, RangeLock operation, off_t start, off_t length);
+
+    // Dynamic libraries.
+    void* (*openLibrary)(const char* path, int flags);
+    void* (*findSymbol)(void* library, const char* name);
+    int (*closeLibrary)(void* library);
+    /// Path of the running executable, not terminated; its length, or -1 with errno.
+    ssize_t (*executablePath)(char* path, std::size_t size);
+
+    // Clocks, in nanoseconds: since an arbitrary start, the same at a tick's precision, and since 1970 in
+    // UTC.
+    std::int64_t (*monotonicTime)();
+    std::int64_t (*coarseTime)();
+    std::int64_t (*wallTime)();
+
+    /// Sleeps for the given nanoseconds.
+    void (*sleep)(std::int64_t nanoseconds);
+    /// Waits while *word == expected, at most the given nanoseconds (negative: without limit). May return
+    /// early.
+    void (*waitWord)(const std::atomic<std::uint32_t>* word, std::uint32_t expected,
+                     std::int64_t nanoseconds);
+    /// Wakes at most count threads that wait on the word.
+    void (*wakeWord)(const std::atomic<std::uint32_t>* word, int count);
+
+    /// Starts a thread; std::system_error (resource_unavailable_try_again) when there is none to be had.
+    std::thread* (*startThread)(std::function<void()> body);
+
+    /// Memory of pools and scratch buffers: null when there is none; release with free.
+    void* (*allocate)(std::size_t size);
+    void (*free)(void* memory);
+};
+
+/// The live table. Tests assign to its entries; nothing else does.
+extern SystemTable g_system;
+
+inline const SystemTable& System() {
+    return g_system;
+}
+
+}  // namespace Mivra::Platform
