@@ -7,3 +7,5 @@
 #include "mivra/common/runtime/Export.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/IReferenceable.h"
+#include "mivra/ffmpeg/FfmpegOptional.h"
+#include "mivra/ffmpeg/FfmpegProxy.h"
