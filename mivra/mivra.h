@@ -1,11 +1,23 @@
 #pragma once
 
-// Every public header of the library.
+// Every public header of the library, a group for each floor.
 
 #include "mivra/common/runtime/Annotations.h"
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/common/runtime/Export.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/IReferenceable.h"
+
+#include "mivra/common/buffers/AllocatorProperties.h"
+#include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/FileStream.h"
+#include "mivra/common/buffers/IStream.h"
+#include "mivra/common/buffers/MediaGlobal.h"
+#include "mivra/common/buffers/PacketBuffer.h"
+#include "mivra/common/buffers/PacketBufferAllocator.h"
+#include "mivra/common/buffers/StreamWindow.h"
+#include "mivra/common/buffers/VersatileBuffer.h"
+#include "mivra/common/buffers/VersatileBufferStream.h"
+
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
