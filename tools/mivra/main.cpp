@@ -1,0 +1,91 @@
+// The program `mivra`: reads the command line, runs the one subcommand that it names, and turns everything
+// that goes wrong on the way into one line and an exit code.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include "mivra/common/runtime/Version.h"
+#include "tools/mivra/Commands.h"
+#include "tools/mivra/Console.h"
+
+namespace Mivra::Tool {
+namespace {
+
+constexpr std::string_view kExamples =
+    "\nExamples:\n"
+    "  mivra relay film.mp4 film.ts            copy into MPEG-TS\n"
+    "  mivra relay film.mp4 a.ts -o b.mkv      two outputs at once\n"
+    "  mivra doctor                            what is here and what is missing\n";
+
+/// The subcommand that the first plain word names; null when there is none of that name, or no word.
+const CLI::App* namedCommand(const CLI::App& program, int count, char** words, std::string& unknown) {
+    for (int i = 1; i < count; ++i) {
+        const std::string_view word = words[i];
+        if (word.empty() || word.front() == '-') {
+            continue;
+        }
+        for (const CLI::App* command : program.get_subcommands(nullptr)) {
+            if (command->get_name() == word) {
+                return command;
+            }
+        }
+        unknown = word;
+        return nullptr;
+    }
+    return nullptr;
+}
+
+ExitCode reportUsage(Console& console, const CLI::App& program, int count, char** words,
+                     const std::string& text) {
+    std::string unknown;
+    const CLI::App* const command = namedCommand(program, count, words, unknown);
+    if (command != nullptr) {
+        console.Error({text, command->get_name(), "see 'mivra " + command->get_name() + " --help'"});
+    } else if (!unknown.empty()) {
+        console.Error({"there is no such command", unknown, "try 'mivra relay' or 'mivra doctor'"});
+    } else {
+        console.Error({text, "", "see 'mivra --help'"});
+    }
+    return ExitCode::Usage;
+}
+
+ExitCode run(int count, char** words) {
+    Console console(STDOUT_FILENO);
+    CLI::App program("Moves media through sources, a session and sinks.", "mivra");
+    program.set_version_flag("--version", std::string(Common::LibraryVersion()),
+                             "Print the version and exit");
+    program.require_subcommand(1);
+    program.failure_message({});
+    program.footer(std::string(kExamples));
+    Action action;
+    addRelayCommand(program, action);
+    addDoctorCommand(program, action);
+    try {
+        program.parse(count, words);
+    } catch (const CLI::Success& help) {
+        program.exit(help);
+        return ExitCode::Done;
+    } catch (const CLI::Error& error) {
+        return reportUsage(console, program, count, words, error.what());
+    }
+    return action ? action() : ExitCode::Usage;
+}
+
+}  // namespace
+}  // namespace Mivra::Tool
+
+int main(int count, char** words) {
+    using Mivra::Tool::ExitCode;
+    try {
+        return static_cast<int>(Mivra::Tool::run(count, words));
+    } catch (const std::exception& error) {
+        Mivra::Tool::Console(STDERR_FILENO)
+            .Error({error.what(), "", "this should not happen; please report it"});
+    }
+    return static_cast<int>(ExitCode::Failed);
+}
