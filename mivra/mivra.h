@@ -7,6 +7,8 @@
 #include "mivra/common/runtime/Export.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/IReferenceable.h"
+#include "mivra/common/runtime/Version.h"
+
 #include "mivra/common/buffers/AllocatorProperties.h"
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
 #include "mivra/common/buffers/FileStream.h"
@@ -17,6 +19,6 @@
 #include "mivra/common/buffers/StreamWindow.h"
 #include "mivra/common/buffers/VersatileBuffer.h"
 #include "mivra/common/buffers/VersatileBufferStream.h"
-#include "mivra/common/runtime/Version.h"
+
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
