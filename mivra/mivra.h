@@ -20,5 +20,21 @@
 #include "mivra/common/buffers/VersatileBuffer.h"
 #include "mivra/common/buffers/VersatileBufferStream.h"
 
+#include "mivra/common/binary/BigEndianBitConverter.h"
+#include "mivra/common/binary/EndianBinaryReader.h"
+#include "mivra/common/binary/EndianBinaryWriter.h"
+#include "mivra/common/binary/EndianBitConverter.h"
+#include "mivra/common/binary/Endianness.h"
+#include "mivra/common/binary/LittleEndianBitConverter.h"
+
+#include "mivra/common/model/Codec.h"
+#include "mivra/common/model/ContentType.h"
+#include "mivra/common/model/MediaTime.h"
+#include "mivra/common/model/MediaType.h"
+#include "mivra/common/model/Metadata.h"
+#include "mivra/common/model/PixelFormat.h"
+#include "mivra/common/model/Rational.h"
+#include "mivra/common/model/SampleFormat.h"
+
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
