@@ -36,5 +36,6 @@
 #include "mivra/common/model/Rational.h"
 #include "mivra/common/model/SampleFormat.h"
 
+#include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -37,6 +38,16 @@ int lockFileRange(int descriptor, RangeLock operation, off_t start, off_t length
     range.l_start = start;
     range.l_len = length;
     return ::fcntl(descriptor, F_OFD_SETLKW, &range);
+}
+
+// dlerror keeps its text for each thread.
+const char* readLibraryError() {
+    return ::dlerror();  // NOLINT(concurrency-mt-unsafe)
+}
+
+const char* findLibraryPath(void* library) {
+    link_map* map = nullptr;
+    return ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr ? map->l_name : nullptr;
 }
 
 ssize_t readExecutablePath(char* path, std::size_t size) {
@@ -86,6 +97,8 @@ constinit SystemTable g_system = {
     .openLibrary = ::dlopen,
     .findSymbol = ::dlsym,
     .closeLibrary = ::dlclose,
+    .libraryError = readLibraryError,
+    .libraryPath = findLibraryPath,
     .executablePath = readExecutablePath,
     .monotonicTime = [] { return readClock(CLOCK_MONOTONIC); },
     .coarseTime = [] { return readClock(CLOCK_MONOTONIC_COARSE); },
