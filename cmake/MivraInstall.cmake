@@ -1,5 +1,5 @@
-# What `cmake --install` lays down: library, public headers, CMake package, pkg-config module, tool, documents.
-# Everything finds the rest relative to itself, so that the installed tree can be moved.
+# What `cmake --install` lays down: library, public headers, CMake package, pkg-config module and documents (the
+# tool's folder adds the tool). Everything finds the rest relative to itself, so that the installed tree can be moved.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS MivraCommon EXPORT MivraCommonTargets
@@ -29,13 +29,5 @@ string(REGEX REPLACE "/$" "" MIVRA_PC_TO_PREFIX ${MIVRA_PC_TO_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/mivra-common.pc.in ${PROJECT_BINARY_DIR}/mivra-common.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/mivra-common.pc DESTINATION ${mivra_pc_folder})
 
-if(TARGET mivra)
-  file(RELATIVE_PATH mivra_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-  set_target_properties(mivra PROPERTIES INSTALL_RPATH "$ORIGIN/${mivra_bin_to_lib}")
-  install(TARGETS mivra RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
-
-if(EXISTS ${PROJECT_SOURCE_DIR}/README.md)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
