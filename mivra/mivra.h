@@ -2,12 +2,20 @@
 
 // Every public header of the library, a group for each floor.
 
+#include "mivra/common/identity/DateTime.h"
+#include "mivra/common/identity/Guid.h"
+#include "mivra/common/identity/Random.h"
 #include "mivra/common/runtime/Annotations.h"
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/common/runtime/Export.h"
+#include "mivra/common/runtime/FileLog.h"
 #include "mivra/common/runtime/GeneralException.h"
+#include "mivra/common/runtime/INotifyPropertyChanged.h"
 #include "mivra/common/runtime/IReferenceable.h"
+#include "mivra/common/runtime/ThreadHelper.h"
 #include "mivra/common/runtime/Version.h"
+#include "mivra/crypto/CryptoHelper.h"
+#include "mivra/network/Uri.h"
 
 #include "mivra/common/buffers/AllocatorProperties.h"
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
@@ -35,6 +43,8 @@
 #include "mivra/common/model/PixelFormat.h"
 #include "mivra/common/model/Rational.h"
 #include "mivra/common/model/SampleFormat.h"
+
+#include "mivra/common/MivraCommon.h"
 
 #include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"

@@ -15,4 +15,19 @@ void LogLine(FileLog::FileLogLevel level, const char* format, ...) noexcept MIVR
 void LogLineAt(const char* source, int line, FileLog::FileLogLevel level, const char* format, ...) noexcept
     MIVRA_PRINTF(4, 5);
 
+/// Who owns the process-wide log puts it here and takes it away again (the entry points).
+class GlobalLog {
+public:
+    static void Publish(FileLog* log) noexcept;
+    /// The published log, null when there is none. Only the owner may use it without further care.
+    static FileLog* Get() noexcept;
+    /// Unpublishes the log and waits until no call is inside it; returns it, or null.
+    static FileLog* Retire() noexcept;
+    /// A log tells its new level here, so that filtered lines cost one look.
+    static void LevelChanged(const FileLog* log, FileLog::FileLogLevel level) noexcept;
+    /// Writes to the published log, if any.
+    static void Write(const char* source, int line, FileLog::FileLogLevel level, const char* format,
+                      std::va_list arguments) noexcept MIVRA_PRINTF(4, 0);
+};
+
 }  // namespace Mivra::Common
