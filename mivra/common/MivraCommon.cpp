@@ -1,12 +1,14 @@
 #include "mivra/common/MivraCommon.h"
 
 #include <atomic>
+#include <exception>
 #include <memory>
 
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/common/runtime/FileLog.h"
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/common/runtime/ThreadHelper.h"
+#include "mivra/common/runtime/Version.h"
 
 using Mivra::Common::AutoLock;
 using Mivra::Common::CritSec;
@@ -16,8 +18,6 @@ using Mivra::Common::LogLine;
 using Mivra::Common::ThreadHelper;
 
 namespace {
-
-constexpr char kVersion[] = "2.3.0.0208";
 
 constinit std::atomic<bool> s_initialized{false};
 // Serializes MivraCommonSetLog and shutdown. Never destroyed, so that a late caller finds it.
@@ -52,7 +52,8 @@ int MivraCommonSetLog(int level, const wchar_t* path) {
         if (log == nullptr) return 0;
         if (level >= FileLog::Error) {
             log->Initialize(static_cast<FileLog::FileLogLevel>(level), path);
-            LogLine(FileLog::Information, "SetLog: Mivra.Common v%s log enabled", kVersion);
+            LogLine(FileLog::Information, "SetLog: Mivra.Common v%s log enabled",
+                    Mivra::Common::LibraryVersion());
         } else {
             log->Initialize(FileLog::Off, nullptr);
         }

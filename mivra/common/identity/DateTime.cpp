@@ -9,7 +9,7 @@ namespace Mivra::Common {
 namespace {
 
 constexpr std::int64_t kNanosecondsPerTick = 100;
-using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+using TickCount = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
 
 }  // namespace
 
@@ -19,9 +19,9 @@ DateTime DateTime::Now() noexcept {
 
 std::string DateTime::ToString() const {
     using namespace std::chrono;
-    const auto days = floor<std::chrono::days>(Ticks(ticks));
+    const auto days = floor<std::chrono::days>(TickCount(ticks));
     const year_month_day date{sys_days(days)};
-    const hh_mm_ss time(floor<milliseconds>(Ticks(ticks) - days));
+    const hh_mm_ss time(floor<milliseconds>(TickCount(ticks) - days));
     char text[64];
     std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
                   static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
