@@ -11,7 +11,24 @@
 
 namespace Mivra::Common {
 
-struct PoolControl;
+class DefaultPacketBufferAllocator;
+
+/// Internal: what a pool shares with its buffers, so that they find back to it or learn that it has gone.
+/// Freed with the last of them.
+struct PoolControl {
+    explicit PoolControl(DefaultPacketBufferAllocator* owner) : pool(owner) {}
+
+    void AddHolder() { holders.fetch_add(1, std::memory_order_relaxed); }
+    void DropHolder() {
+        if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete this;
+        }
+    }
+
+    CritSec lock;
+    DefaultPacketBufferAllocator* pool MIVRA_GUARDED_BY(lock);  // null: gone
+    std::atomic<int> holders{1};                                // the pool and every buffer
+};
 
 /// The pool of packet buffers: a table of buffers made up front, lent lowest slot first, that grows in tenths
 /// when it runs dry. Its maker owns it and may destroy it while buffers are out: those stay valid and are
@@ -51,13 +68,16 @@ protected:
     void retire();
 
 private:
+    friend class PacketBuffer;
+
     using Buffers = std::vector<PacketBuffer*>;
 
-    void makeBuffers(Buffers& made, int from, int count, int ofSize, int ofGeneration);
-    static void deleteBuffers(const Buffers& made);
-    bool grow(bool logExhaustion);
-    bool addBuffers(int increment);
-    void account();
+    void makeBuffers(Buffers& made, int count, int ofSize, int ofGeneration);
+    static void deleteBuffers(Buffers& made, std::size_t from);
+    bool grow(bool logExhaustion) MIVRA_REQUIRES(control->lock);
+    bool addBuffers(int increment) MIVRA_REQUIRES(control->lock);
+    void renew(int newSize, int newCount) MIVRA_REQUIRES(control->lock);
+    void account() MIVRA_REQUIRES(control->lock);
     std::int64_t growthCeiling() const;
 
     PoolControl* const control;
@@ -66,17 +86,17 @@ private:
     const int initialBufferCount;
     const bool allowGrowth;
     const float growthLimit;
-    bool autoGrown = false;
-    int freeBufferCount = 0;
-    Buffers buffers;
-    std::vector<unsigned char> freeFlags;  // 1: free
-    int searchCursor = 0;                  // no free slot below it
-    int generation = 0;
-    std::set<PacketBuffer*> oldGenerationBuffers;
-    int peakUsage = 0;
-    std::int64_t usageSum = 0;
-    std::int64_t usageSamples = 0;
-    std::int64_t nextReport;  // nanoseconds of the coarse clock
+    bool autoGrown MIVRA_GUARDED_BY(control->lock) = false;
+    int freeBufferCount MIVRA_GUARDED_BY(control->lock) = 0;
+    Buffers buffers MIVRA_GUARDED_BY(control->lock);
+    std::vector<unsigned char> freeFlags MIVRA_GUARDED_BY(control->lock);  // 1: free
+    int searchCursor MIVRA_GUARDED_BY(control->lock) = 0;                  // no free slot below it
+    int generation MIVRA_GUARDED_BY(control->lock) = 0;
+    std::set<PacketBuffer*> oldGenerationBuffers MIVRA_GUARDED_BY(control->lock);
+    int peakUsage MIVRA_GUARDED_BY(control->lock) = 0;
+    std::int64_t usageSum MIVRA_GUARDED_BY(control->lock) = 0;
+    std::int64_t usageSamples MIVRA_GUARDED_BY(control->lock) = 0;
+    std::int64_t nextReport MIVRA_GUARDED_BY(control->lock);  // nanoseconds of the coarse clock
 };
 
 }  // namespace Mivra::Common

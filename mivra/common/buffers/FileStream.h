@@ -1,8 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "mivra/common/buffers/IStream.h"
 #include "mivra/common/runtime/CritSec.h"
@@ -42,10 +43,29 @@ public:
     void WriteByte(unsigned char value) override;
 
 private:
+    [[noreturn]] void fail(const char* operation, int error) const;
+    void requireWritable(const char* operation) const;
+    bool coversPosition() const MIVRA_REQUIRES(lock);
+    bool load(const char* operation) MIVRA_REQUIRES(lock);
+    void store(const char* operation) MIVRA_REQUIRES(lock);
+    int byteAtPosition(const char* operation) MIVRA_REQUIRES(lock);
+    void moveTo(std::int64_t newPosition) MIVRA_REQUIRES(lock);
+    std::size_t put(const unsigned char* src, std::size_t count) MIVRA_REQUIRES(lock);
+
+    /// A run of bytes of the file in memory; those of the dirty part are not written yet.
+    struct Block {
+        std::unique_ptr<unsigned char, void (*)(void*)> data;
+        std::int64_t start = 0;  // in the file
+        std::size_t size = 0;
+        std::size_t dirtyBegin = 0;
+        std::size_t dirtyEnd = 0;  // equal: nothing is dirty
+    };
+
     CritSec lock;
     const std::string path;
     bool writable = false;
     int descriptor = -1;
+    Block block MIVRA_GUARDED_BY(lock);
     std::int64_t length MIVRA_GUARDED_BY(lock) = 0;
     std::int64_t position MIVRA_GUARDED_BY(lock) = 0;
     int bitPosition MIVRA_GUARDED_BY(lock) = 0;

@@ -54,6 +54,7 @@ private:
 
     static void create(const AllocatorProperties& small, const AllocatorProperties& normal,
                        const AllocatorProperties& big) MIVRA_REQUIRES(s_CS);
+    static Common::PacketBufferAllocator* lazyPool(Pool& pool, int size, int count);
     static Common::PacketBuffer* lockExtraBig(int size) MIVRA_EXCLUDES(s_CS);
 
     static std::atomic<bool> s_bIsInitialized;

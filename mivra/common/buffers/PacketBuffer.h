@@ -100,6 +100,8 @@ protected:
 private:
     friend class DefaultPacketBufferAllocator;
 
+    /// A free buffer's count goes to 1 under the pool's lock: nobody else can hold the buffer.
+    void takeFirstReference() MIVRA_NO_THREAD_SAFETY_ANALYSIS { referenceCount = 1; }
     /// What the last Release does, outside the lock.
     void giveBack();
     void dropOwned();

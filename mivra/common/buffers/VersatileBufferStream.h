@@ -12,6 +12,8 @@
 
 namespace Mivra::Common {
 
+class PacketBuffer;
+
 /// One stream over slices of several buffers, without copying them: a message in pieces can be parsed, and a
 /// message can grow while it is written, by buffers of MediaGlobal. The stream holds one reference on each
 /// buffer of its chain. Any thread may call it; every operation takes the stream's lock (two streams that
@@ -102,15 +104,14 @@ private:
     void moveTo(std::int64_t newPosition) MIVRA_REQUIRES(lock);
     void cut(std::int64_t length) MIVRA_REQUIRES(lock);
     void trim(std::int64_t count) MIVRA_REQUIRES(lock);
-    void grow(std::int64_t shortfall, std::int64_t written) MIVRA_REQUIRES(lock);
-    void growBy(VersatileBuffer* taken) MIVRA_REQUIRES(lock);
+    void reserve(const char* operation, std::int64_t count) MIVRA_REQUIRES(lock);
+    void grow(const char* operation, std::int64_t shortfall, std::int64_t written) MIVRA_REQUIRES(lock);
+    void appendNew(const char* operation, PacketBuffer* taken) MIVRA_REQUIRES(lock);
     std::size_t sliceAt(std::int64_t offset) const MIVRA_REQUIRES(lock);
     int byteAtPosition() const MIVRA_REQUIRES(lock);
     /// Calls visit(address, bytes) for each piece of a range inside the stream.
     template <typename Visit>
     void visitRange(std::int64_t offset, std::int64_t count, Visit visit) const MIVRA_REQUIRES(lock);
-    void checkRange(const char* operation, std::int64_t offset, std::int64_t count) const
-        MIVRA_REQUIRES(lock);
     void copyRange(IStream* destination, std::int64_t offset, int count) MIVRA_REQUIRES(lock);
 
     CritSec lock;
