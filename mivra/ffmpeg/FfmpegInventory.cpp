@@ -48,12 +48,13 @@ void readVersion(void* handle, const FfmpegLibrary& library, FfmpegLibraryState&
     state.majorMatches = FfmpegMajor(version) == library.major;
 }
 
+/// Names of a library's functions that it does not have: all of them when it is not open.
 std::vector<std::string> missingOf(std::span<const FfmpegFunction> functions, std::size_t library,
                                    void* handle) {
     std::vector<std::string> missing;
     for (const FfmpegFunction& function : functions) {
         if (static_cast<std::size_t>(function.library) == library &&
-            System().findSymbol(handle, function.name) == nullptr) {
+            (handle == nullptr || System().findSymbol(handle, function.name) == nullptr)) {
             missing.emplace_back(function.name);
         }
     }
@@ -72,12 +73,12 @@ FfmpegLibraryState inspect(std::size_t index, void*& handle) {
             return static_cast<std::size_t>(function.library) == index;
         }));
     handle = OpenFfmpegLibrary(library);
-    if (handle == nullptr) {
+    if (handle != nullptr) {
+        state.path = text(System().libraryPath(handle), library.file);
+        readVersion(handle, library, state);
+    } else {
         state.error = text(System().libraryError(), "cannot be loaded");
-        return state;
     }
-    state.path = text(System().libraryPath(handle), library.file);
-    readVersion(handle, library, state);
     state.missing = missingOf(functions, index, handle);
     state.missingOptional = missingOf(FfmpegOptionalFunctions(), index, handle);
     return state;

@@ -16,9 +16,9 @@ struct FfmpegLibraryState {
     std::string version;  ///< As the library reports it, "57.28.100"; empty when it does not.
     unsigned requiredMajor = 0;
     bool majorMatches = false;
-    int functions = 0;                         ///< How many are taken from it.
-    std::vector<std::string> missing;          ///< Those of them that it does not have.
-    std::vector<std::string> missingOptional;  ///< Optional functions that it does not have.
+    int functions = 0;                 ///< How many are taken from it.
+    std::vector<std::string> missing;  ///< Those of them that it does not have; all when it cannot be loaded.
+    std::vector<std::string> missingOptional;  ///< The same of the optional functions.
 
     bool IsUsable() const { return error.empty() && majorMatches && missing.empty(); }
 };
