@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks who includes whom: check_headers.py SOURCE-FOLDER LIST-OF-PUBLIC-HEADERS
+"""Checks who includes whom: check_layers.py SOURCE-FOLDER LIST-OF-PUBLIC-HEADERS
 
 Every rule that is broken is one line, and the exit code 1.
 """
@@ -38,6 +38,16 @@ MOST_EXCEPTIONS = 4
 
 # What a public header never shows to its users.
 FOREIGN = re.compile(r"(openssl|libav\w+|libsw\w+|boost|curl|uuid|spdlog|nlohmann|CLI|gtest)/")
+
+# What goes through Platform::System() everywhere else, and the locks that are a CritSec.
+SEAM = re.compile(
+    r"std::chrono::\w+_clock|\b(?:clock_gettime|gettimeofday|nanosleep|usleep|poll|select|dlopen|dlsym|fcntl)\s*\("
+    r"|this_thread::sleep|new std::thread|std::thread\s*[({]|std::jthread|std::async|\bpthread_\w+"
+    r"|std::(?:recursive_)?(?:timed_)?mutex|std::shared_mutex|std::condition_variable|std::lock_guard|std::unique_lock"
+    r"|std::scoped_lock|(?<![\w.>])(?:std::)?(?:malloc|calloc|realloc|fopen)\s*\("
+    r"|(?<![\w.>:])::(?:open|close|read|write|pread|pwrite|lseek|rename|unlink|mkdir|send|recv|socket)\s*\("
+)
+COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.DOTALL)
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
 
@@ -125,6 +135,16 @@ def check_public(files, public):
         yield f"{UMBRELLA}: a header stands in it twice"
 
 
+def check_seam(root, files):
+    """Faults and time can be injected only where the table of system calls is used, and not beside it."""
+    for name in files:
+        if name.startswith("mivra/platform/"):
+            continue
+        text = COMMENT.sub("", (root / name).read_text(encoding="utf-8"))
+        for call in sorted(set(SEAM.findall(text))):
+            yield f"{name}: {call.strip()} goes past Platform::System() or CritSec"
+
+
 def check_outside(root, public):
     """The tool and the examples live on the public headers, as any application does."""
     for path in sorted([*root.glob("tools/**/*.[ch]*"), *root.glob("examples/**/*.[ch]*")]):
@@ -163,6 +183,7 @@ def main():
         *check_codecs(files),
         *check_cycles(headers),
         *check_public(files, public),
+        *check_seam(root, files),
         *check_outside(root, public),
         *check_exceptions(files),
     ]
