@@ -108,12 +108,20 @@ bool PacketBuffer::fits(int offset, int count) const {
     return offset >= 0 && count >= 0 && offset <= actualSize && count <= actualSize - offset;
 }
 
-bool PacketBuffer::Append(const void* source, int count) {
+/// Whether count bytes go behind the valid data; logs when they do not.
+bool PacketBuffer::hasRoom(int count) const {
     const int remaining = size - actualSize;
-    if (count < 0 || count > remaining) {
-        LogLine(FileLog::Error,
-                "PacketBuffer::Append: allocator %p requested size %d is bigger than remaining %d (total %d)",
-                static_cast<void*>(allocator), count, remaining, size);
+    if (count >= 0 && count <= remaining) {
+        return true;
+    }
+    LogLine(FileLog::Error,
+            "PacketBuffer::Append: allocator %p requested size %d is bigger than remaining %d (total %d)",
+            static_cast<void*>(allocator), count, remaining, size);
+    return false;
+}
+
+bool PacketBuffer::Append(const void* source, int count) {
+    if (!hasRoom(count)) {
         return false;
     }
     if (count > 0) {
@@ -124,11 +132,8 @@ bool PacketBuffer::Append(const void* source, int count) {
 }
 
 bool PacketBuffer::Append(const VersatileBuffer* source, int offset, int count) {
-    const int remaining = size - actualSize;
-    if (source == nullptr || count < 0 || count > remaining) {
-        return Append(static_cast<const void*>(nullptr), source == nullptr ? -1 : count);
-    }
-    if (!source->CopyTo(offset, static_cast<void*>(data + actualSize), count)) {
+    if (source == nullptr || !hasRoom(count) ||
+        !source->CopyTo(offset, static_cast<void*>(data + actualSize), count)) {
         return false;
     }
     actualSize += count;

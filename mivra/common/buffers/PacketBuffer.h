@@ -106,6 +106,7 @@ private:
     void giveBack();
     void dropOwned();
     bool fits(int offset, int count) const;
+    bool hasRoom(int count) const;
 
     PacketBufferAllocator* allocator = nullptr;
     PoolControl* control = nullptr;  // keeps the way to the pool valid, also after its end
