@@ -46,6 +46,14 @@
 
 #include "mivra/common/MivraCommon.h"
 
+#include "mivra/media/IInteractiveMediaSource.h"
+#include "mivra/media/IMediaSink.h"
+#include "mivra/media/IMediaSource.h"
+#include "mivra/media/ListenerMap.h"
+#include "mivra/media/MediaEvents.h"
+#include "mivra/media/MediaSession.h"
+#include "mivra/media/MediaState.h"
+
 #include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
