@@ -1,9 +1,10 @@
 #pragma once
 
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "mivra/common/binary/BigEndianBitConverter.h"
 #include "mivra/common/binary/LittleEndianBitConverter.h"
@@ -119,7 +120,9 @@ private:
     void setFullBitPosition(std::int64_t bits);
     void requireStream() const;
     void checkBuffer(std::int64_t count) const;
-    /// The next count bytes, consumed: in the window or copied to the scratch buffer.
+    [[noreturn]] void failOutbound(std::int64_t count) const;
+    bool hasWindow() const;
+    /// The next count bytes, consumed: in the window or, at most 16, copied to the scratch buffer.
     unsigned char* readInternal(int count);
     void readStream(unsigned char* dst, int count, const char* operation);
     void mirror();
@@ -128,8 +131,8 @@ private:
     const EndianBitConverter* converter = &bigEndian;
     BigEndianBitConverter bigEndian;
     LittleEndianBitConverter littleEndian;
-    std::vector<unsigned char> scratch;
-    PacketBuffer* packet = nullptr;  // kept alive by the stream
+    unsigned char scratch[16];       // what one field touches
+    PacketBuffer* packet = nullptr;  // one reference
     std::int64_t fileSize = 0;
     std::int64_t filePosition = 0;
     std::int64_t desiredFilePosition = 0;

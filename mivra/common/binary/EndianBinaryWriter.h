@@ -1,9 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "mivra/common/binary/BigEndianBitConverter.h"
 #include "mivra/common/binary/LittleEndianBitConverter.h"
@@ -110,6 +110,7 @@ private:
     void writeCode(std::uint64_t codeNumberPlusOne);
     void requireStream() const;
     void checkBuffer(std::int64_t count) const;
+    bool hasWindow() const;
     void writeInternal(const unsigned char* data, int count);
     /// Loads count bytes from the position on into the scratch buffer; zeros stand for what a stream lacks.
     void loadTouched(int count);
@@ -120,8 +121,8 @@ private:
     const EndianBitConverter* converter = &bigEndian;
     BigEndianBitConverter bigEndian;
     LittleEndianBitConverter littleEndian;
-    std::vector<unsigned char> scratch;
-    PacketBuffer* packet = nullptr;  // kept alive by the stream
+    unsigned char scratch[16];       // what one field touches
+    PacketBuffer* packet = nullptr;  // one reference
     std::int64_t filePosition = 0;
 
     // The stream's window, or an empty one for a stream without. The cursor is the stream's own.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "mivra/common/model/Codec.h"
 #include "mivra/common/model/ContentType.h"
@@ -121,8 +122,13 @@ public:
 
 private:
     bool hasPrivateData() const { return codecPrivateDataSize > 0 && codecPrivateData != nullptr; }
-    /// Takes a copy of the bytes in place of the old; std::bad_alloc leaves the old.
-    void setPrivateData(const void* data, std::int32_t size);
+    static char* allocatePrivateData(std::int32_t size);
+    void replacePrivateData(char* data, std::int32_t size);
+    void readPrivateData(EndianBinaryReader& reader);
+    void setParameter(std::string_view key, std::string_view value);
+    unsigned audioObjectType() const;
+    /// The pieces of the parameter string that only the codec's parser can tell.
+    std::string codecParameters() const;
 
     ContentType_t contentType = ContentType_t::Unknown;
     Codec_t codecId = Codec_t::None;

@@ -82,8 +82,13 @@ public:
     void ToPacketBuffer(EndianBinaryWriter* writer) const;
 
 private:
+    friend class MediaType;
     friend class MetadataObject;
     friend class MetadataTree;
+
+    void swap(Metadata& other) noexcept { entries.swap(other.entries); }
+    /// The string slot; empty for a missing key.
+    std::string text(const std::string& key) const;
 
     std::map<std::string, MetadataObject> entries;
     Metadata* link = nullptr;  // chains the maps that an operation still has before it

@@ -1,0 +1,60 @@
+#include "mivra/common/model/MediaTime.h"
+
+#include <cstdint>
+#include <numeric>
+
+#include "mivra/platform/System.h"
+
+namespace Mivra::Common {
+
+namespace {
+
+constexpr std::int64_t MicrosecondsPerSecond = 1000000;
+constexpr std::int64_t NanosecondsPerMicrosecond = 1000;
+
+struct ClockStart {
+    std::int64_t monotonic = Platform::System().monotonicTime();
+    std::int64_t wall = Platform::System().wallTime();
+};
+
+const ClockStart& clockStart() {
+    static const ClockStart start;
+    return start;
+}
+
+// The clock starts when the library is loaded, not when somebody first asks.
+[[maybe_unused]] const ClockStart& s_started = clockStart();
+
+// 64-bit product that wraps.
+std::int64_t multiply(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
+std::int64_t MediaTime::Convert(std::int64_t value, const Rational& from, const Rational& to) {
+    if (from == to) {
+        return value;
+    }
+    const Rational ratio = from / to;
+    if (ratio.Den() == 0) {
+        return value;
+    }
+    const std::int64_t product = multiply(value, ratio.Num());
+    return ratio.Den() == -1 ? multiply(product, -1) : product / ratio.Den();
+}
+
+std::int64_t MediaTime::Get(std::int64_t timescale) {
+    if (timescale < 1) {
+        return 0;
+    }
+    const std::int64_t elapsed = Platform::System().monotonicTime() - clockStart().monotonic;
+    const std::int64_t microseconds = elapsed / NanosecondsPerMicrosecond;
+    if (timescale == MicrosecondsPerSecond) {
+        return microseconds;
+    }
+    const std::int64_t common = std::gcd(MicrosecondsPerSecond, timescale);
+    return multiply(microseconds, timescale / common) / (MicrosecondsPerSecond / common);
+}
+
+}  // namespace Mivra::Common

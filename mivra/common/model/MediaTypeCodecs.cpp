@@ -1,0 +1,154 @@
+// What a media type tells of its codec's private data. This is the one source file of the model that may know
+// codec parsers. There is none for H.264, MPEG-2 and MPEG-4 yet: for these every parse counts as failed.
+
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "mivra/common/model/MediaType.h"
+#include "mivra/crypto/CryptoHelper.h"
+
+namespace Mivra::Common {
+
+namespace {
+
+/// One parse of H.264 private data.
+struct H264Configuration {
+    std::uint64_t profileLevel = 0;
+    int reorderingQueueDepth = 0;
+};
+
+std::optional<H264Configuration> parseH264(const MediaType&) {
+    return std::nullopt;
+}
+
+/// The private data as an AVC decoder configuration record (ISO/IEC 14496-15 5.3.3.1); what is none already
+/// would have to be converted by a parser.
+std::optional<std::string_view> avcRecord(std::string_view privateData) {
+    constexpr char RecordVersion = 1;
+    if (privateData.empty() || privateData.front() != RecordVersion) {
+        return std::nullopt;
+    }
+    return privateData;
+}
+
+/// Takes one unit behind its 16-bit length off the front; nothing when it is cut off.
+std::optional<std::string_view> takeUnit(std::string_view& data) {
+    if (data.size() < 2) {
+        return std::nullopt;
+    }
+    const std::size_t size = static_cast<std::size_t>(static_cast<unsigned char>(data[0])) << 8 |
+                             static_cast<unsigned char>(data[1]);
+    if (data.size() - 2 < size) {
+        return std::nullopt;
+    }
+    const std::string_view unit = data.substr(2, size);
+    data.remove_prefix(2 + size);
+    return unit;
+}
+
+std::string base64(std::string_view bytes) {
+    return Crypto::CryptoHelper::ToBase64(std::string(bytes));
+}
+
+/// The first sequence and the first picture parameter set in the form of sprop-parameter-sets (RFC 6184
+/// 8.1); empty for a record without a whole sequence parameter set.
+std::string sdpParameterSets(std::string_view record) {
+    constexpr std::size_t SetsOffset = 5;
+    if (record.size() <= SetsOffset) {
+        return {};
+    }
+    const int spsCount = record[SetsOffset] & 0x1F;
+    record.remove_prefix(SetsOffset + 1);
+    std::string sets;
+    for (int i = 0; i < spsCount; ++i) {
+        const auto unit = takeUnit(record);
+        if (!unit) {
+            return sets;
+        }
+        if (i == 0) {
+            sets = base64(*unit);
+        }
+    }
+    if (sets.empty() || record.empty() || record.front() == 0) {
+        return sets;
+    }
+    record.remove_prefix(1);
+    if (const auto unit = takeUnit(record)) {
+        sets += "," + base64(*unit);
+    }
+    return sets;
+}
+
+std::string sixHexDigits(std::uint64_t value) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%06llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+}  // namespace
+
+std::uint64_t MediaType::GetProfileLevel() const {
+    if (profileLevel != 0 || !hasPrivateData()) {
+        return profileLevel;
+    }
+    if (codecId == Codec_t::AAC || codecId == Codec_t::AAC_LATM) {
+        profileLevel = audioObjectType();
+    } else if (codecId == Codec_t::H264) {
+        if (const auto configuration = parseH264(*this)) {
+            profileLevel = configuration->profileLevel;
+        }
+    }
+    return profileLevel;
+}
+
+int MediaType::GetReorderingQueueDepth() const {
+    if (reorderingQueueDepth >= 0) {
+        return reorderingQueueDepth;
+    }
+    reorderingQueueDepth = 0;
+    if (hasPrivateData() && codecId == Codec_t::H264) {
+        if (const auto configuration = parseH264(*this)) {
+            reorderingQueueDepth = configuration->reorderingQueueDepth;
+        }
+    }
+    return reorderingQueueDepth;
+}
+
+// Of an AudioSpecificConfig (ISO/IEC 14496-3 1.6.2.1), without the escape value.
+unsigned MediaType::audioObjectType() const {
+    return static_cast<unsigned char>(codecPrivateData[0]) >> 3;
+}
+
+// A record that cannot be made or holds no sequence parameter set leaves its piece out.
+std::string MediaType::codecParameters() const {
+    if (codecId != Codec_t::H264) {
+        return {};
+    }
+    std::string pieces;
+    const std::string_view data(codecPrivateData, static_cast<std::size_t>(codecPrivateDataSize));
+    if (const auto record = avcRecord(data)) {
+        const std::string sets = sdpParameterSets(*record);
+        if (!sets.empty()) {
+            pieces = "&privateDataSdp=" + sets;
+        }
+    }
+    return pieces + "&profileLevel=" + sixHexDigits(GetProfileLevel());
+}
+
+std::string MediaType::ToBucketMediaType() const {
+    if (!hasPrivateData()) {
+        return {};
+    }
+    switch (codecId) {
+        case Codec_t::H264:
+            return "avc1." + sixHexDigits(GetProfileLevel());
+        case Codec_t::AAC:
+        case Codec_t::AAC_LATM:
+            return "mp4a.40." + std::to_string(audioObjectType());
+        default:
+            return {};
+    }
+}
+
+}  // namespace Mivra::Common
