@@ -105,7 +105,7 @@ std::string CodecName(Codec_t codec) {
             return entry.name;
         }
     }
-    return "Codec " + std::to_string(code);
+    return std::string("Codec ").append(std::to_string(code));
 }
 
 std::optional<Codec_t> ParseCodecName(std::string_view lowerCase) {

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::int64_t MicrosecondsPerSecond = 1000000;
 constexpr std::int64_t NanosecondsPerMicrosecond = 1000;
+constexpr std::int64_t NanosecondsPerTick = 100;
 
 struct ClockStart {
     std::int64_t monotonic = Platform::System().monotonicTime();
@@ -55,6 +56,10 @@ std::int64_t MediaTime::Get(std::int64_t timescale) {
     }
     const std::int64_t common = std::gcd(MicrosecondsPerSecond, timescale);
     return multiply(microseconds, timescale / common) / (MicrosecondsPerSecond / common);
+}
+
+DateTime MediaTime::GetStartTime() {
+    return DateTime(clockStart().wall / NanosecondsPerTick);
 }
 
 }  // namespace Mivra::Common

@@ -2,12 +2,11 @@
 
 #include <cstdint>
 
+#include "mivra/common/identity/DateTime.h"
 #include "mivra/common/model/Rational.h"
 #include "mivra/common/runtime/Export.h"
 
 namespace Mivra::Common {
-
-class DateTime;
 
 /// Time stamps between time bases, and the library's monotonic clock. Any thread may call it.
 class MIVRA_API MediaTime {

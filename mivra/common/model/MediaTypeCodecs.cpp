@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "mivra/common/model/MediaType.h"
 #include "mivra/crypto/CryptoHelper.h"
@@ -75,7 +76,8 @@ std::string sdpParameterSets(std::string_view record) {
     }
     record.remove_prefix(1);
     if (const auto unit = takeUnit(record)) {
-        sets += "," + base64(*unit);
+        sets += ',';
+        sets += base64(*unit);
     }
     return sets;
 }
@@ -130,10 +132,10 @@ std::string MediaType::codecParameters() const {
     if (const auto record = avcRecord(data)) {
         const std::string sets = sdpParameterSets(*record);
         if (!sets.empty()) {
-            pieces = "&privateDataSdp=" + sets;
+            pieces.append("&privateDataSdp=").append(sets);
         }
     }
-    return pieces + "&profileLevel=" + sixHexDigits(GetProfileLevel());
+    return pieces.append("&profileLevel=").append(sixHexDigits(GetProfileLevel()));
 }
 
 std::string MediaType::ToBucketMediaType() const {
@@ -142,10 +144,10 @@ std::string MediaType::ToBucketMediaType() const {
     }
     switch (codecId) {
         case Codec_t::H264:
-            return "avc1." + sixHexDigits(GetProfileLevel());
+            return std::string("avc1.").append(sixHexDigits(GetProfileLevel()));
         case Codec_t::AAC:
         case Codec_t::AAC_LATM:
-            return "mp4a.40." + std::to_string(audioObjectType());
+            return std::string("mp4a.40.").append(std::to_string(audioObjectType()));
         default:
             return {};
     }
