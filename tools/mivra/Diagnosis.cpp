@@ -96,7 +96,9 @@ void lookAtFunctions(const FfmpegInventory& inventory, Diagnosis& diagnosis, Jso
     int found = 0;
     std::string firstMissing;
     std::vector<std::string> optional;
+    bool allThere = true;
     for (const FfmpegLibraryState& library : inventory.libraries) {
+        allThere = allThere && library.error.empty();
         wanted += library.functions;
         found += library.functions - static_cast<int>(library.missing.size());
         if (firstMissing.empty() && !library.missing.empty()) {
@@ -110,7 +112,7 @@ void lookAtFunctions(const FfmpegInventory& inventory, Diagnosis& diagnosis, Jso
     if (!firstMissing.empty()) {
         finding.health = Health::Bad;
         finding.text += ", first missing: " + firstMissing;
-        finding.remedy = "install FFmpeg's libraries as your system packs them";
+        finding.remedy = allThere ? "install FFmpeg's libraries as your system packs them" : "";
     } else if (!optional.empty()) {
         finding.health = Health::Poor;
         finding.text += ", but not the optional " + optional.front();
@@ -138,8 +140,7 @@ constexpr Format kFormats[] = {
 void lookAtFormats(Diagnosis& diagnosis, Json& details) {
     details["loads"] = FfmpegProxy::Load();
     if (!details["loads"].get<bool>()) {
-        diagnosis.findings.push_back(
-            {Health::Bad, "formats", "unknown: FFmpeg cannot be loaded", "see what is missing above"});
+        diagnosis.findings.push_back({Health::Bad, "formats", "unknown, since FFmpeg cannot be loaded", ""});
         return;
     }
     std::string here;
@@ -213,7 +214,9 @@ void lookAtDescriptors(Diagnosis& diagnosis) {
         finding.remedy = "ulimit -n 1024";
     }
     diagnosis.findings.push_back(finding);
-    diagnosis.details["descriptors"] = {{"limit", limit.rlim_cur}, {"maximum", limit.rlim_max}};
+    const auto figure = [](rlim_t value) { return value == RLIM_INFINITY ? Json() : Json(value); };
+    diagnosis.details["descriptors"] = {{"limit", figure(limit.rlim_cur)},
+                                        {"maximum", figure(limit.rlim_max)}};
 }
 
 /// 0, or the error; a file that was not there before is not there afterwards.

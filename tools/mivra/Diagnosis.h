@@ -13,7 +13,7 @@ struct Finding {
     Health health = Health::Good;
     std::string subject;
     std::string text;
-    std::string remedy;  ///< What to try; only when not Good.
+    std::string remedy;  ///< What to try; empty when nothing is wrong or another finding says it.
 };
 
 /// What a relay needs and whether it is here. A relay works unless a finding is Bad.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 #include "mivra/common/runtime/Version.h"
@@ -38,7 +39,7 @@ void print(Console& console, const Diagnosis& diagnosis) {
         subject.resize(std::max(subject.size(), kSubjectWidth), ' ');
         console.Line("  " + word(finding.health, console.HasColor()) + "  " + subject + "  " +
                      printable(finding.text));
-        if (finding.health != Health::Good) {
+        if (!finding.remedy.empty()) {
             console.Line("           try: " + printable(finding.remedy));
         }
     }
@@ -56,7 +57,8 @@ ExitCode diagnoseAndPrint(const DoctorOptions& options) {
         print(console, diagnosis);
     }
     if (const Finding* const bad = diagnosis.FirstBad()) {
-        console.Error({"a relay would not work", bad->subject + ": " + bad->text, "try: " + bad->remedy});
+        console.Error({"a relay would not work", bad->subject + ": " + bad->text,
+                       bad->remedy.empty() ? "" : "try: " + bad->remedy});
         return ExitCode::Failed;
     }
     return ExitCode::Done;
@@ -70,7 +72,7 @@ void addDoctorCommand(CLI::App& program, Action& action) {
     const auto options = std::make_shared<DoctorOptions>();
     command->add_flag("--json", options->json, "One JSON object instead of text");
     command->add_option("--log", options->log, "A log file to try")->type_name("FILE");
-    command->footer("\nEnds with 0 only when a relay would work.");
+    command->footer("Ends with 0 only when a relay would work.");
     command->callback([options, &action] { action = [options] { return diagnoseAndPrint(*options); }; });
 }
 

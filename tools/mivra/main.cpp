@@ -17,7 +17,7 @@ namespace Mivra::Tool {
 namespace {
 
 constexpr std::string_view kExamples =
-    "\nExamples:\n"
+    "Examples:\n"
     "  mivra relay film.mp4 film.ts            copy into MPEG-TS\n"
     "  mivra relay film.mp4 a.ts -o b.mkv      two outputs at once\n"
     "  mivra doctor                            what is here and what is missing\n";
@@ -40,12 +40,19 @@ const CLI::App* namedCommand(const CLI::App& program, int count, char** words, s
     return nullptr;
 }
 
+/// The parser's text from its colon on: the argument that it means.
+std::string afterColon(const std::string& text) {
+    const std::size_t colon = text.find(':');
+    return colon == text.npos ? "" : text.substr(colon);
+}
+
 ExitCode reportUsage(Console& console, const CLI::App& program, int count, char** words,
                      const std::string& text) {
     std::string unknown;
     const CLI::App* const command = namedCommand(program, count, words, unknown);
     if (command != nullptr) {
-        console.Error({text, command->get_name(), "see 'mivra " + command->get_name() + " --help'"});
+        const std::string& name = command->get_name();
+        console.Error({name + ": " + text, "", "see 'mivra " + name + " --help'"});
     } else if (!unknown.empty()) {
         console.Error({"there is no such command", unknown, "try 'mivra relay' or 'mivra doctor'"});
     } else {
@@ -70,6 +77,8 @@ ExitCode run(int count, char** words) {
     } catch (const CLI::Success& help) {
         program.exit(help);
         return ExitCode::Done;
+    } catch (const CLI::ExtrasError& error) {
+        return reportUsage(console, program, count, words, "unexpected argument" + afterColon(error.what()));
     } catch (const CLI::Error& error) {
         return reportUsage(console, program, count, words, error.what());
     }

@@ -1,0 +1,21 @@
+# Completion of mivra for fish.
+
+set -l commands relay doctor
+
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -f
+complete -c mivra -s h -l help -d 'Print help and exit'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version and exit'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a relay -d 'Copy the streams of files into other files'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a doctor -d 'Tell what a relay needs and what is missing'
+
+complete -c mivra -n '__fish_seen_subcommand_from relay' -s o -l output -r -F -d 'Another output'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l realtime -d 'As fast as the media plays'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l for -x -d 'Stop after so many seconds of media'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l stats -x -d 'Seconds between two lines of figures'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l json -d 'One JSON object a line'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l log -r -F -d 'Write a log'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
+
+complete -c mivra -n '__fish_seen_subcommand_from doctor' -f
+complete -c mivra -n '__fish_seen_subcommand_from doctor' -l json -d 'One JSON object'
+complete -c mivra -n '__fish_seen_subcommand_from doctor' -l log -r -F -d 'A log file to try'
