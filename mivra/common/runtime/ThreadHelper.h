@@ -31,15 +31,16 @@ protected:
     /// Joins and frees the threads that have reported their end, or all, with the lock given back meanwhile.
     static void cleanCallbackThreads(bool all) MIVRA_REQUIRES(s_CS) MIVRA_NO_THREAD_SAFETY_ANALYSIS;
 
-    static CritSec s_CS;
-
-private:
-    friend class CallbackThread;
     using QueuedThreads = std::map<std::thread::id, std::thread*>;
     using FinishedThreads = std::set<std::thread::id>;
 
     static QueuedThreads& queuedThreads() MIVRA_REQUIRES(s_CS);
     static FinishedThreads& finishedThreads() MIVRA_REQUIRES(s_CS);
+
+    static CritSec s_CS;
+
+private:
+    friend class CallbackThread;
     static QueuedThreads takeFinished() MIVRA_REQUIRES(s_CS);
     static QueuedThreads::node_type makeEntry();
     static QueuedThreads enqueue(QueuedThreads::node_type entry);

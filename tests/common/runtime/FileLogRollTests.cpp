@@ -1,0 +1,257 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <thread>
+
+#include "mivra/common/runtime/FileLog.h"
+#include "tests/common/runtime/LogFixture.h"
+#include "tests/support/FaultInjection.h"
+
+namespace Mivra::Test {
+namespace {
+
+using Common::FileLog;
+using ::testing::ElementsAre;
+namespace fs = std::filesystem;
+
+constexpr std::int64_t kMinute = 60 * kSecond;
+
+class FileLogRollTest : public ::testing::Test {
+protected:
+    void open(const std::string& name = "app.log") {
+        log.SetMaxLogFileSize(1);
+        log.Initialize(FileLog::Trace, Wide(folder / name).c_str());
+    }
+    // A line, a minute after the one before.
+    void line(const char* text) {
+        clock.Advance(kMinute);
+        log.Log(FileLog::Error, "%s", text);
+    }
+    std::map<std::string, std::vector<std::string>> files() {
+        std::map<std::string, std::vector<std::string>> found;
+        for (const auto& entry : fs::directory_iterator(folder.Path())) {
+            found[entry.path().filename()] = ReadMessages(entry.path());
+        }
+        return found;
+    }
+    using Files = std::map<std::string, std::vector<std::string>>;
+
+    FakeClock clock{FakeClock::Mode::Frozen};
+    TempFolder folder;
+    OpenLog log;
+};
+
+TEST_F(FileLogRollTest, KeepsOneFileByDefault) {
+    open();
+    line("a");
+    line("b");
+    EXPECT_EQ(files(), (Files{{"app.log", {}}, {"app.000.log", {"ERROR b"}}}));
+}
+
+TEST_F(FileLogRollTest, MovesTheWholeChainAndDeletesTheOldest) {
+    log.SetRollingHistorySize(3);
+    open();
+    for (const char* text : {"a", "b", "c", "d"})
+        line(text);
+    EXPECT_EQ(files(), (Files{{"app.log", {}},
+                              {"app.000.log", {"ERROR d"}},
+                              {"app.001.log", {"ERROR c"}},
+                              {"app.002.log", {"ERROR b"}}}));
+    fs::remove(folder / "app.000.log");  // a gap moves on too
+    line("e");
+    EXPECT_EQ(files(), (Files{{"app.log", {}}, {"app.000.log", {"ERROR e"}}, {"app.002.log", {"ERROR c"}}}));
+}
+
+TEST_F(FileLogRollTest, WithoutHistoryTheFileKeepsGrowing) {
+    log.SetRollingHistorySize(0);
+    open();
+    line("a");
+    line("b");
+    EXPECT_EQ(files(), (Files{{"app.log", {"ERROR a", "ERROR b"}}}));
+}
+
+TEST_F(FileLogRollTest, LooksAtTheSizeOnceAMinuteAtMost) {
+    open();
+    line("first look");
+    clock.Advance(kMinute - kSecond);
+    log.Log(FileLog::Error, "too early");
+    clock.AdvanceWall(-100 * kMinute);
+    log.Log(FileLog::Error, "clock went backwards");
+    EXPECT_EQ(files()["app.log"].size(), 2u);
+    clock.AdvanceWall(100 * kMinute + kSecond);
+    log.Log(FileLog::Error, "now");
+    EXPECT_TRUE(files()["app.log"].empty());
+    EXPECT_EQ(files()["app.000.log"].size(), 3u);
+}
+
+TEST_F(FileLogRollTest, NamesRolledFiles) {
+    const std::wstring base = Wide(folder.Path());
+    const std::vector<std::tuple<std::string, int, std::wstring>> table = {
+        {"app.log", 0, L"/app.000.log"},
+        {"app.log", 42, L"/app.042.log"},
+        {"app.log", 1234, L"/app.1234.log"},
+        {"app", 1, L"/app.001"},
+        {"a.b.log", 1, L"/a.b.001.log"},
+        {"../" + fs::path(folder.Path()).filename().string() + "/x", 0,
+         L"/../" + fs::path(folder.Path()).filename().wstring() + L"/x.000"},
+    };
+    for (const auto& [name, index, expected] : table) {
+        open(name);
+        EXPECT_EQ(log.RolledPath(index), base + expected) << name;
+    }
+}
+
+// Somebody else has rolled or moved the file away: the log follows its path, without rolling once more.
+TEST_F(FileLogRollTest, FollowsItsPathWhenAnotherProcessHasRolled) {
+    open();
+    log.SetMaxLogFileSize(1 << 20);
+    line("a");
+    fs::rename(folder / "app.log", folder / "app.000.log");
+    log.Log(FileLog::Error, "within the second");
+    clock.Advance(kSecond);
+    log.Log(FileLog::Error, "followed");
+    EXPECT_EQ(files(), (Files{{"app.log", {"ERROR followed"}},
+                              {"app.000.log", {"ERROR a", "ERROR within the second"}}}));
+}
+
+TEST_F(FileLogRollTest, OnlyReopensWhenAnotherProcessHasRolledBeforeTheLook) {
+    open();
+    line("first look");  // rolls
+    FileLog other;
+    other.SetMaxLogFileSize(1);
+    other.Initialize(FileLog::Trace, Wide(folder / "app.log").c_str());
+    other.Log(FileLog::Error, "its first look");  // rolls too: "first look" is gone with a history of 1
+    log.Log(FileLog::Error, "into the rolled file");
+    EXPECT_EQ(files(), (Files{{"app.log", {}},
+                              {"app.000.log", {"ERROR its first look", "ERROR into the rolled file"}}}));
+}
+
+// The whole life of a log with every call failing in turn: it goes on, and loses no line but one.
+TEST_F(FileLogRollTest, SurvivesEveryFault) {
+    using enum FaultKind;
+    for (const FaultKind kind : {Open, Write, Lock, Rename, Unlink, Stat, Sync, Truncate, Allocate}) {
+        SCOPED_TRACE(FaultName(kind));
+        const std::uint64_t failed = ForEachNthFailure(kind, [&] {
+            TempFolder place;
+            const std::wstring path = Wide(place / "app.log");
+            const std::string paths[] = {place / "app.log", place / "app.000.log", place / "app.001.log"};
+            FileLog subject;
+            subject.SetMaxLogFileSize(1);
+            subject.SetRollingHistorySize(2);
+            try {
+                subject.Initialize(FileLog::Trace, path.c_str());
+                for (const char* text : {"a", "a", "b"}) {
+                    clock.Advance(kMinute);
+                    subject.Log(FileLog::Error, "%s", text);
+                }
+                subject.Initialize(FileLog::Trace, path.c_str());
+                subject.Log(FileLog::Error, "c");
+            } catch (const std::bad_alloc&) {
+                return;  // out of Initialize
+            }
+            std::string chain;
+            for (const std::string& file : paths)
+                chain += ReadWholeFile(file);
+            const auto lines = std::count(chain.begin(), chain.end(), '\n');
+            EXPECT_GE(lines, 3);  // a, summary, b, c
+        });
+        EXPECT_TRUE(failed > 0 || kind == Unlink || kind == Truncate);
+    }
+}
+
+// Processes and threads that write into one file while it rolls.
+constexpr int kProcesses = 4;
+constexpr int kThreads = 8;
+constexpr int kRolls = 5;
+
+std::string writerLine(int process, int thread, int number) {
+    return "p" + std::to_string(process) + " t" + std::to_string(thread) + " n" + std::to_string(number);
+}
+
+}  // namespace
+
+// One of the processes: its clock goes five minutes on in steps while its threads write.
+int RunLogWriter(const std::string& path, int process, int linesPerThread) {
+    FakeClock clock(FakeClock::Mode::Frozen);
+    FileLog log;
+    log.SetMaxLogFileSize(4096);
+    log.SetRollingHistorySize(100);
+    log.Initialize(FileLog::Trace, Wide(path).c_str());
+    std::atomic<int> written{0};
+    const int step = kThreads * linesPerThread / (kRolls + 1);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int number = 0; number < linesPerThread; ++number) {
+                if (++written % step == 0) clock.Advance(kMinute);
+                log.Log(FileLog::Information, "%s", writerLine(process, thread, number).c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    return 0;
+}
+
+namespace {
+
+pid_t spawnWriter(const std::string& path, int process, int lines) {
+    const std::string arguments[] = {"--log-writer", path, std::to_string(process), std::to_string(lines)};
+    std::vector<char*> argv = {const_cast<char*>("/proc/self/exe")};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t id = -1;
+    EXPECT_EQ(::posix_spawn(&id, "/proc/self/exe", nullptr, nullptr, argv.data(), environ), 0);
+    return id;
+}
+
+// MIVRA_SOAK=1: 50,000 lines a process.
+TEST(FileLogProcessTest, LosesAndTearsNoLineWhileFourProcessesRoll) {
+    const int lines = std::getenv("MIVRA_SOAK") != nullptr ? 50000 / kThreads : 500;
+    TempFolder folder;
+    std::vector<pid_t> processes;
+    for (int process = 0; process < kProcesses; ++process) {
+        processes.push_back(spawnWriter(folder / "app.log", process, lines));
+    }
+    for (const pid_t process : processes) {
+        int status = -1;
+        EXPECT_EQ(::waitpid(process, &status, 0), process);
+        EXPECT_EQ(status, 0);
+    }
+    std::map<std::string, int> seen;
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(folder.Path())) {
+        ++files;
+        for (const std::string& line : ReadMessages(entry.path()))
+            ++seen[line];
+    }
+    EXPECT_GT(files, kRolls);
+    EXPECT_EQ(seen.size(), static_cast<std::size_t>(kProcesses * kThreads * lines));
+    for (int process = 0; process < kProcesses; ++process) {
+        for (int thread = 0; thread < kThreads; ++thread) {
+            for (int number = 0; number < lines; ++number) {
+                ASSERT_EQ(seen["INFO  " + writerLine(process, thread, number)], 1);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace Mivra::Test
+
+// The program is its own writing process.
+int main(int argc, char** argv) {
+    if (argc == 5 && std::string(argv[1]) == "--log-writer") {
+        return Mivra::Test::RunLogWriter(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

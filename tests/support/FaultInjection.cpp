@@ -1,0 +1,216 @@
+#include "tests/support/FaultInjection.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "mivra/platform/System.h"
+
+namespace Mivra::Test {
+namespace {
+
+using Platform::g_system;
+using Platform::SystemTable;
+
+struct Fault {
+    const char* name;
+    int error;
+};
+constexpr Fault kFaults[kFaultKinds] = {
+    {"Open", EACCES},        {"Read", EIO},
+    {"Write", ENOSPC},       {"Seek", EINVAL},
+    {"Truncate", EIO},       {"Sync", EIO},
+    {"Stat", EIO},           {"Rename", EACCES},
+    {"Unlink", EACCES},      {"MakeDirectory", EACCES},
+    {"Lock", ENOLCK},        {"Allocate", ENOMEM},
+    {"StartThread", EAGAIN}, {"OpenLibrary", ENOENT},
+    {"FindSymbol", ENOENT},
+};
+
+// Per kind: the calls that fail are first..last; 0 means no plan.
+struct Plan {
+    std::atomic<std::uint64_t> first{0};
+    std::atomic<std::uint64_t> last{0};
+    std::atomic<std::uint64_t> calls{0};
+    std::atomic<int> error{0};
+};
+constinit Plan s_plans[kFaultKinds];
+
+Plan& planOf(FaultKind kind) {
+    return s_plans[static_cast<int>(kind)];
+}
+
+// Counts a call; whether it has to fail, with errno set.
+bool fails(FaultKind kind) noexcept {
+    Plan& plan = planOf(kind);
+    const std::uint64_t first = plan.first.load(std::memory_order_acquire);
+    if (first == 0) return false;
+    const std::uint64_t call = plan.calls.fetch_add(1) + 1;
+    if (call < first || call > plan.last.load()) return false;
+    errno = plan.error.load();
+    return true;
+}
+
+template <typename Result>
+Result failure() {
+    if constexpr (std::is_same_v<Result, std::thread*>) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    } else if constexpr (std::is_pointer_v<Result>) {
+        return nullptr;
+    } else {
+        return -1;
+    }
+}
+
+// Stands in for one entry of the table for the whole life of the program, so that a plan touches nothing that
+// another thread reads without care.
+template <FaultKind kind, auto entry>
+struct Stand;
+
+template <FaultKind kind, typename Result, typename... Arguments, Result (*SystemTable::*entry)(Arguments...)>
+struct Stand<kind, entry> {
+    static Result call(Arguments... arguments) {
+        if (fails(kind)) return failure<Result>();
+        return s_real(std::forward<Arguments>(arguments)...);
+    }
+    static void install() { s_real = std::exchange(g_system.*entry, call); }
+
+    static inline Result (*s_real)(Arguments...) = nullptr;
+};
+
+const bool s_installed = [] {
+    using T = SystemTable;
+    using enum FaultKind;
+    Stand<Open, &T::open>::install();
+    Stand<Read, &T::read>::install();
+    Stand<Read, &T::readAt>::install();
+    Stand<Write, &T::write>::install();
+    Stand<Write, &T::writeAt>::install();
+    Stand<Seek, &T::seek>::install();
+    Stand<Truncate, &T::truncate>::install();
+    Stand<Sync, &T::sync>::install();
+    Stand<Stat, &T::descriptorStatus>::install();
+    Stand<Stat, &T::pathStatus>::install();
+    Stand<Rename, &T::rename>::install();
+    Stand<Unlink, &T::unlink>::install();
+    Stand<MakeDirectory, &T::makeDirectory>::install();
+    Stand<Lock, &T::lockRange>::install();
+    Stand<Allocate, &T::allocate>::install();
+    Stand<StartThread, &T::startThread>::install();
+    Stand<OpenLibrary, &T::openLibrary>::install();
+    Stand<FindSymbol, &T::findSymbol>::install();
+    return true;
+}();
+
+void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept {
+    if (fails(FaultKind::Allocate)) return nullptr;
+    if (size == 0) size = 1;
+    if (alignment <= alignof(std::max_align_t)) return std::malloc(size);
+    return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+}
+
+void* allocateOrThrow(std::size_t size, std::size_t alignment) {
+    void* memory = allocateOrNull(size, alignment);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+}  // namespace
+
+const char* FaultName(FaultKind kind) {
+    return kFaults[static_cast<int>(kind)].name;
+}
+
+FaultPlan::FaultPlan(FaultKind kind, std::uint64_t nth, Span span, int error) : planned(kind), first(nth) {
+    Plan& plan = planOf(kind);
+    EXPECT_EQ(plan.first.load(), 0u) << "one plan of a kind at a time";
+    plan.error = error != 0 ? error : kFaults[static_cast<int>(kind)].error;
+    plan.last = span == Span::Once ? nth : UINT64_MAX;
+    plan.calls = 0;
+    plan.first.store(nth, std::memory_order_release);
+}
+
+FaultPlan::~FaultPlan() {
+    planOf(planned).first.store(0, std::memory_order_release);
+}
+
+std::uint64_t FaultPlan::Calls() const {
+    return planOf(planned).calls.load();
+}
+
+std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& body, std::uint64_t limit) {
+    for (std::uint64_t nth = 1; nth <= limit; ++nth) {
+        bool reached;
+        {
+            const FaultPlan plan(kind, nth);
+            body();
+            reached = plan.Reached();
+        }
+        if (::testing::Test::HasFatalFailure() || ::testing::Test::HasNonfatalFailure()) {
+            ADD_FAILURE() << "with call " << nth << " of kind " << FaultName(kind) << " failing";
+            return nth;
+        }
+        if (!reached) return nth - 1;
+    }
+    ADD_FAILURE() << "more than " << limit << " calls of kind " << FaultName(kind);
+    return limit;
+}
+
+}  // namespace Mivra::Test
+
+using Mivra::Test::allocateOrNull;
+using Mivra::Test::allocateOrThrow;
+
+void* operator new(std::size_t size) {
+    return allocateOrThrow(size, 1);
+}
+void* operator new[](std::size_t size) {
+    return allocateOrThrow(size, 1);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return allocateOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return allocateOrThrow(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocateOrNull(size, 1);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocateOrNull(size, 1);
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return allocateOrNull(size, static_cast<std::size_t>(alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return allocateOrNull(size, static_cast<std::size_t>(alignment));
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
+    std::free(memory);
+}

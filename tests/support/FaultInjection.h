@@ -1,0 +1,59 @@
+#pragma once
+
+// Makes the Nth call of a kind fail, in every thread, in programs that link the test support: the entries of
+// the system table and the global operator new look at the plan. Works under the sanitizers.
+
+#include <cstdint>
+#include <functional>
+
+namespace Mivra::Test {
+
+enum class FaultKind {
+    Open,
+    Read,   // read and readAt
+    Write,  // write and writeAt
+    Seek,
+    Truncate,
+    Sync,
+    Stat,  // of a descriptor and of a path
+    Rename,
+    Unlink,
+    MakeDirectory,
+    Lock,      // lockRange, both ways
+    Allocate,  // operator new (std::bad_alloc) and SystemTable::allocate (null)
+    StartThread,
+    OpenLibrary,
+    FindSymbol,
+};
+constexpr int kFaultKinds = static_cast<int>(FaultKind::FindSymbol) + 1;
+
+const char* FaultName(FaultKind kind);
+
+/// While it lives, the nth call of the kind from now on fails; n = 1 is the next one. One plan of a kind at a
+/// time.
+class FaultPlan {
+public:
+    enum class Span { Once, FromThenOn };
+
+    /// `error` is the errno of the failure; 0: one that suits the kind.
+    FaultPlan(FaultKind kind, std::uint64_t nth, Span span = Span::Once, int error = 0);
+    ~FaultPlan();
+    FaultPlan(const FaultPlan&) = delete;
+    FaultPlan& operator=(const FaultPlan&) = delete;
+
+    /// Whether the nth call has come.
+    bool Reached() const { return Calls() >= first; }
+    /// Calls of the kind since the plan began.
+    std::uint64_t Calls() const;
+
+private:
+    FaultKind planned;
+    std::uint64_t first;
+};
+
+/// Runs the body with the 1st, 2nd, ... call of the kind failing, until a run no longer reaches its N.
+/// Returns the number of calls that failed. A test failure when the limit is passed.
+std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& body,
+                                std::uint64_t limit = 5000);
+
+}  // namespace Mivra::Test

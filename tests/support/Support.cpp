@@ -1,1 +1,0 @@
-// Shared fixtures of the tests.
