@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <new>
@@ -172,7 +174,9 @@ constexpr int kThreads = 8;
 constexpr int kRolls = 5;
 
 std::string writerLine(int process, int thread, int number) {
-    return "p" + std::to_string(process) + " t" + std::to_string(thread) + " n" + std::to_string(number);
+    char text[64];
+    std::snprintf(text, sizeof text, "p%d t%d n%d", process, thread, number);
+    return text;
 }
 
 }  // namespace
