@@ -20,7 +20,11 @@ public:
     }
     void Stop() override {}
     int GetStreamCount() override { return 1; }
-    Common::MediaType GetMediaType(int) override { return {}; }
+    Common::MediaType GetMediaType(int) override {
+        Common::MediaType type;
+        type.ContentType() = Common::ContentType_t::Binary;
+        return type;
+    }
     void Discard(std::map<int, bool>) override {}
     void SetDesiredOutputType(int, Common::MediaType) override {}
 

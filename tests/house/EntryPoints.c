@@ -39,7 +39,8 @@ int main(int argc, char** argv) {
     faults += expect(MivraCommonInitialize() == 0, "initialization");
     const void* log = MivraCommonGetLog();
     faults += expect(log != NULL, "a log after initialization");
-    faults += expect(MivraCommonInitialize() == 0 && MivraCommonGetLog() == log, "a second one changes nothing");
+    faults +=
+        expect(MivraCommonInitialize() == 0 && MivraCommonGetLog() == log, "a second one changes nothing");
     faults += expect(MivraCommonSetLog(3, path) == 0, "log on");
     faults += expect(logTells(argv[1], "SetLog: Mivra.Common v2.3.0.0208 log enabled"), "the log says so");
     faults += expect(MivraCommonShutdown() == 0, "shutdown");
