@@ -2,14 +2,15 @@
 
 duration_of() { ffprobe -v error -show_entries format=duration -of csv=p=0 "$1"; }
 
-# FILE: "video h264 1280x720 600" and "audio aac 2 863", one line a stream.
+# FILE: "video h264 1280x720 600" and "audio aac 2 939", one line a stream. A transport stream's are listed once for
+# the program and once for the file.
 streams_of() {
     ffprobe -v error -count_packets -show_entries \
-        stream=codec_type,codec_name,width,height,channels,nb_read_packets -of default=nw=1 "$1" |
+        stream=index,codec_type,codec_name,width,height,channels,nb_read_packets -of default=nw=1 "$1" |
         awk -F= '
-            $1 == "codec_name" {name = $2} $1 == "codec_type" {type = $2}
+            $1 == "index" {index_of = $2} $1 == "codec_name" {name = $2} $1 == "codec_type" {type = $2}
             $1 == "width" {shape = $2} $1 == "height" {shape = shape "x" $2} $1 == "channels" {shape = $2}
-            $1 == "nb_read_packets" {print type, name, shape, $2}'
+            $1 == "nb_read_packets" && !seen[index_of]++ {print type, name, shape, $2}'
 }
 
 make_film() {  # FILE: 20 s, 1280x720, H.264 with B-frames and stereo AAC
@@ -37,9 +38,9 @@ check_output() {  # INPUT OUTPUT: the same streams with as many packets, and no 
     expected=$(streams_of "$1" | sort)
     got=$(streams_of "$2" | sort)
     [ "$expected" = "$got" ] ||
-        die "${2##*/} is not what went in." "Expected:" "$expected" "Found:" "$got"
+        die "${2##*/} is not what went in. Expected:"$'\n'"$expected"$'\n'"Found:"$'\n'"$got"
     errors=$(ffprobe -v error -show_frames -show_entries frame=pts "$2" 2>&1 >/dev/null)
-    [ -z "$errors" ] || die "${2##*/} does not decode cleanly:" "$errors"
+    [ -z "$errors" ] || die "${2##*/} does not decode cleanly:"$'\n'"$errors"
 }
 
 demo() {  # FOLDER
