@@ -1,11 +1,71 @@
+// mivra relay: copies the streams of files into other files.
+
 #include <CLI/CLI.hpp>
+#include <memory>
 
 #include "tools/mivra/Commands.h"
+#include "tools/mivra/Relay.h"
 
 namespace Mivra::Tool {
+namespace {
 
-void addRelayCommand(CLI::App& program, Action&) {
-    program.add_subcommand("relay", "Copy the streams of files into other files");
+constexpr const char* kFooter =
+    "\nThe last FILE is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac; '-' is "
+    "standard"
+    "\ninput or output, which is written as MPEG-TS. Nothing is encoded anew."
+    "\n\nExamples:"
+    "\n  mivra relay film.mp4 film.ts"
+    "\n  mivra relay film.mp4 copy.mkv -o film.ts"
+    "\n  mivra relay picture.mp4 sound.mp4 both.mkv"
+    "\n  mivra relay --realtime film.mp4 - | player"
+    "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, 5 damaged input,"
+    "\n6 an output that failed while writing.";
+
+constexpr double kLongest = 1e9;  // seconds
+
+struct Arguments {
+    std::vector<std::string> files;
+    std::vector<std::string> more;
+    RelayOptions options;
+};
+
+ExitCode runRelay(const Arguments& arguments) {
+    RelayOptions options = arguments.options;
+    options.inputs.assign(arguments.files.begin(), arguments.files.end() - 1);
+    options.outputs.assign(1, arguments.files.back());
+    options.outputs.insert(options.outputs.end(), arguments.more.begin(), arguments.more.end());
+    return relay(options);
+}
+
+}  // namespace
+
+void addRelayCommand(CLI::App& program, Action& action) {
+    auto* const command = program.add_subcommand("relay", "Copy the streams of files into other files");
+    const auto arguments = std::make_shared<Arguments>();
+    RelayOptions& options = arguments->options;
+    command->add_option("FILE", arguments->files, "Inputs, then the first output")
+        ->required()
+        ->expected(2, 1000)
+        ->type_name("INPUT... OUTPUT");
+    command->add_option("-o,--output", arguments->more, "One more output")
+        ->type_name("OUTPUT")
+        ->allow_extra_args(false);
+    command->add_flag("--realtime", options.realtime, "No faster than the media plays");
+    command->add_option("--for", options.seconds, "Stop after so many seconds of media")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.001, kLongest));
+    command->add_option("--stats", options.statsSeconds, "Seconds between lines of figures; 0: only the last")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kLongest));
+    command->add_flag("--json", options.json, "Figures as one JSON object a line");
+    command->add_option("--log", options.log, "Write a log file")->type_name("FILE");
+    command
+        ->add_option("--log-level", options.logLevel,
+                     "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
+        ->type_name("N")
+        ->check(CLI::Range(0, 5));
+    command->footer(kFooter);
+    command->callback([arguments, &action] { action = [arguments] { return runRelay(*arguments); }; });
 }
 
 }  // namespace Mivra::Tool

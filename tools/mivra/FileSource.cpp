@@ -1,0 +1,306 @@
+#include "tools/mivra/FileSource.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <system_error>
+
+#include "mivra/common/runtime/GeneralException.h"
+#include "mivra/common/runtime/Reference.h"
+#include "tools/mivra/PacketFlags.h"
+#include "tools/mivra/ProblemError.h"
+#include "tools/mivra/StreamMapping.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::AutoLock;
+using Common::GeneralException;
+using Common::MediaType;
+using Common::PacketBuffer;
+using Media::MediaState;
+
+/// The numbers that transport streams give to streams of a kind; others travel with their packets.
+bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
+    return id == (kind == Common::ContentType_t::Video ? 0xE0 : 0xC0);
+}
+
+}  // namespace
+
+FileSource::FileSource(FileSourceOptions what, std::shared_ptr<RelayShared> with)
+    : options(std::move(what)), shared(std::move(with)), lane(shared->budget.Lane(options.index)) {
+    canPause = true;
+}
+
+FileSource::~FileSource() {
+    destroying = true;
+    halt();
+}
+
+void FileSource::Open() {
+    try {
+        auto made = std::make_unique<Demuxer>(options.path);
+        {
+            AutoLock hold(lock);
+            demuxer = std::move(made);
+        }
+        if (stopping) {
+            throw GeneralException("stopped");
+        }
+        demuxer->Open();
+    } catch (const ProblemError& error) {
+        if (!stopping) {
+            shared->monitor.Fail(error.code, error.problem);
+        }
+        throw GeneralException("%s", error.what());
+    }
+    for (int i = 0; i < demuxer->StreamCount(); ++i) {
+        const auto kind = demuxer->Type(i).ContentType();
+        const bool read = kind == Common::ContentType_t::Video || kind == Common::ContentType_t::Audio;
+        ended.push_back(!read);
+        streamsLeft += read ? 1 : 0;
+    }
+    {
+        AutoLock hold(lock);
+        duration = demuxer->Duration();
+    }
+    setStateInThread(MediaState::Opened);
+}
+
+void FileSource::Start() {
+    const int count = demuxer->StreamCount();
+    for (int i = 0; i < count; ++i) {
+        MediaType type = demuxer->Type(i);
+        onNewStream(i, count, &type);
+    }
+    setStateInThread(MediaState::Started);
+    const std::lock_guard hold(gate);
+    if (!stopping) {
+        thread = std::thread([this] { run(); });
+    }
+}
+
+void FileSource::Stop() {
+    setStateInThread(MediaState::Stopping);
+    halt();
+    setStateInThread(MediaState::Stopped);
+}
+
+void FileSource::halt() {
+    std::thread own;
+    {
+        const std::lock_guard hold(gate);
+        stopping = true;
+        own = std::move(thread);
+    }
+    gateChanged.notify_all();
+    lane.Close();
+    shared->pace.Wake();
+    {
+        AutoLock hold(lock);
+        if (demuxer != nullptr) {
+            demuxer->Interrupt();
+        }
+    }
+    if (own.joinable()) {
+        own.join();
+    }
+}
+
+int FileSource::GetStreamCount() {
+    return demuxer != nullptr ? demuxer->StreamCount() : 0;
+}
+
+MediaType FileSource::GetMediaType(int streamIndex) {
+    if (streamIndex < 0 || streamIndex >= GetStreamCount()) {
+        throw GeneralException("FileSource::GetMediaType: there is no stream %d", streamIndex);
+    }
+    return demuxer->Type(streamIndex);
+}
+
+void FileSource::Discard(std::map<int, bool> streams) {
+    const std::lock_guard hold(gate);
+    for (const auto& [index, discarded] : streams) {
+        wantedDiscards[index] = discarded;
+    }
+    discardsChanged = true;
+}
+
+void FileSource::SetDesiredOutputType(int streamIndex, MediaType type) {
+    if (type != GetMediaType(streamIndex)) {
+        onError("a file delivers its packets as they are: " + options.path, false);
+    }
+}
+
+void FileSource::Pause() {
+    paused = true;
+}
+
+void FileSource::Resume() {
+    {
+        const std::lock_guard hold(gate);
+        paused = false;
+        anchored = false;
+    }
+    gateChanged.notify_all();
+}
+
+void FileSource::OnActionRequired(std::shared_ptr<Media::ActionRequiredEventArgs> args) {
+    const bool seek = args != nullptr && args->action == Media::ActionRequiredEventArgs::Seek;
+    onError((seek ? "a file that is relayed cannot seek: " : "a file has no such action: ") + options.path,
+            false);
+}
+
+void FileSource::run() {
+    try {
+        relay();
+        if (!demuxer->Damage().empty()) {
+            const Problem problem{"damaged input: " + demuxer->Damage(), options.path,
+                                  "what could be read is written"};
+            shared->monitor.Damaged(problem);
+            raiseErrorInThread(toLine(problem), false);
+        }
+    } catch (const std::bad_alloc&) {
+        fail({"no memory for a packet of the input", options.path, "is the file damaged?"});
+    } catch (const std::exception& error) {
+        fail({std::string("cannot read on: ") + error.what(), options.path, ""});
+    }
+    finish();
+}
+
+void FileSource::fail(const Problem& problem) {
+    shared->monitor.Fail(ExitCode::Failed, problem);
+    try {
+        raiseErrorInThread(toLine(problem), true);
+    } catch (const std::system_error&) {
+        onError(toLine(problem), true);  // no thread to be had
+    }
+}
+
+void FileSource::finish() {
+    eos = true;
+    shared->pace.Finish(options.index);
+    shared->monitor.SourceEnded();
+}
+
+void FileSource::relay() {
+    while (!stopping && streamsLeft > 0) {
+        if (discardsChanged.exchange(false)) {
+            applyDiscards();
+        }
+        if ((paused && !waitWhilePaused()) || demuxer->Read() != Demuxer::Result::Packet ||
+            !deliver(demuxer->Packet())) {
+            return;
+        }
+    }
+}
+
+void FileSource::applyDiscards() {
+    const std::lock_guard hold(gate);
+    for (const auto& [index, discarded] : wantedDiscards) {
+        if (index >= 0 && index < demuxer->StreamCount()) {
+            demuxer->SetDiscarded(index, discarded);
+        }
+    }
+    wantedDiscards.clear();
+}
+
+// False when the relay is over.
+bool FileSource::deliver(AVPacket& packet) {
+    const int stream = packet.stream_index;
+    const std::int64_t dts = demuxer->LastDts(stream);
+    if (options.length > 0 && isPastEnd(stream, dts)) {
+        return true;
+    }
+    if (options.realtime && !waitUntilDue(dts)) {
+        return false;
+    }
+    shared->pace.Advance(options.index, dts, stopping);
+    const auto buffer =
+        Common::Reference<PacketBuffer>::Adopt(lane.Take(packet.size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!buffer) {
+        return false;
+    }
+    fill(*buffer.get(), packet);
+    {
+        AutoLock hold(lock);
+        position = std::max<std::int64_t>(position, dts);
+    }
+    shared->monitor.Delivered(packet.size);
+    onNewSample(stream, buffer.get());
+    return true;
+}
+
+bool FileSource::isPastEnd(int stream, std::int64_t dts) {
+    const auto index = static_cast<std::size_t>(stream);
+    if (!ended[index] && dts >= options.length) {
+        ended[index] = true;
+        --streamsLeft;
+    }
+    return ended[index];
+}
+
+bool FileSource::waitUntilDue(std::int64_t dts) {
+    std::unique_lock hold(gate);
+    if (!anchored) {
+        anchored = true;
+        anchor = Clock::now();
+        anchorDts = dts;
+    }
+    const auto due = anchor + std::chrono::microseconds((dts - anchorDts) / 10);
+    gateChanged.wait_until(hold, due, [this] { return stopping.load(); });
+    return !stopping;
+}
+
+bool FileSource::waitWhilePaused() {
+    std::unique_lock hold(gate);
+    gateChanged.wait(hold, [this] { return stopping || !paused; });
+    return !stopping;
+}
+
+void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet) {
+    const auto size = static_cast<std::size_t>(packet.size);
+    if (size > 0) {
+        std::memcpy(buffer.Buffer(), packet.data, size);
+    }
+    // What reads bits may look this far beyond the end.
+    std::memset(buffer.Buffer() + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+    buffer.ActualSize() = packet.size;
+    const AVRational base = demuxer->TimeBase(packet.stream_index);
+    buffer.Pts() = rescale(packet.pts, base, kPacketTimeBase);
+    buffer.Dts() = rescale(packet.dts, base, kPacketTimeBase);
+    buffer.Duration() = rescale(packet.duration, base, kPacketTimeBase);
+    buffer.StreamIndex() = packet.stream_index;
+    const bool corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+    buffer.KeyFrame() = (packet.flags & AV_PKT_FLAG_KEY) != 0;
+    buffer.CleanPoint() = buffer.KeyFrame() && !corrupt;
+    buffer.Discontinuity() = corrupt;
+    buffer.OneMessage() = true;
+    buffer.FilePosition() = packet.pos;
+    setPacketFlags(buffer, packet.flags);
+    if (packet.side_data_elems > 0) {
+        fillSideData(buffer, packet);
+    }
+}
+
+void FileSource::fillSideData(PacketBuffer& buffer, const AVPacket& packet) const {
+    const MediaType& type = demuxer->Type(packet.stream_index);
+    for (int i = 0; i < packet.side_data_elems; ++i) {
+        const AVPacketSideData& data = packet.side_data[i];
+        if (data.type == AV_PKT_DATA_MPEGTS_STREAM_ID && data.size == 1 &&
+            isUsualStreamId(data.data[0], type.ContentType())) {
+            continue;
+        }
+        if (data.type == AV_PKT_DATA_NEW_EXTRADATA) {
+            auto changed = std::make_unique<MediaType>(type);
+            setPrivateData(*changed, data.data, data.size);
+            delete buffer.NewMediaType();
+            buffer.NewMediaType() = changed.release();
+            continue;
+        }
+        buffer.ExtraData()[kPacketSideData + std::to_string(static_cast<int>(data.type))] =
+            std::string(reinterpret_cast<const char*>(data.data), data.size);
+    }
+}
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,215 @@
+#include "tools/mivra/MediaFile.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+#include <system_error>
+
+namespace Mivra::Tool {
+namespace {
+
+using FFmpeg::FfmpegOptional;
+using FFmpeg::FfmpegProxy;
+
+constexpr int kReadBuffer = 256 << 10;
+constexpr int kWriteBuffer = 256 << 10;
+constexpr mode_t kFileMode = 0666;
+
+template <typename Call>
+auto retried(Call call) {
+    auto result = call();
+    while (result < 0 && errno == EINTR) {
+        result = call();
+    }
+    return result;
+}
+
+[[noreturn]] void fail(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), path);
+}
+
+AVIOContext* makeContext(int bufferSize, bool writing, void* self, int (*read)(void*, std::uint8_t*, int),
+                         int (*write)(void*, std::uint8_t*, int),
+                         std::int64_t (*seek)(void*, std::int64_t, int)) {
+    auto* const buffer =
+        static_cast<unsigned char*>(FfmpegProxy::av_mallocz(static_cast<std::size_t>(bufferSize)));
+    if (buffer == nullptr) {
+        throw std::bad_alloc();
+    }
+    AVIOContext* const context =
+        FfmpegProxy::avio_alloc_context(buffer, bufferSize, writing ? 1 : 0, self, read, write, seek);
+    if (context == nullptr) {
+        FfmpegProxy::av_free(buffer);
+        throw std::bad_alloc();
+    }
+    context->seekable = seek != nullptr ? AVIO_SEEKABLE_NORMAL : 0;
+    return context;
+}
+
+void freeContext(AVIOContext*& context) {
+    if (context != nullptr) {
+        FfmpegProxy::av_freep(&context->buffer);
+        FfmpegOptional::avio_context_free(&context);
+    }
+}
+
+std::int64_t seekIn(int descriptor, std::int64_t offset, int whence) {
+    if ((whence & AVSEEK_SIZE) != 0) {
+        struct stat status {};
+        return ::fstat(descriptor, &status) == 0 ? status.st_size : AVERROR(errno);
+    }
+    const off_t position = ::lseek(descriptor, offset, whence & ~AVSEEK_FORCE);
+    return position < 0 ? AVERROR(errno) : position;
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path) {
+    const bool standard = path == kStandardStream;
+    // Opening a named pipe does not wait for its writer; reading does.
+    descriptor = retried([&] {
+        return standard ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                        : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    });
+    if (descriptor < 0) {
+        fail(path);
+    }
+    struct stat status {};
+    const bool regular = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    if (S_ISDIR(status.st_mode)) {
+        ::close(descriptor);
+        errno = EISDIR;
+        fail(path);
+    }
+    if (regular) {
+        size = status.st_size;
+        ::posix_fadvise(descriptor, 0, 0, POSIX_FADV_SEQUENTIAL);
+    } else {
+        wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    try {
+        context = makeContext(kReadBuffer, false, this, read, nullptr, regular ? seek : nullptr);
+    } catch (...) {
+        ::close(descriptor);
+        throw;
+    }
+}
+
+InputFile::~InputFile() {
+    freeContext(context);
+    ::close(descriptor);
+    if (wakeDescriptor >= 0) {
+        ::close(wakeDescriptor);
+    }
+}
+
+void InputFile::Interrupt() {
+    interrupted.store(true);
+    if (wakeDescriptor >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor, &one, sizeof(one));
+    }
+}
+
+bool InputFile::waitReadable() {
+    pollfd wanted[] = {{descriptor, POLLIN, 0}, {wakeDescriptor, POLLIN, 0}};
+    retried([&] { return ::poll(wanted, 2, -1); });
+    return !interrupted.load();
+}
+
+int InputFile::read(void* self, std::uint8_t* data, int size) {
+    auto& file = *static_cast<InputFile*>(self);
+    ssize_t got = -1;
+    do {
+        if (file.interrupted.load() || (file.wakeDescriptor >= 0 && !file.waitReadable())) {
+            return AVERROR_EXIT;
+        }
+        got = retried([&] { return ::read(file.descriptor, data, static_cast<std::size_t>(size)); });
+    } while (got < 0 && errno == EAGAIN && file.wakeDescriptor >= 0);
+    if (got < 0) {
+        return AVERROR(errno);
+    }
+    file.bytesRead.fetch_add(got, std::memory_order_relaxed);
+    return got == 0 ? AVERROR_EOF : static_cast<int>(got);
+}
+
+std::int64_t InputFile::seek(void* self, std::int64_t offset, int whence) {
+    return seekIn(static_cast<InputFile*>(self)->descriptor, offset, whence);
+}
+
+OutputFile::OutputFile(const std::string& name) : path(name), standard(name == kStandardStream) {
+    if (standard) {
+        descriptor = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    } else {
+        // Made anew or opened as it is: what is there is lost only when there is something to write.
+        const int flags = O_WRONLY | O_CLOEXEC;
+        descriptor = retried([&] { return ::open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode); });
+        created = descriptor >= 0;
+        if (!created && errno == EEXIST) {
+            descriptor = retried([&] { return ::open(path.c_str(), flags | O_CREAT, kFileMode); });
+        }
+    }
+    if (descriptor < 0) {
+        fail(path);
+    }
+    struct stat status {};
+    regular = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    try {
+        context =
+            makeContext(kWriteBuffer, true, this, nullptr, write, regular && !standard ? seek : nullptr);
+    } catch (...) {
+        ::close(descriptor);
+        throw;
+    }
+    context->min_packet_size = regular ? kWriteBuffer : 0;
+}
+
+OutputFile::~OutputFile() {
+    freeContext(context);
+    Close();
+}
+
+bool OutputFile::Begin() {
+    return standard || !regular || retried([&] { return ::ftruncate(descriptor, 0); }) == 0;
+}
+
+void OutputFile::Discard() {
+    if (created) {
+        ::unlink(path.c_str());
+    }
+}
+
+void OutputFile::Close() {
+    if (descriptor >= 0 && ::close(descriptor) != 0 && writeError == 0 && errno != EINTR) {
+        writeError = errno;
+    }
+    descriptor = -1;
+}
+
+int OutputFile::write(void* self, std::uint8_t* data, int size) {
+    auto& file = *static_cast<OutputFile*>(self);
+    for (int done = 0; done < size;) {
+        const ssize_t written = ::write(file.descriptor, data + done, static_cast<std::size_t>(size - done));
+        if (written >= 0) {
+            done += static_cast<int>(written);
+        } else if (errno == EAGAIN) {
+            pollfd wanted{file.descriptor, POLLOUT, 0};
+            ::poll(&wanted, 1, -1);
+        } else if (errno != EINTR) {
+            file.writeError = errno;
+            return AVERROR(errno);
+        }
+    }
+    return size;
+}
+
+std::int64_t OutputFile::seek(void* self, std::int64_t offset, int whence) {
+    return seekIn(static_cast<OutputFile*>(self)->descriptor, offset, whence);
+}
+
+}  // namespace Mivra::Tool

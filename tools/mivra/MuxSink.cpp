@@ -1,0 +1,121 @@
+#include "tools/mivra/MuxSink.h"
+
+#include <new>
+#include <system_error>
+
+#include "mivra/common/runtime/GeneralException.h"
+#include "tools/mivra/ProblemError.h"
+#include "tools/mivra/StreamMapping.h"
+
+namespace Mivra::Tool {
+
+using Common::MediaType;
+using Common::PacketBuffer;
+using Media::MediaState;
+
+MuxSink::MuxSink(MuxSinkOptions what, std::shared_ptr<RelayShared> with)
+    : options(std::move(what)), shared(std::move(with)) {}
+
+MuxSink::~MuxSink() {
+    destroying = true;
+    muxer.reset();
+}
+
+void MuxSink::Open() {
+    try {
+        muxer = std::make_unique<Muxer>(options.path, *options.format);
+    } catch (const ProblemError& error) {
+        shared->monitor.Fail(error.code, error.problem);
+        throw Common::GeneralException("%s", error.what());
+    }
+    setStateInThread(MediaState::Opened);
+}
+
+void MuxSink::AddStream(int streamIndex, MediaType* type) {
+    const auto index = static_cast<std::size_t>(streamIndex);
+    if (types.size() <= index) {
+        types.resize(index + 1);
+    }
+    types[index] = *type;
+}
+
+void MuxSink::Start(bool) {
+    try {
+        muxer->Begin(types);
+    } catch (const ProblemError& error) {
+        fail(error.code, error.problem);
+        return;
+    } catch (const std::bad_alloc&) {
+        fail(ExitCode::CannotOpen, {"no memory for the output", options.path, ""});
+        return;
+    }
+    if (!muxer->LeftOut().empty()) {
+        shared->monitor.Note(muxer->LeftOut());
+    }
+    started = true;
+    setStateInThread(MediaState::Started);
+}
+
+void MuxSink::PushMedia(int streamIndex, PacketBuffer* sample) {
+    if (started && sample != nullptr && muxer->Takes(streamIndex)) {
+        write(streamIndex, *sample);
+    }
+    if (options.last) {
+        shared->monitor.Consumed();
+    }
+}
+
+void MuxSink::write(int streamIndex, PacketBuffer& sample) {
+    switch (muxer->Write(streamIndex, sample)) {
+        case Muxer::Result::Done:
+            ++packets;
+            bytes += static_cast<std::uint64_t>(sample.ActualSize());
+            return;
+        case Muxer::Result::BadPacket:
+            if (!badPackets) {
+                badPackets = true;
+                shared->monitor.Damaged(
+                    {"damaged input: a packet that the output refuses: " + muxer->ErrorText(), options.path,
+                     "it is left out"});
+            }
+            return;
+        case Muxer::Result::Failed:
+            started = false;
+            fail(ExitCode::WriteFailed,
+                 {"cannot write the output: " + muxer->ErrorText(), options.path, "is there room for it?"});
+            return;
+    }
+}
+
+void MuxSink::fail(ExitCode code, const Problem& problem) {
+    shared->monitor.Fail(code, problem);
+    try {
+        raiseErrorInThread(toLine(problem), true);
+    } catch (const std::system_error&) {
+        onError(toLine(problem), true);  // no thread to be had
+    }
+}
+
+void MuxSink::Stop() {
+    if (muxer != nullptr && !muxer->Finish()) {
+        shared->monitor.Fail(ExitCode::WriteFailed, {"cannot write the output: " + muxer->ErrorText(),
+                                                     options.path, "is there room for it?"});
+    }
+    setStateInThread(MediaState::Stopped);
+}
+
+OutputSummary MuxSink::GetSummary() const {
+    OutputSummary summary;
+    summary.path = options.path;
+    summary.format = options.format->muxer;
+    for (std::size_t i = 0; muxer != nullptr && i < types.size(); ++i) {
+        if (muxer->Takes(static_cast<int>(i))) {
+            summary.streams.push_back(describe(types[i]));
+        }
+    }
+    summary.packets = packets;
+    summary.bytes = bytes;
+    return summary;
+}
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,286 @@
+#include "tools/mivra/Muxer.h"
+
+#include <algorithm>
+#include <any>
+#include <cstring>
+#include <new>
+#include <system_error>
+
+#include "tools/mivra/FfmpegLog.h"
+#include "tools/mivra/PacketBudget.h"
+#include "tools/mivra/PacketFlags.h"
+#include "tools/mivra/ProblemError.h"
+#include "tools/mivra/Rescale.h"
+#include "tools/mivra/StreamMapping.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::MediaType;
+using Common::PacketBuffer;
+using FFmpeg::FfmpegOptional;
+using FFmpeg::FfmpegProxy;
+
+/// How far packets may be written ahead of their time, as `ffmpeg` has it: 0.7 s.
+constexpr int kMaxDelay = 700000;
+
+[[noreturn]] void failToOpen(const std::string& path, const std::string& why, const std::string& remedy) {
+    throw ProblemError(ExitCode::CannotOpen, {"cannot open the output: " + why, path, remedy});
+}
+
+const std::string& withFfmpeg(const std::string& path, bool loaded) {
+    if (!loaded) {
+        throw ProblemError(ExitCode::CannotOpen, ffmpegMissing());
+    }
+    if (const char* const name = missingForWriting()) {
+        throw ProblemError(ExitCode::CannotOpen, functionMissing(name));
+    }
+    return path;
+}
+
+/// Bytes behind the data that FFmpeg may read; they have to be zeros.
+bool isPadded(PacketBuffer& packet) {
+    static constexpr char kZeros[AV_INPUT_BUFFER_PADDING_SIZE] = {};
+    return packet.Size() - packet.ActualSize() >= AV_INPUT_BUFFER_PADDING_SIZE &&
+           std::memcmp(packet.Buffer() + packet.ActualSize(), kZeros, sizeof(kZeros)) == 0;
+}
+
+void giveBack(void* opaque, std::uint8_t*) {
+    auto* const packet = static_cast<PacketBuffer*>(opaque);
+    static_cast<RelayPool*>(packet->Allocator())->Unhold();
+    packet->Release();
+}
+
+/// A reference to the packet for FFmpeg to keep; null when its pool can spare no more.
+AVBufferRef* keep(PacketBuffer& packet) {
+    auto* const pool = dynamic_cast<RelayPool*>(packet.Allocator());
+    if (pool == nullptr || !isPadded(packet) || !pool->TryHold()) {
+        return nullptr;
+    }
+    packet.AddRef();
+    AVBufferRef* const kept = FfmpegOptional::av_buffer_create(
+        reinterpret_cast<std::uint8_t*>(packet.Buffer()),
+        static_cast<std::size_t>(packet.ActualSize()) + AV_INPUT_BUFFER_PADDING_SIZE, giveBack, &packet,
+        AV_BUFFER_FLAG_READONLY);
+    if (kept == nullptr) {
+        giveBack(&packet, nullptr);
+    }
+    return kept;
+}
+
+bool addSideData(AVPacket& packet, int kind, const void* bytes, std::size_t size) {
+    std::uint8_t* const data = FfmpegOptional::av_packet_new_side_data(&packet, kind, size);
+    if (data == nullptr) {
+        return false;
+    }
+    std::memcpy(data, bytes, size);
+    return true;
+}
+
+std::string leftOutLine(const std::string& path, const std::vector<MediaType>& types,
+                        const std::vector<std::size_t>& chosen) {
+    std::string line;
+    for (std::size_t i = 0; i < types.size(); ++i) {
+        if (!std::binary_search(chosen.begin(), chosen.end(), i)) {
+            line += (line.empty() ? "" : ", ") + ("stream " + std::to_string(i)) + " (" + describe(types[i]) +
+                    ")";
+        }
+    }
+    return line.empty() ? line : path + " leaves out " + line;
+}
+
+}  // namespace
+
+void Muxer::ContextDeleter::operator()(AVFormatContext* context) const {
+    context->pb = nullptr;  // the file's own
+    FfmpegOptional::avformat_free_context(context);
+}
+
+Muxer::Muxer(const std::string& name, const OutputFormat& of) try
+    : path(name), format(of), file(withFfmpeg(name, ffmpeg.IsLoaded())), packet(makePacket()) {
+    makeContext();
+} catch (const std::system_error& failure) {
+    failToOpen(name, failure.code().message(), "check the folder and its permissions");
+}
+
+Muxer::~Muxer() {
+    if (!headerWritten) {
+        file.Discard();
+    }
+}
+
+void Muxer::makeContext() {
+    AVFormatContext* made = nullptr;
+    const int code =
+        FfmpegOptional::avformat_alloc_output_context2(&made, nullptr, format.muxer, path.c_str());
+    if (code < 0) {
+        failToOpen(path, errorText(code), "this FFmpeg cannot write " + std::string(format.muxer));
+    }
+    context.reset(made);
+    context->pb = file.Context();
+    context->max_delay = kMaxDelay;
+}
+
+void Muxer::Begin(const std::vector<MediaType>& types) {
+    const std::vector<std::size_t> chosen = chooseStreams(format, *context->oformat, types);
+    leftOut = leftOutLine(path, types, chosen);
+    if (chosen.empty()) {
+        failToOpen(path, "it holds none of the streams", "choose another format");
+    }
+    streams.resize(types.size());
+    for (const std::size_t index : chosen) {
+        addStream(index, types[index]);
+    }
+    if (!file.Begin()) {
+        failToOpen(path, std::generic_category().message(errno), "check the file and its permissions");
+    }
+    writeHeader();
+}
+
+void Muxer::addStream(std::size_t index, const MediaType& type) {
+    AVStream* const output = FfmpegProxy::avformat_new_stream(context.get(), nullptr);
+    if (output == nullptr || !fillStream(type, *context->oformat, *output)) {
+        throw std::bad_alloc();
+    }
+    streams[index].output = output;
+    streams[index].timeBase = timeBaseOf(type);
+}
+
+void Muxer::writeHeader() {
+    const FfmpegErrorWatch watch(context.get());
+    const int code = FfmpegProxy::avformat_write_header(context.get(), nullptr);
+    if (code >= 0) {
+        headerWritten = true;
+        return;
+    }
+    failed = true;
+    const std::string why = watch.FirstError().empty() ? errorText(code) : watch.FirstError();
+    failToOpen(path, why, "choose another format or check the place");
+}
+
+bool Muxer::Takes(int stream) const {
+    const auto index = static_cast<std::size_t>(stream);
+    return stream >= 0 && index < streams.size() && streams[index].output != nullptr;
+}
+
+Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
+    if (failed || !headerWritten || !Takes(index)) {
+        return failed ? Result::Failed : Result::Done;
+    }
+    Stream& stream = streams[static_cast<std::size_t>(index)];
+    if (!stream.begun && !from.KeyFrame()) {
+        return Result::Done;  // nothing could be decoded before the first key frame
+    }
+    stream.begun = true;
+    packet->stream_index = stream.output->index;
+    packet->flags = packetFlags(from) & ~AV_PKT_FLAG_KEY;
+    packet->flags |= from.KeyFrame() ? AV_PKT_FLAG_KEY : 0;
+    packet->pos = from.FilePosition();
+    setTimes(stream, from);
+    if (!setPayload(from) || !setSideData(from)) {
+        FfmpegProxy::av_packet_unref(packet.get());
+        return explain(AVERROR(ENOMEM));
+    }
+    const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), packet.get());
+    return code < 0 ? explain(code) : Result::Done;
+}
+
+void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
+    // By way of the source's own time base, in which they are exact.
+    const auto convert = [&](std::int64_t time) {
+        return rescale(rescale(time, kPacketTimeBase, stream.timeBase), stream.timeBase,
+                       stream.output->time_base);
+    };
+    packet->pts = convert(from.Pts());
+    packet->dts = convert(from.Dts());
+    packet->duration = convert(from.Duration());
+    if ((context->oformat->flags & AVFMT_NOTIMESTAMPS) == 0) {
+        keepOrder(stream);
+    }
+    stream.lastDts = packet->dts;
+}
+
+// Decoding times have to grow, and nothing is shown before it is decoded.
+void Muxer::keepOrder(Stream& stream) {
+    if (packet->dts == kUnsetTime) {
+        return;
+    }
+    const std::int64_t last = stream.lastDts;
+    if (packet->pts != kUnsetTime && packet->dts > packet->pts) {
+        // Of both and what would follow the last one, the one in the middle.
+        const std::int64_t next = last == kUnsetTime ? kUnsetTime + 1 : last + 1;
+        packet->dts =
+            std::max(std::min(packet->pts, packet->dts), std::min(std::max(packet->pts, packet->dts), next));
+        packet->pts = packet->dts;
+    }
+    if (last == kUnsetTime || stream.output->codecpar->codec_id == AV_CODEC_ID_VP9) {
+        return;
+    }
+    const bool mayRepeat = (context->oformat->flags & AVFMT_TS_NONSTRICT) != 0;
+    const std::int64_t least = last + (mayRepeat ? 0 : 1);
+    if (packet->dts < least) {
+        if (packet->pts >= packet->dts) {
+            packet->pts = std::max(packet->pts, least);
+        }
+        packet->dts = least;
+    }
+}
+
+bool Muxer::setPayload(PacketBuffer& from) {
+    packet->buf = keep(from);
+    packet->data = reinterpret_cast<std::uint8_t*>(from.Buffer());
+    packet->size = from.ActualSize();
+    return true;
+}
+
+bool Muxer::setSideData(PacketBuffer& from) {
+    if (const MediaType* const type = from.NewMediaType()) {
+        if (!addSideData(*packet, AV_PKT_DATA_NEW_EXTRADATA, type->CodecPrivateData(),
+                         static_cast<std::size_t>(type->CodecPrivateDataSize()))) {
+            return false;
+        }
+    }
+    const std::string prefix = kPacketSideData;
+    for (auto entry = from.ExtraData().lower_bound(prefix);
+         entry != from.ExtraData().end() && entry->first.starts_with(prefix); ++entry) {
+        const auto* const bytes = std::any_cast<std::string>(&entry->second);
+        const int kind = std::atoi(entry->first.c_str() + prefix.size());
+        if (bytes != nullptr && !addSideData(*packet, kind, bytes->data(), bytes->size())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Muxer::Result Muxer::explain(int code) {
+    if (file.WriteError() != 0) {
+        error = std::generic_category().message(file.WriteError());
+    } else if (code == AVERROR(ENOMEM)) {
+        error = errorText(code);
+    } else {
+        error = errorText(code);
+        return Result::BadPacket;
+    }
+    failed = true;
+    return Result::Failed;
+}
+
+bool Muxer::Finish() {
+    if (headerWritten && !failed) {
+        const int code = FfmpegProxy::av_write_trailer(context.get());
+        FfmpegOptional::avio_flush(context->pb);
+        failed = code < 0 || context->pb->error < 0;
+        if (failed) {
+            error = errorText(code < 0 ? code : context->pb->error);
+        }
+    }
+    context.reset();
+    file.Close();
+    if (file.WriteError() != 0) {
+        failed = true;
+        error = std::generic_category().message(file.WriteError());
+    }
+    return !failed;
+}
+
+}  // namespace Mivra::Tool

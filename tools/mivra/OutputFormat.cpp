@@ -1,0 +1,105 @@
+#include "tools/mivra/OutputFormat.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+
+#include "tools/mivra/MediaFile.h"
+#include "tools/mivra/StreamMapping.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::ContentType_t;
+using Common::MediaType;
+
+constexpr std::size_t kAny = SIZE_MAX;
+
+/// What has a stream type in MPEG-2 transport streams; all else would be private data that players pass over.
+constexpr int kTransportCodecs[] = {
+    AV_CODEC_ID_MPEG1VIDEO, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG4,    AV_CODEC_ID_H264,
+    AV_CODEC_ID_HEVC,       AV_CODEC_ID_CAVS,       AV_CODEC_ID_AVS2,     AV_CODEC_ID_AVS3,
+    AV_CODEC_ID_DIRAC,      AV_CODEC_ID_VC1,        AV_CODEC_ID_MP1,      AV_CODEC_ID_MP2,
+    AV_CODEC_ID_MP3,        AV_CODEC_ID_AAC,        AV_CODEC_ID_AAC_LATM, AV_CODEC_ID_AC3,
+    AV_CODEC_ID_EAC3,       AV_CODEC_ID_DTS,        AV_CODEC_ID_TRUEHD,   AV_CODEC_ID_OPUS,
+    AV_CODEC_ID_S302M,
+};
+constexpr int kH264[] = {AV_CODEC_ID_H264};
+constexpr int kAac[] = {AV_CODEC_ID_AAC};
+
+constexpr OutputFormat kFormats[] = {
+    {".ts", "mpegts", kAny, kAny, kTransportCodecs},
+    {".mp4", "mp4", kAny, kAny, {}},
+    {".mkv", "matroska", kAny, kAny, {}},
+    {".flv", "flv", 1, 1, {}},
+    {".h264", "h264", 1, 0, kH264},
+    {".aac", "adts", 0, 1, kAac},
+};
+
+constexpr std::int64_t kDefaultStreamBonus = 5000000;
+
+bool holds(const OutputFormat& format, const AVOutputFormat& muxer, const MediaType& type) {
+    const int codec = static_cast<int>(type.CodecId());
+    if (!format.codecs.empty()) {
+        return std::find(format.codecs.begin(), format.codecs.end(), codec) != format.codecs.end();
+    }
+    return FFmpeg::FfmpegOptional::avformat_query_codec(&muxer, codec, FF_COMPLIANCE_NORMAL) > 0;
+}
+
+std::int64_t score(const MediaType& type) {
+    const std::int64_t disposition = numberOf(type, Key::kDisposition, 0);
+    if ((disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+        return 1;
+    }
+    const std::int64_t size = type.ContentType() == ContentType_t::Video
+                                  ? std::int64_t{type.Width()} * type.Height()
+                                  : type.Channels();
+    return size + ((disposition & AV_DISPOSITION_DEFAULT) != 0 ? kDefaultStreamBonus : 0);
+}
+
+}  // namespace
+
+const OutputFormat* findOutputFormat(const std::string& path) {
+    std::string extension =
+        path == kStandardStream ? ".ts" : std::filesystem::path(path).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (const OutputFormat& format : kFormats) {
+        if (extension == format.extension) {
+            return &format;
+        }
+    }
+    return nullptr;
+}
+
+std::string outputExtensions() {
+    std::string text;
+    for (const OutputFormat& format : kFormats) {
+        text += (text.empty() ? "" : ", ") + std::string(format.extension);
+    }
+    return text;
+}
+
+std::vector<std::size_t> chooseStreams(const OutputFormat& format, const AVOutputFormat& muxer,
+                                       const std::vector<MediaType>& types) {
+    std::vector<std::size_t> chosen;
+    for (const auto& [kind, most] :
+         {std::pair{ContentType_t::Video, format.mostVideo}, {ContentType_t::Audio, format.mostAudio}}) {
+        std::vector<std::size_t> candidates;
+        for (std::size_t i = 0; i < types.size(); ++i) {
+            if (types[i].ContentType() == kind && holds(format, muxer, types[i])) {
+                candidates.push_back(i);
+            }
+        }
+        if (candidates.size() > most) {
+            std::stable_sort(candidates.begin(), candidates.end(),
+                             [&](std::size_t a, std::size_t b) { return score(types[a]) > score(types[b]); });
+            candidates.resize(most);
+        }
+        chosen.insert(chosen.end(), candidates.begin(), candidates.end());
+    }
+    std::sort(chosen.begin(), chosen.end());
+    return chosen;
+}
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,211 @@
+#include "tools/mivra/Relay.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <limits>
+#include <memory>
+
+#include "mivra/common/MivraCommon.h"
+#include "mivra/common/identity/Guid.h"
+#include "mivra/common/runtime/FileLog.h"
+#include "mivra/common/runtime/Reference.h"
+#include "mivra/media/MediaSession.h"
+#include "tools/mivra/FfmpegLog.h"
+#include "tools/mivra/FileSource.h"
+#include "tools/mivra/Interrupt.h"
+#include "tools/mivra/MuxSink.h"
+#include "tools/mivra/Progress.h"
+#include "tools/mivra/RelayFiles.h"
+#include "tools/mivra/RelayMonitor.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::Guid;
+using Common::Reference;
+using Media::MediaSession;
+
+constexpr int kLookMilliseconds = 100;
+
+/// The library for as long as the object lives.
+class Library {
+public:
+    Library() { MivraCommonInitialize(); }
+    ~Library() { MivraCommonShutdown(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+};
+
+/// Ids in the order of the numbers: a session takes its sources and sinks in the order of their ids.
+Guid orderedId(std::size_t number) {
+    char text[37];
+    std::snprintf(text, sizeof(text), "00000000-0000-4000-8000-%012zx", number + 1);
+    return Guid(text);
+}
+
+double toSeconds(std::int64_t time) {
+    return static_cast<double>(time) / static_cast<double>(kPacketSecond);
+}
+
+/// One relay from start to end.
+class Relay {
+public:
+    Relay(const RelayOptions& what, Console& where)
+        : options(what),
+          console(where),
+          shared(std::make_shared<RelayShared>(static_cast<int>(what.inputs.size()), where)),
+          begin(Clock::now()) {}
+
+    ExitCode Run() {
+        makeSources();
+        makeSinks();
+        session.AddErrorListener([this](void*, Media::ErrorEventArgs* args) { onError(*args); });
+        // A file may end, pause or be held back.
+        session.SetNoCaptureTimeout(std::numeric_limits<std::int64_t>::max());
+        reporter = makeProgressReporter(console, options.json, options.statsSeconds);
+        session.Start();
+        while (!shared->monitor.Wait(kLookMilliseconds, Interrupt::Descriptor()) &&
+               !Interrupt::IsRequested()) {
+            reporter->Update(progress());
+        }
+        stop();
+        return report();
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void makeSources() {
+        for (std::size_t i = 0; i < options.inputs.size(); ++i) {
+            FileSourceOptions source;
+            source.path = options.inputs[i];
+            source.index = static_cast<int>(i);
+            source.realtime = options.realtime;
+            source.length = static_cast<std::int64_t>(options.seconds * static_cast<double>(kPacketSecond));
+            sources.emplace_back(new FileSource(source, shared));
+            sources.back()->SetUniqueId(orderedId(i));
+            session.AddSource(sources.back().get());
+        }
+    }
+
+    void makeSinks() {
+        for (std::size_t i = 0; i < options.outputs.size(); ++i) {
+            MuxSinkOptions sink;
+            sink.path = options.outputs[i];
+            sink.format = findOutputFormat(sink.path);
+            sink.last = i + 1 == options.outputs.size();
+            sinks.emplace_back(new MuxSink(sink, shared));
+            sinks.back()->SetUniqueId(orderedId(i));
+            session.AddSink(sinks.back().get());
+        }
+    }
+
+    // What comes from the sources and sinks has been told to the monitor before.
+    void onError(const Media::ErrorEventArgs& error) {
+        if (!error.fatal) {
+            return;
+        }
+        const bool timeout = error.message.find("timeout") != std::string::npos;
+        shared->monitor.Fail(timeout ? ExitCode::TimeOut : ExitCode::Failed,
+                             {error.message, "", timeout ? "is the input slow or stuck?" : ""});
+    }
+
+    void stop() {
+        interrupted = Interrupt::IsRequested() && !shared->monitor.FirstFailure().has_value();
+        for (const auto& source : sources) {
+            source->Stop();
+        }
+        session.Stop();
+        for (const auto& sink : sinks) {
+            sink->Stop();
+        }
+    }
+
+    Progress progress() const {
+        Progress now;
+        now.elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
+        now.packets = shared->monitor.Packets();
+        now.bytes = shared->monitor.Bytes();
+        now.queued = shared->monitor.Queued();
+        double position = std::numeric_limits<double>::max();
+        for (const auto& source : sources) {
+            now.duration = std::max(now.duration, toSeconds(source->GetDuration()));
+            if (!source->IsEos()) {
+                position = std::min(position, toSeconds(source->GetPosition()));
+            }
+            now.position = std::max(now.position, toSeconds(source->GetPosition()));
+        }
+        now.position = std::min(now.position, position);
+        if (options.seconds > 0) {
+            now.duration = std::min(now.duration, options.seconds);
+        }
+        return now;
+    }
+
+    ExitCode report() {
+        const std::optional<RelayMonitor::Failure> failure = shared->monitor.FirstFailure();
+        const std::vector<Problem> damages = shared->monitor.Damages();
+        Summary summary;
+        summary.state = failure.has_value() ? "failed"
+                        : interrupted       ? "interrupted"
+                        : !damages.empty()  ? "damaged"
+                                            : "done";
+        summary.progress = progress();
+        for (const auto& sink : sinks) {
+            summary.outputs.push_back(sink->GetSummary());
+        }
+        reporter->Finish(summary);
+        for (const Problem& damage : damages) {
+            console.Error(damage);
+        }
+        if (failure.has_value()) {
+            console.Error(failure->problem);
+            return failure->code;
+        }
+        return !damages.empty() && !interrupted ? ExitCode::Damaged : ExitCode::Done;
+    }
+
+    const RelayOptions& options;
+    Console& console;
+    const std::shared_ptr<RelayShared> shared;
+    const Clock::time_point begin;
+    std::vector<Reference<FileSource>> sources;
+    std::vector<Reference<MuxSink>> sinks;
+    std::unique_ptr<IProgressReporter> reporter;
+    bool interrupted = false;
+    MediaSession session;
+};
+
+void startLog(const RelayOptions& options) {
+    if (!options.log.empty()) {
+        const std::wstring path = widePath(options.log);
+        MivraCommonSetLog(options.logLevel, path.c_str());
+    }
+}
+
+}  // namespace
+
+ExitCode relay(const RelayOptions& options) {
+    const bool mediaOnOutput =
+        std::find(options.outputs.begin(), options.outputs.end(), kStandardStream) != options.outputs.end();
+    Console console(mediaOnOutput ? STDERR_FILENO : STDOUT_FILENO);
+    if (const std::optional<Problem> wrong = checkRelayFiles(options.inputs, options.outputs)) {
+        console.Error(*wrong);
+        return ExitCode::Usage;
+    }
+    const Interrupt interrupt;
+    const Library library;
+    startLog(options);
+    const FfmpegUse ffmpeg;
+    if (!ffmpeg.IsLoaded()) {
+        console.Error(ffmpegMissing());
+        return ExitCode::CannotOpen;
+    }
+    routeFfmpegLog();
+    return Relay(options, console).Run();
+}
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/mivra/ExitCode.h"
+
+namespace Mivra::Tool {
+
+struct RelayOptions {
+    std::vector<std::string> inputs;
+    std::vector<std::string> outputs;
+    bool realtime = false;
+    double seconds = 0;  ///< of media; 0: all
+    double statsSeconds = 1;
+    bool json = false;
+    std::string log;
+    int logLevel = 3;
+};
+
+/// Copies the streams of all inputs into every output: sources, a session and sinks, until the inputs end, a
+/// problem ends it or Ctrl-C asks for the end. Tells what goes wrong itself, in one line each.
+ExitCode relay(const RelayOptions& options);
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,110 @@
+#include "tools/mivra/RelayFiles.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "tools/mivra/MediaFile.h"
+#include "tools/mivra/OutputFormat.h"
+
+namespace Mivra::Tool {
+namespace {
+
+/// What a path leads to: the file when it is there, and where it stands in any case.
+struct Place {
+    std::string name;
+    bool exists = false;
+    bool isDevice = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::filesystem::path canonical;
+};
+
+Place placeOf(const std::string& name, int standardDescriptor) {
+    Place place;
+    place.name = name;
+    struct stat status {};
+    if (name == kStandardStream) {
+        place.exists = ::fstat(standardDescriptor, &status) == 0;
+    } else {
+        place.exists = ::stat(name.c_str(), &status) == 0;
+        std::error_code ignored;
+        place.canonical = std::filesystem::weakly_canonical(name, ignored);
+    }
+    place.isDevice = S_ISCHR(status.st_mode);
+    place.device = status.st_dev;
+    place.inode = status.st_ino;
+    return place;
+}
+
+bool isSame(const Place& a, const Place& b) {
+    if (a.exists && b.exists) {
+        return a.device == b.device && a.inode == b.inode && !a.isDevice;
+    }
+    return !a.exists && !b.exists && !a.canonical.empty() && a.canonical == b.canonical;
+}
+
+std::vector<Place> placesOf(const std::vector<std::string>& names, int standardDescriptor) {
+    std::vector<Place> places;
+    for (const std::string& name : names) {
+        places.push_back(placeOf(name, standardDescriptor));
+    }
+    return places;
+}
+
+std::ptrdiff_t countStandard(const std::vector<std::string>& names) {
+    return std::count(names.begin(), names.end(), kStandardStream);
+}
+
+}  // namespace
+
+std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
+                                       const std::vector<std::string>& outputs) {
+    for (const std::string& output : outputs) {
+        if (findOutputFormat(output) == nullptr) {
+            return Problem{"the output's name does not tell a format", output,
+                           "use one of " + outputExtensions()};
+        }
+    }
+    if (countStandard(inputs) > 1) {
+        return Problem{"standard input is given twice", kStandardStream, "use it once"};
+    }
+    const std::vector<Place> read = placesOf(inputs, STDIN_FILENO);
+    const std::vector<Place> written = placesOf(outputs, STDOUT_FILENO);
+    for (std::size_t i = 0; i < written.size(); ++i) {
+        for (const Place& input : read) {
+            if (isSame(written[i], input)) {
+                return Problem{"the output is also an input", written[i].name, "choose another name"};
+            }
+        }
+        for (std::size_t j = 0; j < i; ++j) {
+            if (isSame(written[i], written[j]) ||
+                (outputs[i] == outputs[j] && outputs[i] == kStandardStream)) {
+                return Problem{"two outputs are the same file", written[i].name, "choose another name"};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::wstring widePath(const std::string& path) {
+    std::wstring wide;
+    for (std::size_t i = 0; i < path.size();) {
+        const unsigned char lead = static_cast<unsigned char>(path[i]);
+        const std::size_t length = lead < 0xC2 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 1;
+        std::uint32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
+        bool valid = i + length <= path.size();
+        for (std::size_t k = 1; valid && k < length; ++k) {
+            const unsigned char next = static_cast<unsigned char>(path[i + k]);
+            valid = (next & 0xC0) == 0x80;
+            code = code << 6 | (next & 0x3F);
+        }
+        wide += static_cast<wchar_t>(valid ? code : lead);
+        i += valid ? length : 1;
+    }
+    return wide;
+}
+
+}  // namespace Mivra::Tool
