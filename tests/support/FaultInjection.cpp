@@ -40,6 +40,7 @@ struct Plan {
     std::atomic<int> error{0};
 };
 constinit Plan s_plans[kFaultKinds];
+constinit std::atomic<int> s_pauses{0};
 
 Plan& planOf(FaultKind kind) {
     return s_plans[static_cast<int>(kind)];
@@ -49,7 +50,7 @@ Plan& planOf(FaultKind kind) {
 bool fails(FaultKind kind) noexcept {
     Plan& plan = planOf(kind);
     const std::uint64_t first = plan.first.load(std::memory_order_acquire);
-    if (first == 0) return false;
+    if (first == 0 || s_pauses.load() != 0) return false;
     const std::uint64_t call = plan.calls.fetch_add(1) + 1;
     if (call < first || call > plan.last.load()) return false;
     errno = plan.error.load();
@@ -141,6 +142,14 @@ FaultPlan::~FaultPlan() {
 
 std::uint64_t FaultPlan::Calls() const {
     return planOf(planned).calls.load();
+}
+
+FaultPause::FaultPause() {
+    ++s_pauses;
+}
+
+FaultPause::~FaultPause() {
+    --s_pauses;
 }
 
 std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& body, std::uint64_t limit) {

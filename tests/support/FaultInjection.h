@@ -51,6 +51,15 @@ private:
     std::uint64_t first;
 };
 
+/// Keeps the plans from counting and failing while it lives, for a body that prepares or checks something.
+class FaultPause {
+public:
+    FaultPause();
+    ~FaultPause();
+    FaultPause(const FaultPause&) = delete;
+    FaultPause& operator=(const FaultPause&) = delete;
+};
+
 /// Runs the body with the 1st, 2nd, ... call of the kind failing, until a run no longer reaches its N.
 /// Returns the number of calls that failed. A test failure when the limit is passed.
 std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& body,

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <new>
 
 #include "mivra/common/runtime/FileLog.h"
 #include "mivra/common/runtime/LogFileAccess.h"
@@ -136,7 +136,11 @@ void FileLog::rollLog() {
     if (secondsNow() - lastRollCheck < kRollCheckSeconds) return;
     struct stat status {};
     if (System().descriptorStatus(descriptor, &status) == 0 && status.st_size >= maxFileSize) {
-        rollFile();
+        try {
+            rollFile();
+        } catch (const std::bad_alloc&) {
+            // No memory for the names: the file grows until the next look.
+        }
     }
     lastRollCheck = secondsNow();
 }
