@@ -108,19 +108,6 @@ const bool s_installed = [] {
     return true;
 }();
 
-void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept {
-    if (fails(FaultKind::Allocate)) return nullptr;
-    if (size == 0) size = 1;
-    if (alignment <= alignof(std::max_align_t)) return std::malloc(size);
-    return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
-}
-
-void* allocateOrThrow(std::size_t size, std::size_t alignment) {
-    void* memory = allocateOrNull(size, alignment);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
 }  // namespace
 
 const char* FaultName(FaultKind kind) {
@@ -172,8 +159,25 @@ std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& bod
 
 }  // namespace Mivra::Test
 
-using Mivra::Test::allocateOrNull;
-using Mivra::Test::allocateOrThrow;
+#if MIVRA_TEST_OWN_NEW
+namespace {
+
+using Mivra::Test::FaultKind;
+
+void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept {
+    if (Mivra::Test::fails(FaultKind::Allocate)) return nullptr;
+    if (size == 0) size = 1;
+    if (alignment <= alignof(std::max_align_t)) return std::malloc(size);
+    return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+}
+
+void* allocateOrThrow(std::size_t size, std::size_t alignment) {
+    void* memory = allocateOrNull(size, alignment);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+}  // namespace
 
 void* operator new(std::size_t size) {
     return allocateOrThrow(size, 1);
@@ -223,3 +227,4 @@ void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
     std::free(memory);
 }
+#endif

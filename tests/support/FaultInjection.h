@@ -1,7 +1,8 @@
 #pragma once
 
 // Makes the Nth call of a kind fail, in every thread, in programs that link the test support: the entries of
-// the system table and the global operator new look at the plan. Works under the sanitizers.
+// the system table and the global operator new look at the plan. Works under the sanitizers, but
+// ThreadSanitizer keeps its own operator new: there only the table's allocations count.
 
 #include <cstdint>
 #include <functional>
@@ -26,6 +27,16 @@ enum class FaultKind {
     FindSymbol,
 };
 constexpr int kFaultKinds = static_cast<int>(FaultKind::FindSymbol) + 1;
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define MIVRA_TEST_OWN_NEW 0
+#endif
+#endif
+#ifndef MIVRA_TEST_OWN_NEW
+#define MIVRA_TEST_OWN_NEW 1
+#endif
+constexpr bool kCountsOperatorNew = MIVRA_TEST_OWN_NEW != 0;
 
 const char* FaultName(FaultKind kind);
 

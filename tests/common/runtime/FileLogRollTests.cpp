@@ -169,12 +169,11 @@ TEST_F(FileLogRollTest, SurvivesEveryFault) {
         if (opened) {
             EXPECT_GE(std::count(chain.begin(), chain.end(), '\n'), 3) << chain;  // a, summary, b, c
         }
-        pause.reset();
     };
     for (const FaultKind kind : {Open, Write, Lock, Rename, Unlink, Stat, Sync, Truncate, Allocate}) {
         SCOPED_TRACE(FaultName(kind));
         const std::uint64_t failed = ForEachNthFailure(kind, life);
-        EXPECT_TRUE(failed > 0 || kind == Truncate);
+        EXPECT_TRUE(failed > 0 || kind == Truncate || (kind == Allocate && !kCountsOperatorNew));
     }
 }
 

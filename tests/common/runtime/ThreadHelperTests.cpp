@@ -164,7 +164,7 @@ TEST(CallbackThreadTest, WhatCannotBeStartedHasNotHappened) {
             ThreadHelper::Cleanup();
             EXPECT_EQ(ran + thrown, 1);
         });
-        EXPECT_GT(failed, 0u);
+        EXPECT_TRUE(failed > 0 || !kCountsOperatorNew);
     }
 }
 
