@@ -57,6 +57,8 @@ constexpr FfmpegFunction kOptionalFunctions[] = {
                                                                              "avio_context_free"),
     bound<&FfmpegOptional::avio_flush, decltype(::avio_flush)>(Library::avformat, "avio_flush"),
     bound<&FfmpegOptional::avio_size, decltype(::avio_size)>(Library::avformat, "avio_size"),
+    bound<&FfmpegOptional::av_get_audio_frame_duration2, decltype(::av_get_audio_frame_duration2)>(
+        Library::avcodec, "av_get_audio_frame_duration2"),
     bound<&FfmpegOptional::av_packet_add_side_data, decltype(::av_packet_add_side_data)>(
         Library::avcodec, "av_packet_add_side_data"),
     bound<&FfmpegOptional::av_packet_copy_props, decltype(::av_packet_copy_props)>(Library::avcodec,
@@ -118,6 +120,7 @@ decltype(FfmpegOptional::avformat_transfer_internal_stream_timing_info)
 decltype(FfmpegOptional::avio_context_free) FfmpegOptional::avio_context_free = nullptr;
 decltype(FfmpegOptional::avio_flush) FfmpegOptional::avio_flush = nullptr;
 decltype(FfmpegOptional::avio_size) FfmpegOptional::avio_size = nullptr;
+decltype(FfmpegOptional::av_get_audio_frame_duration2) FfmpegOptional::av_get_audio_frame_duration2 = nullptr;
 decltype(FfmpegOptional::av_packet_add_side_data) FfmpegOptional::av_packet_add_side_data = nullptr;
 decltype(FfmpegOptional::av_packet_copy_props) FfmpegOptional::av_packet_copy_props = nullptr;
 decltype(FfmpegOptional::av_packet_free_side_data) FfmpegOptional::av_packet_free_side_data = nullptr;

@@ -59,6 +59,7 @@ public:
     static std::int64_t (*avio_size)(AVIOContext*);
 
     // avcodec
+    static int (*av_get_audio_frame_duration2)(AVCodecParameters*, int);
     static int (*av_packet_add_side_data)(AVPacket*, int, std::uint8_t*, std::size_t);
     static int (*av_packet_copy_props)(AVPacket*, const AVPacket*);
     static void (*av_packet_free_side_data)(AVPacket*);

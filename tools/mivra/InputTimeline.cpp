@@ -75,8 +75,6 @@ void InputTimeline::Apply(AVPacket& packet) {
     moveOn(stream, packet);
     if (packet.dts == kUnsetTime) {
         packet.dts = rescale(stream.dts, kMicroseconds, stream.timeBase);
-    } else if (stream.kind == AVMEDIA_TYPE_AUDIO) {
-        packet.pts = packet.dts;  // audio is not reordered
     }
     step(stream, packet);
 }

@@ -187,17 +187,30 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
 
 void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
     // By way of the source's own time base, in which they are exact.
-    const auto convert = [&](std::int64_t time) {
-        return rescale(rescale(time, kPacketTimeBase, stream.timeBase), stream.timeBase,
-                       stream.output->time_base);
-    };
-    packet->pts = convert(from.Pts());
-    packet->dts = convert(from.Dts());
-    packet->duration = convert(from.Duration());
+    const AVRational base = stream.timeBase;
+    const AVRational target = stream.output->time_base;
+    const std::int64_t dts = rescale(from.Dts(), kPacketTimeBase, base);
+    packet->duration = rescale(rescale(from.Duration(), kPacketTimeBase, base), base, target);
+    if (stream.output->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && dts != kUnsetTime) {
+        packet->dts = stream.clock.Convert(dts, base, target, stream.output->codecpar->sample_rate,
+                                           samplesIn(stream, from.ActualSize()));
+        packet->pts = packet->dts;  // audio is not reordered
+    } else {
+        packet->dts = rescale(dts, base, target);
+        packet->pts = rescale(rescale(from.Pts(), kPacketTimeBase, base), base, target);
+    }
     if ((context->oformat->flags & AVFMT_NOTIMESTAMPS) == 0) {
         keepOrder(stream);
     }
     stream.lastDts = packet->dts;
+}
+
+int Muxer::samplesIn(const Stream& stream, int size) const {
+    AVCodecParameters* const parameters = stream.output->codecpar;
+    const int samples = FfmpegOptional::av_get_audio_frame_duration2 != nullptr
+                            ? FfmpegOptional::av_get_audio_frame_duration2(parameters, size)
+                            : 0;
+    return samples > 0 ? samples : parameters->frame_size;
 }
 
 // Decoding times have to grow, and nothing is shown before it is decoded.

@@ -10,6 +10,7 @@
 #include "tools/mivra/FfmpegSupport.h"
 #include "tools/mivra/MediaFile.h"
 #include "tools/mivra/OutputFormat.h"
+#include "tools/mivra/SampleClock.h"
 
 namespace Mivra::Tool {
 
@@ -46,6 +47,7 @@ private:
     struct Stream {
         AVStream* output = nullptr;
         AVRational timeBase{1, 1};  // of the packets' source
+        SampleClock clock;          // audio
         std::int64_t lastDts = INT64_MIN;
         bool begun = false;
     };
@@ -57,6 +59,7 @@ private:
     void addStream(std::size_t index, const Common::MediaType& type);
     void writeHeader();
     void setTimes(Stream& stream, Common::PacketBuffer& from);
+    int samplesIn(const Stream& stream, int size) const;
     void keepOrder(Stream& stream);
     bool setPayload(Common::PacketBuffer& from);
     bool setSideData(Common::PacketBuffer& from);
