@@ -29,6 +29,7 @@
 #include "mivra/common/buffers/VersatileBufferStream.h"
 
 #include "mivra/common/binary/BigEndianBitConverter.h"
+#include "mivra/common/binary/ByteSwap.h"
 #include "mivra/common/binary/EndianBinaryReader.h"
 #include "mivra/common/binary/EndianBinaryWriter.h"
 #include "mivra/common/binary/EndianBitConverter.h"

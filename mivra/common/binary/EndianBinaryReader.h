@@ -7,6 +7,7 @@
 #include <string>
 
 #include "mivra/common/binary/BigEndianBitConverter.h"
+#include "mivra/common/binary/ByteSwap.h"
 #include "mivra/common/binary/LittleEndianBitConverter.h"
 #include "mivra/common/buffers/IStream.h"
 #include "mivra/common/buffers/StreamWindow.h"
@@ -103,8 +104,6 @@ private:
     bool hasRun(std::int64_t bytes) const {
         return window->data != nullptr && window->length - window->position >= bytes;
     }
-    template <typename T>
-    static T loadBig(const unsigned char* bytes);
     void moveTo(std::int64_t position, int bitPosition);
     void skipBits(unsigned count) {
         const std::uint64_t bits = static_cast<unsigned>(window->bitPosition) + count;
@@ -149,20 +148,12 @@ private:
     static Endianness g_nGlobalEndiannes;
 };
 
-template <typename T>
-inline T EndianBinaryReader::loadBig(const unsigned char* bytes) {
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value = static_cast<T>(value | static_cast<T>(bytes[i]) << 8 * (sizeof(T) - 1 - i));
-    }
-    return value;
-}
-
 inline void EndianBinaryReader::moveTo(std::int64_t position, int bitPosition) {
-    window->position = position;
-    window->bitPosition = bitPosition;
+    // The window comes last: so the compiler knows its values in the next operation.
     *packetPosition = static_cast<int>(position);
     *packetBitPosition = bitPosition;
+    window->position = position;
+    window->bitPosition = bitPosition;
 }
 
 template <typename T>
@@ -170,7 +161,7 @@ inline T EndianBinaryReader::readWhole() {
     if (!hasRun(sizeof(T)) || !isBig) [[unlikely]] {
         return static_cast<T>(readBytes(sizeof(T), *converter));
     }
-    const T value = loadBig<T>(window->data + window->position);
+    const T value = LoadBig<T>(window->data + window->position);
     moveTo(window->position + static_cast<std::int64_t>(sizeof(T)), 0);
     return value;
 }
@@ -180,7 +171,7 @@ inline std::int64_t EndianBinaryReader::ReadBits(int count) {
     if (bits > MaxFieldBits || !isBig || !hasRun(8)) [[unlikely]] {
         return readBits(count, *converter);
     }
-    const std::uint64_t word = loadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
+    const std::uint64_t word = LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
     skipBits(bits);
     return static_cast<std::int64_t>((word >> 1) >> (63 - bits));
 }
@@ -189,7 +180,7 @@ inline std::uint64_t EndianBinaryReader::readExpGolomb() {
     if (!hasRun(8)) [[unlikely]] {
         return readExpGolombSlowly();
     }
-    const std::uint64_t word = loadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
+    const std::uint64_t word = LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
     const unsigned zeros = static_cast<unsigned>(std::countl_zero(word));
     if (2 * zeros + 1 > MaxFieldBits) [[unlikely]] {
         return readExpGolombSlowly();

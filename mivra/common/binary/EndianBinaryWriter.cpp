@@ -183,10 +183,6 @@ void EndianBinaryWriter::Fill(unsigned char value, std::int64_t count) {
     }
 }
 
-void EndianBinaryWriter::WriteBits(std::int64_t value, int count) {
-    writeBits(value, count, forOrder(endianness));
-}
-
 void EndianBinaryWriter::writeBits(std::int64_t value, int count, const EndianBitConverter& order) {
     if (count > 64) {
         throw GeneralException("EndianBinaryWriter::WriteBits: max bit count is 64");

@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "mivra/common/binary/BigEndianBitConverter.h"
+#include "mivra/common/binary/ByteSwap.h"
 #include "mivra/common/binary/LittleEndianBitConverter.h"
 #include "mivra/common/buffers/IStream.h"
 #include "mivra/common/buffers/StreamWindow.h"
@@ -80,7 +82,11 @@ public:
     void Fill(unsigned char value, std::int64_t count);
 
     /// The low 0 to 64 bits of the value.
-    void WriteBits(std::int64_t value, int count);
+    void WriteBits(std::int64_t value, int count) {
+        if (!isBig || !writeRun(static_cast<std::uint64_t>(value), count)) [[unlikely]] {
+            writeBits(value, count, *converter);
+        }
+    }
     /// The codes ue(v) and se(v) of ITU-T H.264 9.1, most significant bit first in either order. The signed
     /// form deliberately throws for 0, which WriteUnsignedExpGolomb(0) writes.
     void WriteUnsignedExpGolomb(unsigned int value);
@@ -95,6 +101,8 @@ private:
     bool hasRun(std::int64_t bytes) const {
         return window->data != nullptr && window->length - window->position >= bytes;
     }
+    bool writeRun(std::uint64_t value, int count);
+    static void mergeWord(unsigned char* bytes, std::uint64_t field, std::uint64_t mask);
     void moveTo(std::int64_t position, int bitPosition);
     /// Raises the packet's ActualSize to an end offset.
     void touch(std::int64_t end) {
@@ -140,10 +148,11 @@ private:
 };
 
 inline void EndianBinaryWriter::moveTo(std::int64_t position, int bitPosition) {
-    window->position = position;
-    window->bitPosition = bitPosition;
+    // The window comes last: so the compiler knows its values in the next operation.
     *packetPosition = static_cast<int>(position);
     *packetBitPosition = bitPosition;
+    window->position = position;
+    window->bitPosition = bitPosition;
 }
 
 template <typename T>
@@ -152,12 +161,39 @@ inline void EndianBinaryWriter::writeWhole(T value) {
         writeBytes(static_cast<std::int64_t>(value), sizeof(T), *converter);
         return;
     }
-    unsigned char* bytes = window->data + window->position;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        bytes[i] = static_cast<unsigned char>(value >> 8 * (sizeof(T) - 1 - i));
-    }
+    StoreBig(value, window->data + window->position);
     moveTo(window->position + static_cast<std::int64_t>(sizeof(T)), 0);
     touch(window->position);
+}
+
+// Works on words of a fixed grid, both words that a field can span: a load then meets a store of the same
+// place and size, where loads at the field's own byte would wait for the store before them.
+inline bool EndianBinaryWriter::writeRun(std::uint64_t value, int count) {
+    const unsigned bits = static_cast<unsigned>(count);
+    const std::int64_t position = window->position;
+    const std::int64_t word = position & ~std::int64_t{7};
+    unsigned char* data = window->data;
+    if (bits - 1 >= 64 || data == nullptr || window->length - word < 16) [[unlikely]] {
+        return false;
+    }
+    const unsigned bit = static_cast<unsigned>(window->bitPosition);
+    const unsigned end = bit + bits;
+    touch(position + ((end + 7) >> 3));
+    moveTo(position + (end >> 3), static_cast<int>(end & 7));
+
+    const std::uint64_t field = value << (64 - bits);
+    const std::uint64_t mask = ~std::uint64_t{0} << (64 - bits);
+    const unsigned offset = static_cast<unsigned>(position & 7) * 8 + bit;
+    mergeWord(data + word, field >> offset, mask >> offset);
+    mergeWord(data + word + 8, (field << 1) << (63 - offset), (mask << 1) << (63 - offset));
+    return true;
+}
+
+inline void EndianBinaryWriter::mergeWord(unsigned char* bytes, std::uint64_t field, std::uint64_t mask) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes, sizeof word);
+    word = (word & ~SwapFromBig(mask)) | SwapFromBig(field);
+    std::memcpy(bytes, &word, sizeof word);
 }
 
 }  // namespace Mivra::Common
