@@ -101,17 +101,48 @@ void DefaultPacketBufferAllocator::deleteBuffers(Buffers& made, std::size_t from
     made.resize(from);
 }
 
+/// Statistics of one locking or release.
+inline void DefaultPacketBufferAllocator::account() {
+    const int usage = bufferCount.load(std::memory_order_relaxed) - freeBufferCount;
+    peakUsage = std::max(peakUsage, usage);
+    usageSum += usage;
+    ++usageSamples;
+    const std::int64_t now = Platform::System().coarseTime();
+    if (now >= nextReport) [[unlikely]] {
+        report(now, usage);
+    }
+}
+
+void DefaultPacketBufferAllocator::report(std::int64_t now, int usage) {
+    LogLine(FileLog::Debug,
+            "DefaultPacketBufferAllocator::LockBuffer[%p/%d/%d]: peak usage %d, average usage %d, current "
+            "usage %d",
+            static_cast<void*>(this), bufferSize.load(), bufferCount.load(), peakUsage,
+            static_cast<int>(usageSum / usageSamples), usage);
+    nextReport = (now / kNanosecondsPerSecond + kSecondsBetweenReports) * kNanosecondsPerSecond;
+}
+
+/// The lowest free slot; the number of slots when there is none.
+inline std::size_t DefaultPacketBufferAllocator::findFree() const {
+    const auto from = static_cast<std::size_t>(searchCursor);
+    const unsigned char* const flags = freeFlags.data();
+    if (from < freeFlags.size() && flags[from] == kFree) {
+        return from;
+    }
+    const void* const flag = std::memchr(flags + from, kFree, freeFlags.size() - from);
+    return flag == nullptr ? freeFlags.size()
+                           : static_cast<std::size_t>(static_cast<const unsigned char*>(flag) - flags);
+}
+
 PacketBuffer* DefaultPacketBufferAllocator::LockBuffer(bool logExhaustion) {
     AutoLock guard(control->lock);
     if (freeBufferCount == 0 && !grow(logExhaustion)) {
         return nullptr;
     }
-    const auto from = static_cast<std::size_t>(searchCursor);
-    const void* const flag = std::memchr(freeFlags.data() + from, kFree, freeFlags.size() - from);
-    if (flag == nullptr) {
+    const std::size_t slot = findFree();
+    if (slot == freeFlags.size()) [[unlikely]] {
         return nullptr;
     }
-    const auto slot = static_cast<std::size_t>(static_cast<const unsigned char*>(flag) - freeFlags.data());
     freeFlags[slot] = kLent;
     searchCursor = static_cast<int>(slot) + 1;
     if (--freeBufferCount < 0) [[unlikely]] {
@@ -168,24 +199,6 @@ bool DefaultPacketBufferAllocator::addBuffers(int increment) {
     bufferCount = static_cast<int>(count);
     freeBufferCount = increment;
     return true;
-}
-
-/// Statistics of one locking or release.
-void DefaultPacketBufferAllocator::account() {
-    const int usage = bufferCount.load(std::memory_order_relaxed) - freeBufferCount;
-    peakUsage = std::max(peakUsage, usage);
-    usageSum += usage;
-    ++usageSamples;
-    const std::int64_t now = Platform::System().coarseTime();
-    if (now < nextReport) [[likely]] {
-        return;
-    }
-    LogLine(FileLog::Debug,
-            "DefaultPacketBufferAllocator::LockBuffer[%p/%d/%d]: peak usage %d, average usage %d, current "
-            "usage %d",
-            static_cast<void*>(this), bufferSize.load(), bufferCount.load(), peakUsage,
-            static_cast<int>(usageSum / usageSamples), usage);
-    nextReport = (now / kNanosecondsPerSecond + kSecondsBetweenReports) * kNanosecondsPerSecond;
 }
 
 bool DefaultPacketBufferAllocator::releaseBuffer(PacketBuffer* buffer) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <vector>
@@ -78,6 +79,8 @@ private:
     bool addBuffers(int increment) MIVRA_REQUIRES(control->lock);
     void renew(int newSize, int newCount) MIVRA_REQUIRES(control->lock);
     void account() MIVRA_REQUIRES(control->lock);
+    void report(std::int64_t now, int usage) MIVRA_REQUIRES(control->lock);
+    std::size_t findFree() const MIVRA_REQUIRES(control->lock);
     std::int64_t growthCeiling() const;
 
     PoolControl* const control;

@@ -46,6 +46,19 @@ PacketBuffer::~PacketBuffer() {
     }
 }
 
+// What may run foreign code when it is destroyed goes before the pool's lock is taken.
+inline void PacketBuffer::dropOwned() {
+    if (!extraData.empty()) {
+        extraData.clear();
+    }
+    if (!pois.empty()) {
+        pois.clear();
+    }
+    if (newMediaType != nullptr) {
+        delete std::exchange(newMediaType, nullptr);
+    }
+}
+
 void PacketBuffer::giveBack() {
     dropOwned();
     bool last = true;
@@ -61,21 +74,8 @@ void PacketBuffer::giveBack() {
     }
 }
 
-// What may run foreign code when it is destroyed goes before the pool's lock is taken.
-void PacketBuffer::dropOwned() {
-    if (!extraData.empty()) {
-        extraData.clear();
-    }
-    if (!pois.empty()) {
-        pois.clear();
-    }
-    if (newMediaType != nullptr) {
-        delete std::exchange(newMediaType, nullptr);
-    }
-}
-
 void PacketBuffer::CleanUp() {
-    VersatileBuffer::CleanUp();
+    resetAttributes();
     dropOwned();
     bitPosition = 0;
     operation = -1;

@@ -25,18 +25,7 @@ int& VersatileBuffer::Position() {
 }
 
 void VersatileBuffer::CleanUp() {
-    actualSize = 0;
-    position = 0;
-    pts = 0;
-    dts = 0;
-    duration = 0;
-    streamIndex = 0;
-    keyFrame = false;
-    cleanPoint = false;
-    discontinuity = false;
-    if (!extraData.empty()) {
-        extraData.clear();
-    }
+    resetAttributes();
 }
 
 }  // namespace Mivra::Common

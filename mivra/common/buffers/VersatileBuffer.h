@@ -96,6 +96,22 @@ protected:
     /// Id -1, no references, no capacity.
     VersatileBuffer();
 
+    /// What CleanUp does; inline for the way back to a pool.
+    void resetAttributes() {
+        actualSize = 0;
+        position = 0;
+        pts = 0;
+        dts = 0;
+        duration = 0;
+        streamIndex = 0;
+        keyFrame = false;
+        cleanPoint = false;
+        discontinuity = false;
+        if (!extraData.empty()) {
+            extraData.clear();
+        }
+    }
+
     /// The next number for a pooled buffer.
     static int nextId() MIVRA_EXCLUDES(staticCS);
 
