@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 
+#include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/common/runtime/FileLog.h"
 #include "mivra/common/runtime/GlobalLog.h"
@@ -16,6 +17,7 @@ using Mivra::Common::FileLog;
 using Mivra::Common::GlobalLog;
 using Mivra::Common::LogLine;
 using Mivra::Common::ThreadHelper;
+using Mivra::Media::MediaGlobal;
 
 namespace {
 
@@ -72,6 +74,7 @@ int MivraCommonShutdown() {
     // Before the lock: a callback that still runs may set the log.
     joinCallbackThreads();
     AutoLock guard(s_libraryLock);
+    MediaGlobal::Uninitialize();
     LogLine(FileLog::Information, "Mivra.Common shutdown");
     delete GlobalLog::Retire();
     return 0;

@@ -27,7 +27,7 @@ class LogFileLock;
 ///     app.log -> app.000.log -> app.001.log -> app.002.log
 class MIVRA_API FileLog {
 public:
-    enum FileLogLevel { Off = 0, Error = 1, Warning = 2, Information = 3, Debug = 4, Trace = 5 };
+    enum FileLogLevel : int { Off = 0, Error = 1, Warning = 2, Information = 3, Debug = 4, Trace = 5 };
 
     /// Level 3 and no file.
     FileLog();
