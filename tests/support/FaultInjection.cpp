@@ -1,6 +1,7 @@
 #include "tests/support/FaultInjection.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <cerrno>
@@ -57,6 +58,28 @@ bool fails(FaultKind kind) noexcept {
     return true;
 }
 
+std::atomic<bool> s_metered{false};
+std::atomic<std::int64_t> s_memoryOut{0};
+std::atomic<std::int64_t> s_memoryPeak{0};
+
+void* given(void* memory) noexcept {
+    if (s_metered.load(std::memory_order_relaxed) && memory != nullptr) {
+        const auto size = static_cast<std::int64_t>(malloc_usable_size(memory));
+        const std::int64_t out = s_memoryOut.fetch_add(size) + size;
+        std::int64_t peak = s_memoryPeak.load();
+        while (out > peak && !s_memoryPeak.compare_exchange_weak(peak, out)) {
+        }
+    }
+    return memory;
+}
+
+[[maybe_unused]] void giveBack(void* memory) noexcept {
+    if (s_metered.load(std::memory_order_relaxed) && memory != nullptr) {
+        s_memoryOut -= static_cast<std::int64_t>(malloc_usable_size(memory));
+    }
+    std::free(memory);
+}
+
 template <typename Result>
 Result failure() {
     if constexpr (std::is_same_v<Result, std::thread*>) {
@@ -77,7 +100,11 @@ template <FaultKind kind, typename Result, typename... Arguments, Result (*Syste
 struct Stand<kind, entry> {
     static Result call(Arguments... arguments) {
         if (fails(kind)) return failure<Result>();
-        return s_real(std::forward<Arguments>(arguments)...);
+        if constexpr (kind == FaultKind::Allocate) {
+            return given(s_real(std::forward<Arguments>(arguments)...));
+        } else {
+            return s_real(std::forward<Arguments>(arguments)...);
+        }
     }
     static void install() { s_real = std::exchange(g_system.*entry, call); }
 
@@ -157,18 +184,34 @@ std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& bod
     return limit;
 }
 
+AllocationMeter::AllocationMeter() {
+    s_memoryOut = 0;
+    s_memoryPeak = 0;
+    s_metered = true;
+}
+
+AllocationMeter::~AllocationMeter() {
+    s_metered = false;
+}
+
+std::int64_t AllocationMeter::Peak() const {
+    return s_memoryPeak;
+}
+
 }  // namespace Mivra::Test
 
 #if MIVRA_TEST_OWN_NEW
 namespace {
 
 using Mivra::Test::FaultKind;
+using Mivra::Test::giveBack;
+using Mivra::Test::given;
 
 void* allocateOrNull(std::size_t size, std::size_t alignment) noexcept {
     if (Mivra::Test::fails(FaultKind::Allocate)) return nullptr;
     if (size == 0) size = 1;
-    if (alignment <= alignof(std::max_align_t)) return std::malloc(size);
-    return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+    if (alignment <= alignof(std::max_align_t)) return given(std::malloc(size));
+    return given(std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment));
 }
 
 void* allocateOrThrow(std::size_t size, std::size_t alignment) {
@@ -204,27 +247,27 @@ void* operator new[](std::size_t size, std::align_val_t alignment, const std::no
     return allocateOrNull(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* memory) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete[](void* memory) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete[](void* memory, std::align_val_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-    std::free(memory);
+    giveBack(memory);
 }
 #endif

@@ -76,4 +76,18 @@ public:
 std::uint64_t ForEachNthFailure(FaultKind kind, const std::function<void()>& body,
                                 std::uint64_t limit = 5000);
 
+/// Measures the memory that operator new and SystemTable::allocate give out while it lives, in all threads;
+/// one at a time.
+class AllocationMeter {
+public:
+    AllocationMeter();
+    ~AllocationMeter();
+    AllocationMeter(const AllocationMeter&) = delete;
+    AllocationMeter& operator=(const AllocationMeter&) = delete;
+
+    /// The most bytes that were out at once beyond what was out at the beginning; what went back through
+    /// free() alone still counts.
+    std::int64_t Peak() const;
+};
+
 }  // namespace Mivra::Test
