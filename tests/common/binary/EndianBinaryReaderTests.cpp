@@ -1,0 +1,218 @@
+#include "mivra/common/binary/EndianBinaryReader.h"
+
+#include <random>
+
+#include "mivra/common/buffers/FileStream.h"
+#include "tests/common/binary/BinaryFixture.h"
+#include "tests/support/ReaderWriterSequence.h"
+#include "tests/support/TempFolder.h"
+
+namespace Mivra::Test {
+namespace {
+
+using namespace Common;
+
+TEST(EndianBinaryReader, TakesBitsFromTheMostSignificantAndTurnsThemInLittleEndian) {
+    Packet packet({0xA5, 0x0F});
+    EndianBinaryReader reader(packet.buffer);
+    EXPECT_EQ(reader.ReadBits(4), 0xA);
+    EXPECT_EQ(reader.ReadBits(8), 0x50);
+    EXPECT_EQ(reader.BitPosition(), 4);
+    EXPECT_EQ(reader.FullBitPosition(), 12);
+    EXPECT_EQ(packet.buffer->Position(), 1);
+    EXPECT_EQ(packet.buffer->BitPosition(), 4);
+
+    reader.Seek(0, Origin::Begin);
+    EXPECT_EQ(packet.buffer->BitPosition(), 0);
+    EXPECT_EQ(reader.ReadBits(4, Endianness::Little), 0x5);
+    EXPECT_EQ(reader.ReadBits(4, static_cast<Endianness>(7)), 0x5) << "the reader's own order";
+}
+
+TEST(EndianBinaryReader, ReadsIntegersOfEveryWidthWithoutSign) {
+    struct Case {
+        int bytes;
+        std::int64_t big;
+        std::int64_t little;
+    };
+    constexpr Case Cases[] = {{0, 0, 0},
+                              {1, 0xF1, 0xF1},
+                              {3, 0xF1F2F3, 0xF3F2F1},
+                              {5, 0xF1F2F3F4F5, 0xF5F4F3F2F1},
+                              {7, 0xF1F2F3F4F5F6F7, 0xF7F6F5F4F3F2F1}};
+    Packet packet({0xF1, 0xF2, 0xF3, 0xF4, 0xF5, 0xF6, 0xF7, 0xF8, 0xF9});
+    EndianBinaryReader reader(packet.buffer);
+    for (const Case& c : Cases) {
+        reader.Seek(0, Origin::Begin);
+        EXPECT_EQ(reader.ReadInt64(c.bytes), c.big);
+        EXPECT_EQ(reader.Position(), c.bytes);
+        reader.Seek(0, Origin::Begin);
+        EXPECT_EQ(reader.ReadInt64(c.bytes, Endianness::Little), c.little);
+        EXPECT_EQ(reader.GetEndianness(), Endianness::Big);
+    }
+    reader.Seek(0, Origin::Begin);
+    EXPECT_EQ(reader.ReadInt32(3), 0xF1F2F3);
+    EXPECT_EQ(reader.ReadWChar(), 0xF4F5);
+    EXPECT_EQ(reader.ReadInt16(), static_cast<std::int16_t>(0xF6F7));
+    reader.SeekBits(3, Origin::Begin);
+    EXPECT_EQ(reader.ReadUInt16(), 0xF1F2) << "byte reads begin at the current byte";
+    EXPECT_EQ(reader.BitPosition(), 0);
+}
+
+TEST(EndianBinaryReader, ReadsExpGolombCodes) {
+    // 1 | 010 | 011 | 00100, and again as signed codes; then 32 zeros, 1, 31 zeros and a 1.
+    Packet packet({0xA6, 0x42, 0x98, 0x80, 0, 0, 0, 0, 0x80, 0, 0, 0, 0x80});
+    EndianBinaryReader reader(packet.buffer);
+    for (const std::uint32_t value : {0u, 1u, 2u, 3u}) {
+        EXPECT_EQ(reader.ReadExpGolomb(), value);
+    }
+    reader.SeekBits(1, Origin::Begin);
+    for (const int value : {1, -1, 2}) {
+        EXPECT_EQ(reader.ReadSignedExpGolomb(), value);
+    }
+    reader.SeekBits(32, Origin::Begin);
+    EXPECT_EQ(reader.ReadExpGolomb(), UINT32_MAX + 1u) << "cut to 32 bits";
+    EXPECT_EQ(reader.FullBitPosition(), 32 + 65);
+}
+
+TEST(EndianBinaryReader, LeavesADocumentedPositionWhenACodeFails) {
+    struct Case {
+        std::vector<unsigned char> bytes;
+        std::int64_t start;
+        std::int64_t left;
+    };
+    const Case cases[] = {
+        {{}, 0, 0},                                   // nothing to read
+        {{0xFF, 0x00}, 8, 16},                        // the prefix does not end
+        {{0xFF, 0x01}, 9, 16},                        // behind a whole prefix, no info bits
+        {{0x00, 0x00, 0x00, 0x00, 0x7F}, 0, 0},       // 33 zeros
+        {std::vector<unsigned char>(40, 0), 37, 37},  // many more
+    };
+    for (const Case& c : cases) {
+        Packet packet(c.bytes);
+        EndianBinaryReader reader(packet.buffer);
+        reader.SeekBits(c.start, Origin::Begin);
+        EXPECT_THROW(reader.ReadExpGolomb(), GeneralException);
+        EXPECT_EQ(reader.FullBitPosition(), c.left) << "of " << c.bytes.size() << " bytes";
+        EXPECT_EQ(packet.buffer->Position() * 8 + packet.buffer->BitPosition(), c.left);
+    }
+}
+
+TEST(EndianBinaryReader, FailsInItsOwnWords) {
+    const std::string outbound =
+        "EndianBinaryReader::checkBuffer: outbound size nRequiredSize %, this->buffer->Position() 1, "
+        "this->buffer->ActualSize() 4";
+    const auto words = [&](const std::string& size) {
+        return std::string(outbound).replace(outbound.find('%'), 1, size);
+    };
+    Packet packet({1, 2, 3, 4});
+    EndianBinaryReader reader(packet.buffer);
+    reader.ReadByte();
+    unsigned char out[8];
+    std::string text = "kept";
+    EXPECT_EQ(FailureOf([&] { reader.ReadUInt32(); }), words("4"));
+    EXPECT_EQ(FailureOf([&] { reader.ReadInt64(5); }), words("5"));
+    EXPECT_EQ(FailureOf([&] { reader.ReadInt64(-1); }), words("-1"));
+    EXPECT_EQ(FailureOf([&] { reader.ReadBits(25); }), words("4"));
+    EXPECT_EQ(FailureOf([&] { reader.Read(out, 4); }), words("4"));
+    EXPECT_EQ(FailureOf([&] { reader.Read(text, INT32_MAX); }), words("2147483647"));
+    EXPECT_EQ(FailureOf([&] { reader.Read(text, -5); }), words("-5"));
+    for (const int count : {-1, 65, INT32_MAX, INT32_MIN}) {
+        EXPECT_NE(FailureOf([&] { reader.ReadBits(count); }), "") << count;
+    }
+    EXPECT_NE(FailureOf([&] { reader.ReadInt64(9); }), "");
+    EXPECT_EQ(reader.FullBitPosition(), 8) << "nothing was consumed";
+    EXPECT_EQ(text, "kept");
+
+    EndianBinaryReader nothing(std::shared_ptr<IStream>{});
+    EXPECT_EQ(FailureOf([&] { nothing.ReadByte(); }), "EndianBinaryReader::checkBuffer: stream is NULL");
+    EXPECT_EQ(FailureOf([&] { nothing.ReadBits(1); }), "EndianBinaryReader::checkBuffer: stream is NULL");
+}
+
+TEST(EndianBinaryReader, TellsHowManyBytesAStreamWithheldWithTheInvertedPlural) {
+    Packet packet({1, 2, 3});
+    const auto failure = [&](int count, bool raw) {
+        EndianBinaryReader reader(std::make_shared<ShortStream>(packet, 100));
+        unsigned char out[16];
+        std::string text = FailureOf([&] { raw ? reader.Read(out, count) : (reader.ReadInt64(count), 0); });
+        EXPECT_EQ(reader.Position(), 3) << "left where the read stopped";
+        return text;
+    };
+    const std::string tail = ": End of stream reached with ";
+    EXPECT_EQ(failure(4, false), "EndianBinaryReader::readInternal" + tail + "1 bytes left to read.");
+    EXPECT_EQ(failure(6, false), "EndianBinaryReader::readInternal" + tail + "3 byte left to read.");
+    EXPECT_EQ(failure(4, true), "EndianBinaryReader::Read" + tail + "1 bytes left to read.");
+    EXPECT_EQ(failure(9, true), "EndianBinaryReader::Read" + tail + "6 byte left to read.");
+}
+
+TEST(EndianBinaryReader, BeginsWhereThePacketStandsAndHoldsIt) {
+    Packet packet({0x00, 0x0F, 0xFF});
+    packet.buffer->ActualSize() = 2;
+    packet.buffer->Position() = 1;
+    packet.buffer->BitPosition() = 4;
+    {
+        EndianBinaryReader reader(packet.buffer);
+        EXPECT_GT(packet.buffer->ReferenceCount(), 1);
+        EXPECT_EQ(reader.Length(), 2);
+        EXPECT_EQ(reader.ReadBits(4), 0xF);
+        EXPECT_THROW(reader.ReadBits(1), GeneralException) << "only the valid bytes";
+    }
+    EXPECT_EQ(packet.buffer->ReferenceCount(), 1);
+    packet.buffer->Position() = 3;
+    EXPECT_THROW(EndianBinaryReader{packet.buffer}, GeneralException);
+    EXPECT_EQ(packet.buffer->ReferenceCount(), 1);
+}
+
+TEST(EndianBinaryReader, FollowsAStreamThatChangesUnderIt) {
+    Packet first({1, 2});
+    Packet second({3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
+    const auto stream = std::make_shared<VersatileBufferStream>(first.buffer);
+    EndianBinaryReader reader(stream);
+    EXPECT_EQ(reader.ReadByte(), 1);
+    stream->Append(second.buffer, 0, 10);
+    EXPECT_EQ(reader.ReadUInt64(), 0x0203040506070809u);
+    stream->TrimBegin();
+    EXPECT_EQ(reader.Position(), 0);
+    EXPECT_EQ(reader.ReadUInt16(), 0x0A0B);
+    EXPECT_EQ(stream->GetPosition(), 2);
+    stream->SetPosition(1);
+    EXPECT_EQ(reader.ReadBits(8), 0x0B);
+}
+
+TEST(EndianBinaryReader, NewReadersAndWritersHaveDefaultsOfTheirOwn) {
+    Packet packet({1, 2});
+    EndianBinaryReader::GlobalEndiannes() = Endianness::Little;
+    EXPECT_EQ(EndianBinaryReader(packet.buffer).ReadUInt16(), 0x0201);
+    EXPECT_EQ(EndianBinaryWriter(packet.buffer).GetEndianness(), Endianness::Big);
+    EndianBinaryReader::GlobalEndiannes() = Endianness::Big;
+    EXPECT_EQ(EndianBinaryReader(packet.buffer).GetEndianness(), Endianness::Big);
+}
+
+TEST(EndianBinaryReader, ReadsTheSameFromAFile) {
+    const TempFolder folder;
+    WriteWholeFile(folder / "data", std::string("\xA5\x0F\x40\x00\x00\x00\x05", 7));
+    EndianBinaryReader reader(std::make_shared<FileStream>(folder / "data", "rb"));
+    EXPECT_EQ(reader.ReadBits(4), 0xA);
+    EXPECT_EQ(reader.ReadBits(8), 0x50);
+    EXPECT_EQ(reader.ReadUInt16(), 0x0F40) << "from the current byte";
+    EXPECT_EQ(reader.ReadUInt32(), 5u);
+    EXPECT_THROW(reader.ReadBits(1), GeneralException);
+    reader.SeekBits(12, Origin::Begin);
+    EXPECT_EQ(reader.ReadExpGolomb(), 0u);
+    EXPECT_EQ(reader.FullBitPosition(), 13);
+}
+
+// Every path gives the results and positions of the model.
+TEST(ReaderWriterSequence, AgreesWithTheModelOnEveryGround) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 600; ++round) {
+        std::vector<std::uint8_t> input{static_cast<std::uint8_t>(round % kGrounds),
+                                        static_cast<std::uint8_t>(random() % 64), 0xA5};
+        for (int i = 0; i < 400; ++i) {
+            input.push_back(static_cast<std::uint8_t>(random() % 3 == 0 ? random() % 12 : random()));
+        }
+        ASSERT_NO_THROW(ReaderWriterSequence::Run(input.data(), input.size())) << "round " << round;
+    }
+}
+
+}  // namespace
+}  // namespace Mivra::Test

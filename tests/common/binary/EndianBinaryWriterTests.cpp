@@ -1,0 +1,224 @@
+#include "mivra/common/binary/EndianBinaryWriter.h"
+
+#include <cmath>
+
+#include "mivra/common/binary/EndianBinaryReader.h"
+#include "mivra/common/buffers/FileStream.h"
+#include "tests/common/binary/BinaryFixture.h"
+#include "tests/support/TempFolder.h"
+
+namespace Mivra::Test {
+namespace {
+
+using namespace Common;
+using Bytes = std::vector<unsigned char>;
+
+TEST(EndianBinaryWriter, WritesBitsIntoAFileThatGrows) {
+    const TempFolder folder;
+    const auto file = std::make_shared<FileStream>(folder / "data", "w+b");
+    EndianBinaryWriter writer(file);
+    writer.WriteBits(0xA, 4);
+    writer.WriteBits(0x50, 8);
+    EXPECT_EQ(writer.BitPosition(), 4);
+    EXPECT_EQ(writer.Position(), 1);
+    writer.Flush();
+    EXPECT_EQ(ReadWholeFile(folder / "data"), std::string("\xA5\x00", 2));
+    writer.WriteBits(0xF, 4);
+    writer.Fill('x', 3);
+    writer.Flush();
+    EXPECT_EQ(ReadWholeFile(folder / "data"), "\xA5\x0Fxxx");
+}
+
+TEST(EndianBinaryWriter, KeepsTheBitsAroundAField) {
+    for (const bool windowed : {true, false}) {
+        for (int start = 0; start < 24; ++start) {
+            for (int count = 0; count <= 64; ++count) {
+                Packet packet(Bytes(24, 0xFF));
+                const auto stream = windowed ? std::make_shared<VersatileBufferStream>(packet.buffer)
+                                             : std::static_pointer_cast<VersatileBufferStream>(
+                                                   std::make_shared<ShortStream>(packet, 24));
+                EndianBinaryWriter writer(stream);
+                writer.SeekBits(start, Origin::Begin);
+                writer.WriteBits(0, count);
+                ASSERT_EQ(writer.FullBitPosition(), start + count);
+                for (int bit = 0; bit < 24 * 8; ++bit) {
+                    const bool isSet =
+                        (packet.bytes[static_cast<std::size_t>(bit / 8)] >> (7 - bit % 8) & 1) != 0;
+                    ASSERT_EQ(isSet, bit < start || bit >= start + count)
+                        << "bit " << bit << ", field at " << start << " of " << count;
+                }
+            }
+        }
+    }
+}
+
+TEST(EndianBinaryWriter, WritesValuesInBothOrders) {
+    Packet packet(Bytes(64));
+    EndianBinaryWriter writer(packet.buffer);
+    writer.Write(true);
+    writer.Write('A');
+    writer.Write(static_cast<short>(-2));
+    writer.Write(L'\u20AC');
+    writer.Write(0x01020304);
+    writer.Write(0x0102030405060708);
+    writer.Write(1.5f);
+    writer.Write(-2.0);
+    writer.Write(0x0A0B0C, 3);
+    writer.Write(0x0A0B0C, 3, Endianness::Little);
+    writer.Write(std::string("xyz"));
+    writer.SetEndiannes(Endianness::Little);
+    writer.Write(0x01020304u);
+    writer.Write(static_cast<std::int64_t>(-2), 5);
+    const Bytes expected = {1,   'A', 0xFF, 0xFE, 0x20, 0xAC, 1,    2,    3,    4,    1,    2,
+                            3,   4,   5,    6,    7,    8,    0x3F, 0xC0, 0,    0,    0xC0, 0,
+                            0,   0,   0,    0,    0,    0,    0x0A, 0x0B, 0x0C, 0x0C, 0x0B, 0x0A,
+                            'x', 'y', 'z',  4,    3,    2,    1,    0xFE, 0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(Bytes(packet.bytes.begin(), packet.bytes.begin() + writer.Position()), expected);
+}
+
+TEST(EndianBinaryWriter, WritesCodesAsBitStringsInEitherOrder) {
+    struct Case {
+        bool isSigned;
+        int value;
+        const char* bits;
+    };
+    constexpr Case Cases[] = {{false, 0, "1"},     {false, 1, "010"},     {false, 2, "011"},
+                              {false, 3, "00100"}, {false, 7, "0001000"}, {true, 1, "010"},
+                              {true, -1, "011"},   {true, 2, "00100"}};
+    for (const Endianness order : {Endianness::Big, Endianness::Little}) {
+        for (const Case& c : Cases) {
+            Packet packet(Bytes(16));
+            EndianBinaryWriter writer(packet.buffer);
+            writer.SetEndiannes(order);
+            c.isSigned ? writer.WriteSignedExpGolomb(c.value)
+                       : writer.WriteUnsignedExpGolomb(static_cast<unsigned>(c.value));
+            std::string bits;
+            for (int i = 0; i < writer.FullBitPosition(); ++i) {
+                bits += (packet.bytes[static_cast<std::size_t>(i / 8)] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
+            }
+            EXPECT_EQ(bits, c.bits) << c.value;
+        }
+    }
+}
+
+TEST(EndianBinaryWriter, CodesComeBackOverTheirWholeRange) {
+    Packet packet(Bytes(16));
+    for (int power = 0; power <= 32; ++power) {
+        for (int off = -1; off <= 1; ++off) {
+            const auto value = static_cast<std::uint32_t>((std::int64_t{1} << power) + off);
+            EndianBinaryWriter writer(packet.buffer);
+            writer.Seek(0, Origin::Begin);
+            writer.WriteUnsignedExpGolomb(value);
+            if (value != UINT32_MAX) {
+                const int zeros = static_cast<int>(std::floor(std::log(value + 1.0) / std::log(2.0)));
+                EXPECT_EQ(writer.FullBitPosition(), 2 * zeros + 1) << value;
+            }
+            packet.buffer->Position() = packet.buffer->BitPosition() = 0;
+            EXPECT_EQ(EndianBinaryReader(packet.buffer).ReadExpGolomb(), value);
+            const int number = static_cast<int>(value);
+            packet.buffer->Position() = packet.buffer->BitPosition() = 0;
+            if (number != 0) {
+                EndianBinaryWriter(packet.buffer).WriteSignedExpGolomb(number);
+                packet.buffer->Position() = packet.buffer->BitPosition() = 0;
+                EXPECT_EQ(EndianBinaryReader(packet.buffer).ReadSignedExpGolomb(), number);
+            }
+        }
+    }
+}
+
+TEST(EndianBinaryWriter, FailsInItsOwnWordsAndWritesNothing) {
+    const std::string outbound =
+        "EndianBinaryWriter::checkBuffer: outbound size nRequiredSize %, this->buffer->Position() 1, "
+        "this->buffer->ActualSize() 4";
+    const auto words = [&](const std::string& size) {
+        return std::string(outbound).replace(outbound.find('%'), 1, size);
+    };
+    Packet packet({1, 2, 3, 4});
+    EndianBinaryWriter writer(packet.buffer);
+    writer.Seek(1, Origin::Begin);
+    EXPECT_EQ(FailureOf([&] { writer.Write(1); }), words("4"));
+    EXPECT_EQ(FailureOf([&] { writer.WriteBits(0, 25); }), words("4"));
+    EXPECT_EQ(FailureOf([&] { writer.Fill(0, std::int64_t{1} << 40); }), words("2147483647"));
+    EXPECT_EQ(FailureOf([&] { writer.Fill(0, -1); }), words("-1"));
+    EXPECT_EQ(FailureOf([&] { writer.Write(packet.bytes.data(), -3); }), words("-3"));
+    EXPECT_EQ(FailureOf([&] { writer.Write(std::string(9, 'x')); }), words("9"));
+    EXPECT_EQ(FailureOf([&] { writer.WriteUnsignedExpGolomb(UINT32_MAX); }), words("9"));
+    EXPECT_EQ(FailureOf([&] { writer.WriteBits(0, 65); }),
+              "EndianBinaryWriter::WriteBits: max bit count is 64");
+    EXPECT_NE(FailureOf([&] { writer.WriteBits(0, -1); }), "");
+    EXPECT_NE(FailureOf([&] { writer.Write(1, 9); }), "");
+    EXPECT_NE(FailureOf([&] { writer.WriteSignedExpGolomb(0); }), "");
+    EXPECT_EQ(packet.bytes, (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(writer.FullBitPosition(), 8);
+
+    EndianBinaryWriter nothing(std::shared_ptr<IStream>{});
+    EXPECT_EQ(FailureOf([&] { nothing.Write(1); }), "EndianBinaryWriter::checkBuffer: stream is NULL");
+    Packet three({1, 2, 3});
+    EndianBinaryWriter cut(std::make_shared<ShortStream>(three, 100));
+    EXPECT_EQ(FailureOf([&] { cut.WriteBits(0, 32); }),
+              "EndianBinaryWriter::WriteBits: End of stream reached with 1 bytes left to read.");
+    cut.Seek(0, Origin::Begin);
+    EXPECT_EQ(FailureOf([&] { cut.WriteBits(0, 40); }),
+              "EndianBinaryWriter::WriteBits: End of stream reached with 2 byte left to read.");
+}
+
+TEST(EndianBinaryWriter, SpansThePacketAndRaisesItsSize) {
+    Packet packet({0xFF, 0xFF, 0xFF, 0xFF});
+    packet.buffer->ActualSize() = 1;
+    packet.buffer->Position() = 1;
+    {
+        EndianBinaryWriter writer(packet.buffer);
+        EXPECT_EQ(writer.GetLength(), 4);
+        writer.WriteBits(0, 3);
+        EXPECT_EQ(packet.buffer->ActualSize(), 2);
+        EXPECT_EQ(packet.buffer->BitPosition(), 3);
+        EXPECT_EQ(packet.bytes[1], 0x1F);
+    }
+    EXPECT_EQ(packet.buffer->ReferenceCount(), 1);
+    EndianBinaryWriter writer(packet.buffer);
+    EXPECT_EQ(writer.FullBitPosition(), 11);
+    writer.WriteBits(0, 5);
+    EXPECT_EQ(packet.bytes[1], 0);
+    EXPECT_EQ(packet.buffer->ActualSize(), 2);
+    writer.Write(static_cast<short>(0x0102));
+    EXPECT_EQ(packet.buffer->ActualSize(), 4);
+    writer.Seek(0, Origin::Begin);
+    EXPECT_EQ(packet.buffer->Position(), 0);
+    writer.Write('a');
+    EXPECT_EQ(packet.buffer->ActualSize(), 4) << "never lowered";
+}
+
+TEST(EndianBinaryWriter, DoesNotGrowAStream) {
+    Packet packet(Bytes(2));
+    const auto stream = std::make_shared<VersatileBufferStream>(packet.buffer);
+    stream->SetAutoGrowth(true);
+    EndianBinaryWriter writer(stream);
+    EXPECT_THROW(writer.Write(1), GeneralException);
+    EXPECT_EQ(stream->GetLength(), 2);
+}
+
+TEST(EndianBitConverter, ConvertsValuesAndText) {
+    unsigned char bytes[8] = {};
+    const BigEndianBitConverter big;
+    const LittleEndianBitConverter little;
+    EXPECT_TRUE(little.IsLittleEndian());
+    EXPECT_EQ(big.GetEndianness(), Endianness::Big);
+    big.CopyBytes(1.0, bytes, 0);
+    EXPECT_EQ(EndianBitConverter::ToString(bytes, 8), "3ff0000000000000");
+    EXPECT_EQ(EndianBitConverter::ToString(bytes, 1, 2), "f000");
+    EXPECT_EQ(EndianBitConverter::ToString(bytes, -1), "");
+    EXPECT_EQ(big.ToDouble(bytes, 0), 1.0);
+    little.CopyBytes(0x010203, bytes, 1, 3);
+    EXPECT_EQ(EndianBitConverter::ToString(bytes, 4), "3f030201");
+    EXPECT_EQ(little.ToUInt32(bytes, 1, 3), 0x010203u);
+    EXPECT_EQ(big.ToWChar(bytes, 1), 0x0302);
+    // The first bits of the stream, 0011 1, are 00111 most significant first and 11100 in little-endian
+    // order.
+    EXPECT_EQ(big.FromBits(bytes, 0, 5), 0x07);
+    EXPECT_EQ(little.FromBits(bytes, 0, 5), 0x1C);
+    little.CopyBits(0x1C, 5, bytes, 8);
+    EXPECT_EQ(bytes[1], 0x3B);
+}
+
+}  // namespace
+}  // namespace Mivra::Test
