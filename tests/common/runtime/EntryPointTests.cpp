@@ -80,7 +80,8 @@ TEST_F(EntryPointTest, ShutdownJoinsThenFreesThenLogsThenEndsTheLog) {
         ReadMessages(path),
         ElementsAre("INFO  SetLog: Mivra.Common v2.3.0.0208 log enabled",
                     "INFO  SetLog: Mivra.Common v2.3.0.0208 log enabled", "ERROR [Callback/7] still logged",
-                    "DEBUG [ThreadHelper/52] Temporary threads cleaned up", "INFO  Mivra.Common shutdown"));
+                    "DEBUG [ThreadHelper/52] Temporary threads cleaned up",
+                    HasSubstr("1 MediaBuffers are still locked"), "INFO  Mivra.Common shutdown"));
 }
 
 TEST_F(EntryPointTest, TheHostsLevelHoldsForTheLibrarysLines) {
