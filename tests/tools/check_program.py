@@ -33,7 +33,10 @@ class Usage(unittest.TestCase):
             ("relai", "a", "b"): "no such command: relai; try 'mivra relay'",
             ("doctor", "--nonsense"): "doctor: unexpected argument: --nonsense; see 'mivra doctor --help'",
             ("doctor", "extra"): "unexpected argument: extra",
-            ("doctor", "--log"): "--log",
+            ("doctor", "--log"): "--log needs a value",
+            ("relay", "a.mp4"): "an input and an output are needed",
+            ("relay", "a.mp4", "b.ts", "--for", "soon"): "--for: 'soon' is not a number",
+            ("relay", "a.mp4", "b.ts", "--log-level", "6"): "'6' is not a number from 0 to 5",
         }
         for words, hint in cases.items():
             with self.subTest(words=words):

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "tools/mivra/CommandLine.h"
 #include "tools/mivra/Commands.h"
 #include "tools/mivra/Relay.h"
 
@@ -10,7 +11,7 @@ namespace Mivra::Tool {
 namespace {
 
 constexpr const char* kFooter =
-    "\nThe last FILE is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac; '-' is "
+    "The last file is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac; '-' is "
     "standard"
     "\ninput or output, which is written as MPEG-TS. Nothing is encoded anew."
     "\n\nExamples:"
@@ -21,6 +22,7 @@ constexpr const char* kFooter =
     "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, 5 damaged input,"
     "\n6 an output that failed while writing.";
 
+constexpr int kMostFiles = 1000;
 constexpr double kLongest = 1e9;  // seconds
 
 struct Arguments {
@@ -44,8 +46,7 @@ void addRelayCommand(CLI::App& program, Action& action) {
     const auto arguments = std::make_shared<Arguments>();
     RelayOptions& options = arguments->options;
     command->add_option("FILE", arguments->files, "Inputs, then the first output")
-        ->required()
-        ->expected(2, 1000)
+        ->expected(0, kMostFiles)
         ->type_name("INPUT... OUTPUT");
     command->add_option("-o,--output", arguments->more, "One more output")
         ->type_name("OUTPUT")
@@ -53,19 +54,24 @@ void addRelayCommand(CLI::App& program, Action& action) {
     command->add_flag("--realtime", options.realtime, "No faster than the media plays");
     command->add_option("--for", options.seconds, "Stop after so many seconds of media")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.001, kLongest));
+        ->check(numberBetween(0.001, kLongest));
     command->add_option("--stats", options.statsSeconds, "Seconds between lines of figures; 0: only the last")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, kLongest));
+        ->check(numberBetween(0.0, kLongest));
     command->add_flag("--json", options.json, "Figures as one JSON object a line");
     command->add_option("--log", options.log, "Write a log file")->type_name("FILE");
     command
         ->add_option("--log-level", options.logLevel,
                      "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
         ->type_name("N")
-        ->check(CLI::Range(0, 5));
+        ->check(numberBetween(0, 5));
     command->footer(kFooter);
-    command->callback([arguments, &action] { action = [arguments] { return runRelay(*arguments); }; });
+    command->callback([arguments, &action] {
+        if (arguments->files.size() < 2) {
+            throw CLI::ValidationError("an input and an output are needed");
+        }
+        action = [arguments] { return runRelay(*arguments); };
+    });
 }
 
 }  // namespace Mivra::Tool

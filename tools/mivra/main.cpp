@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "mivra/common/runtime/Version.h"
+#include "tools/mivra/CommandLine.h"
 #include "tools/mivra/Commands.h"
 #include "tools/mivra/Console.h"
 
@@ -46,6 +47,10 @@ std::string afterColon(const std::string& text) {
     return colon == text.npos ? "" : text.substr(colon);
 }
 
+std::string beforeColon(const std::string& text) {
+    return text.substr(0, text.find(':'));
+}
+
 ExitCode reportUsage(Console& console, const CLI::App& program, int count, char** words,
                      const std::string& text) {
     std::string unknown;
@@ -64,6 +69,7 @@ ExitCode reportUsage(Console& console, const CLI::App& program, int count, char*
 ExitCode run(int count, char** words) {
     Console console(STDOUT_FILENO);
     CLI::App program("Moves media through sources, a session and sinks.", "mivra");
+    program.formatter(makeHelpFormatter());
     program.set_version_flag("--version", std::string(Common::LibraryVersion()),
                              "Print the version and exit");
     program.require_subcommand(1);
@@ -72,6 +78,9 @@ ExitCode run(int count, char** words) {
     Action action;
     addRelayCommand(program, action);
     addDoctorCommand(program, action);
+    for (CLI::App* command : program.get_subcommands(nullptr)) {
+        command->group("Commands");
+    }
     try {
         program.parse(count, words);
     } catch (const CLI::Success& help) {
@@ -79,6 +88,8 @@ ExitCode run(int count, char** words) {
         return ExitCode::Done;
     } catch (const CLI::ExtrasError& error) {
         return reportUsage(console, program, count, words, "unexpected argument" + afterColon(error.what()));
+    } catch (const CLI::ArgumentMismatch& error) {
+        return reportUsage(console, program, count, words, beforeColon(error.what()) + " needs a value");
     } catch (const CLI::Error& error) {
         return reportUsage(console, program, count, words, error.what());
     }

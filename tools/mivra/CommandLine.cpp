@@ -1,0 +1,57 @@
+#include "tools/mivra/CommandLine.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace Mivra::Tool {
+namespace {
+
+/// The value's name without what checks add behind a colon.
+std::string valueName(const CLI::Option& option) {
+    const std::string type = option.get_type_name();
+    return type.substr(0, type.find(':'));
+}
+
+class HelpFormatter : public CLI::Formatter {
+public:
+    HelpFormatter() { label("SUBCOMMAND", "COMMAND"); }
+
+    std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+        return isPositional ? valueName(*option) : CLI::Formatter::make_option_name(option, false);
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const bool hasValue = option->get_type_size() != 0 && !option->get_positional();
+        return hasValue ? " " + valueName(*option) : "";
+    }
+
+    std::string make_option_usage(const CLI::Option* option) const override { return valueName(*option); }
+};
+
+std::string text(double value) {
+    char digits[64];
+    std::snprintf(digits, sizeof(digits), "%.15g", value);
+    return digits;
+}
+
+}  // namespace
+
+std::shared_ptr<CLI::Formatter> makeHelpFormatter() {
+    return std::make_shared<HelpFormatter>();
+}
+
+CLI::Validator numberBetween(double low, double high) {
+    return CLI::Validator(
+        [low, high](std::string& word) -> std::string {
+            char* end = nullptr;
+            const double value = std::strtod(word.c_str(), &end);
+            if (!word.empty() && *end == '\0' && value >= low && value <= high) {
+                return "";
+            }
+            return "'" + word + "' is not a number from " + text(low) + " to " + text(high);
+        },
+        "");
+}
+
+}  // namespace Mivra::Tool

@@ -1,0 +1,17 @@
+#pragma once
+
+// How the program's options are explained and checked, the same for every subcommand.
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+namespace Mivra::Tool {
+
+/// Lists an option as "-o,--output OUTPUT"; an option's type_name is what stands for its value, a
+/// positional's is all that is shown of it.
+std::shared_ptr<CLI::Formatter> makeHelpFormatter();
+
+/// Takes numbers from low to high, both included.
+CLI::Validator numberBetween(double low, double high);
+
+}  // namespace Mivra::Tool
