@@ -268,7 +268,8 @@ void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet) {
     buffer.ActualSize() = packet.size;
     const AVRational base = demuxer->TimeBase(packet.stream_index);
     buffer.Pts() = rescale(packet.pts, base, kPacketTimeBase);
-    buffer.Dts() = rescale(packet.dts, base, kPacketTimeBase);
+    buffer.Dts() = packet.dts != kUnsetTime ? rescale(packet.dts, base, kPacketTimeBase)
+                                            : demuxer->LastDts(packet.stream_index);
     buffer.Duration() = rescale(packet.duration, base, kPacketTimeBase);
     buffer.StreamIndex() = packet.stream_index;
     const bool corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;

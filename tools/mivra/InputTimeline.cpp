@@ -73,9 +73,6 @@ void InputTimeline::Apply(AVPacket& packet) {
         lastDts = toMicroseconds(packet.dts, stream.timeBase);
     }
     moveOn(stream, packet);
-    if (packet.dts == kUnsetTime) {
-        packet.dts = rescale(stream.dts, kMicroseconds, stream.timeBase);
-    }
     step(stream, packet);
 }
 

@@ -13,17 +13,17 @@ extern "C" {
 namespace Mivra::Tool {
 
 /// Puts the times of one input's packets onto a timeline that begins at 0: takes the input's start time off,
-/// undoes the wrapping of short timestamp counters, closes gaps and jumps of formats that allow them, and
-/// works out decoding times that are missing. One thread; call it for every packet in the input's order.
+/// undoes the wrapping of short timestamp counters, closes jumps of formats that allow them, and works out
+/// decoding times that are missing. One thread; call it for every packet in the input's order.
 class InputTimeline {
 public:
     /// The context is open and its streams are known; streams that are discarded take no part.
     explicit InputTimeline(const AVFormatContext& input);
 
-    /// Rewrites times of the packet, in its stream's time base. Afterwards the decoding time is set.
+    /// Rewrites the packet's times, in its stream's time base. What is not set stays so.
     void Apply(AVPacket& packet);
 
-    /// Decoding time of the last packet of a stream, in kPacketTimeBase.
+    /// Decoding time of the last packet of a stream, in kPacketTimeBase: its own, or what it should be.
     std::int64_t LastDts(int stream) const;
 
 private:

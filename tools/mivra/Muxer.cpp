@@ -68,6 +68,26 @@ AVBufferRef* keep(PacketBuffer& packet) {
     return kept;
 }
 
+/// A packet's time. What its source read is exact in the source's own time base; what it worked out, at most
+/// in the packets'.
+class Time {
+public:
+    Time(std::int64_t packetTime, AVRational sourceBase)
+        : time(packetTime), base(sourceBase), value(rescale(packetTime, kPacketTimeBase, sourceBase)) {}
+
+    bool IsExact() const { return time != kUnsetTime && rescale(value, base, kPacketTimeBase) == time; }
+    /// In the source's time base.
+    std::int64_t Value() const { return value; }
+    std::int64_t In(AVRational target) const {
+        return IsExact() ? rescale(value, base, target) : rescale(time, kPacketTimeBase, target);
+    }
+
+private:
+    std::int64_t time;
+    AVRational base;
+    std::int64_t value;
+};
+
 bool addSideData(AVPacket& packet, int kind, const void* bytes, std::size_t size) {
     std::uint8_t* const data = FfmpegOptional::av_packet_new_side_data(&packet, kind, size);
     if (data == nullptr) {
@@ -179,25 +199,26 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
     setTimes(stream, from);
     if (!setPayload(from) || !setSideData(from)) {
         FfmpegProxy::av_packet_unref(packet.get());
-        return explain(AVERROR(ENOMEM));
+        return explain(AVERROR(ENOMEM), "");
     }
+    const FfmpegErrorWatch watch(context.get());
     const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), packet.get());
-    return code < 0 ? explain(code) : Result::Done;
+    return code < 0 ? explain(code, watch.FirstError()) : Result::Done;
 }
 
 void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
-    // By way of the source's own time base, in which they are exact.
-    const AVRational base = stream.timeBase;
     const AVRational target = stream.output->time_base;
-    const std::int64_t dts = rescale(from.Dts(), kPacketTimeBase, base);
-    packet->duration = rescale(rescale(from.Duration(), kPacketTimeBase, base), base, target);
-    if (stream.output->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && dts != kUnsetTime) {
-        packet->dts = stream.clock.Convert(dts, base, target, stream.output->codecpar->sample_rate,
-                                           samplesIn(stream, from.ActualSize()));
+    const Time pts(from.Pts(), stream.timeBase);
+    const Time dts(from.Dts(), stream.timeBase);
+    packet->duration = Time(from.Duration(), stream.timeBase).In(target);
+    if (stream.output->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && dts.IsExact()) {
+        packet->dts =
+            stream.clock.Convert(dts.Value(), stream.timeBase, target, stream.output->codecpar->sample_rate,
+                                 samplesIn(stream, from.ActualSize()));
         packet->pts = packet->dts;  // audio is not reordered
     } else {
-        packet->dts = rescale(dts, base, target);
-        packet->pts = rescale(rescale(from.Pts(), kPacketTimeBase, base), base, target);
+        packet->dts = dts.In(target);
+        packet->pts = pts.In(target);
     }
     if ((context->oformat->flags & AVFMT_NOTIMESTAMPS) == 0) {
         keepOrder(stream);
@@ -265,15 +286,12 @@ bool Muxer::setSideData(PacketBuffer& from) {
     return true;
 }
 
-Muxer::Result Muxer::explain(int code) {
-    if (file.WriteError() != 0) {
-        error = std::generic_category().message(file.WriteError());
-    } else if (code == AVERROR(ENOMEM)) {
-        error = errorText(code);
-    } else {
-        error = errorText(code);
+Muxer::Result Muxer::explain(int code, const std::string& message) {
+    if (file.WriteError() == 0 && code != AVERROR(ENOMEM)) {
+        error = message.empty() ? errorText(code) : message;
         return Result::BadPacket;
     }
+    error = file.WriteError() != 0 ? std::generic_category().message(file.WriteError()) : errorText(code);
     failed = true;
     return Result::Failed;
 }

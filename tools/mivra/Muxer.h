@@ -63,7 +63,7 @@ private:
     void keepOrder(Stream& stream);
     bool setPayload(Common::PacketBuffer& from);
     bool setSideData(Common::PacketBuffer& from);
-    Result explain(int code);
+    Result explain(int code, const std::string& message);
 
     const std::string path;
     const OutputFormat& format;

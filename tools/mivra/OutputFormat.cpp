@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 
 #include "tools/mivra/MediaFile.h"
@@ -24,6 +25,13 @@ constexpr int kTransportCodecs[] = {
     AV_CODEC_ID_EAC3,       AV_CODEC_ID_DTS,        AV_CODEC_ID_TRUEHD,   AV_CODEC_ID_OPUS,
     AV_CODEC_ID_S302M,
 };
+/// What the format's own description allows; libavformat knows more, but refuses it when it comes to writing.
+constexpr int kFlashCodecs[] = {
+    AV_CODEC_ID_FLV1,      AV_CODEC_ID_FLASHSV,    AV_CODEC_ID_FLASHSV2, AV_CODEC_ID_VP6F,
+    AV_CODEC_ID_VP6A,      AV_CODEC_ID_H264,       AV_CODEC_ID_MP3,      AV_CODEC_ID_AAC,
+    AV_CODEC_ID_SPEEX,     AV_CODEC_ID_NELLYMOSER, AV_CODEC_ID_PCM_U8,   AV_CODEC_ID_PCM_S16LE,
+    AV_CODEC_ID_ADPCM_SWF, AV_CODEC_ID_PCM_MULAW,  AV_CODEC_ID_PCM_ALAW,
+};
 constexpr int kH264[] = {AV_CODEC_ID_H264};
 constexpr int kAac[] = {AV_CODEC_ID_AAC};
 
@@ -31,19 +39,44 @@ constexpr OutputFormat kFormats[] = {
     {".ts", "mpegts", kAny, kAny, kTransportCodecs},
     {".mp4", "mp4", kAny, kAny, {}},
     {".mkv", "matroska", kAny, kAny, {}},
-    {".flv", "flv", 1, 1, {}},
+    {".flv", "flv", 1, 1, kFlashCodecs},
     {".h264", "h264", 1, 0, kH264},
     {".aac", "adts", 0, 1, kAac},
 };
 
 constexpr std::int64_t kDefaultStreamBonus = 5000000;
 
+/// FLV has numbers for few sample rates; codecs that carry their own, and telephony's, need none.
+bool hasFlashRate(const MediaType& type) {
+    switch (static_cast<int>(type.CodecId())) {
+        case AV_CODEC_ID_MP3:
+        case AV_CODEC_ID_PCM_U8:
+        case AV_CODEC_ID_PCM_S16LE:
+        case AV_CODEC_ID_ADPCM_SWF: {
+            const int rate = type.SampleRate();
+            return rate == 44100 || rate == 22050 || rate == 11025;
+        }
+        default:
+            return true;
+    }
+}
+
+/// Matroska keeps cover pictures as attachments.
+bool isMatroskaCover(const OutputFormat& format, const MediaType& type) {
+    const int codec = static_cast<int>(type.CodecId());
+    return std::strcmp(format.muxer, "matroska") == 0 &&
+           (numberOf(type, Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0 &&
+           (codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG);
+}
+
 bool holds(const OutputFormat& format, const AVOutputFormat& muxer, const MediaType& type) {
     const int codec = static_cast<int>(type.CodecId());
     if (!format.codecs.empty()) {
-        return std::find(format.codecs.begin(), format.codecs.end(), codec) != format.codecs.end();
+        return std::find(format.codecs.begin(), format.codecs.end(), codec) != format.codecs.end() &&
+               (std::strcmp(format.muxer, "flv") != 0 || hasFlashRate(type));
     }
-    return FFmpeg::FfmpegOptional::avformat_query_codec(&muxer, codec, FF_COMPLIANCE_NORMAL) > 0;
+    return isMatroskaCover(format, type) ||
+           FFmpeg::FfmpegOptional::avformat_query_codec(&muxer, codec, FF_COMPLIANCE_NORMAL) > 0;
 }
 
 std::int64_t score(const MediaType& type) {
