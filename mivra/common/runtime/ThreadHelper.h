@@ -16,7 +16,7 @@ namespace Mivra::Common {
 class MIVRA_API ThreadHelper {
 public:
     ThreadHelper& operator=(const ThreadHelper&) { return *this; }
-    ThreadHelper& operator=(ThreadHelper&&) { return *this; }
+    ThreadHelper& operator=(ThreadHelper&&) noexcept { return *this; }
 
     /// Joins and frees the threads that have reported their end, then takes over a started thread. One whose
     /// id is queued already is ignored. std::bad_alloc leaves the thread with its caller.
