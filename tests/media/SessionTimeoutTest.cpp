@@ -1,0 +1,105 @@
+#include "tests/media/SessionFixture.h"
+#include "tests/support/FakeClock.h"
+
+namespace Mivra::Test {
+namespace {
+
+constexpr std::int64_t kMicrosecond = 1000;  // the precision of media time
+
+struct Timeout {
+    const char* name;
+    enum Kind { SourceOpen, SinkOpen, Capture } kind;
+    bool network;
+    std::int64_t setting;  // 100 ns; the minimum: the default
+    std::int64_t seconds;  // when it fails
+};
+
+const Timeout kTimeouts[] = {
+    {"SourceOpen", Timeout::SourceOpen, false, INT64_MIN, 10},
+    {"SourceOpenNetwork", Timeout::SourceOpen, true, INT64_MIN, 60},
+    {"SourceOpenSet", Timeout::SourceOpen, true, 30'000'000, 3},
+    {"SinkOpen", Timeout::SinkOpen, false, INT64_MIN, 1},
+    {"SinkOpenNetwork", Timeout::SinkOpen, true, INT64_MIN, 60},
+    {"SinkOpenSet", Timeout::SinkOpen, false, 50'000'000, 5},
+    {"Capture", Timeout::Capture, false, INT64_MIN, 10},
+    {"CaptureNetwork", Timeout::Capture, true, INT64_MIN, 60},
+    {"CaptureSet", Timeout::Capture, true, 70'000'000, 7},
+};
+
+class SessionTimeoutTest : public SessionTest, public testing::WithParamInterface<Timeout> {
+protected:
+    // Lets the session's thread look at the clock some times.
+    static void LetItLook() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
+};
+
+TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
+    const Timeout& timeout = GetParam();
+    FakeClock clock(FakeClock::Mode::Frozen);
+    Renew();
+    const auto source = AddSource();
+    const auto sink = AddSink();
+    if (timeout.network) {
+        source->BeNetwork();
+        sink->BeNetwork();
+    }
+    std::string text = "Capture timeout";
+    std::string line = "checkTimeouts: Source 00000001-0000-4000-8000-000000000000 capture timeout";
+    if (timeout.kind == Timeout::SourceOpen) {
+        source->onStart = [] {};
+        session->SetSourceOpenTimeout(timeout.setting);
+        text = "Source creation timeout";
+        line = "mainThread: Source 00000001-0000-4000-8000-000000000000 creation timeout";
+    } else if (timeout.kind == Timeout::SinkOpen) {
+        sink->onOpen = [] {};
+        session->SetSinkOpenTimeout(timeout.setting);
+        session->SetNoCaptureTimeout(INT64_MAX);
+        text = "Sink creation timeout";
+        line = "checkTimeouts: Sink 00000002-0000-4000-8000-000000000000 creation timeout";
+    } else {
+        session->SetNoCaptureTimeout(timeout.setting);
+    }
+    session->Start();
+    const bool opens = timeout.kind != Timeout::SourceOpen;
+    ASSERT_TRUE(Reaches(opens ? MediaState::Running : MediaState::Opening));
+    if (timeout.kind == Timeout::Capture) {
+        ASSERT_TRUE(Runs(*sink.get()));
+    }
+    if (opens && timeout.seconds > 1) {
+        clock.Advance((timeout.seconds - 1) * kSecond);  // looked at now, and next a second later
+        LetItLook();
+    }
+    const std::int64_t left = opens ? 1 : timeout.seconds;
+    clock.Advance(left * kSecond - kMicrosecond);
+    LetItLook();
+    EXPECT_TRUE(Fatal().empty());
+    clock.Advance(kMicrosecond);
+    EXPECT_TRUE(Fails(text));
+    expectedErrors = {"MediaSession::" + line};
+    session.reset();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, SessionTimeoutTest, testing::ValuesIn(kTimeouts),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(SessionTimeoutTest, SampleOrTheLargestValueHoldsTheCaptureTimeoutOff) {
+    FakeClock clock(FakeClock::Mode::Frozen);
+    Renew();
+    const auto source = AddSource();
+    const auto sink = AddSink();
+    session->Start();
+    ASSERT_TRUE(Runs(*sink.get()));
+    clock.Advance(8 * kSecond);
+    source->Send(0);
+    ASSERT_TRUE(Eventually([&] { return sink->Samples().size() == 1; }));
+    clock.Advance(9 * kSecond);
+    LetItLook();
+    EXPECT_EQ(session->State(), MediaState::Running);
+    session->SetNoCaptureTimeout(INT64_MAX);
+    clock.Advance(1'000'000 * kSecond);
+    LetItLook();
+    EXPECT_EQ(session->State(), MediaState::Running);
+    session.reset();
+}
+
+}  // namespace
+}  // namespace Mivra::Test
