@@ -42,10 +42,11 @@ TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
         source->BeNetwork();
         sink->BeNetwork();
     }
+    std::atomic<bool> asked{false};
     std::string text = "Capture timeout";
     std::string line = "checkTimeouts: Source 00000001-0000-4000-8000-000000000000 capture timeout";
     if (timeout.kind == Timeout::SourceOpen) {
-        source->onStart = [] {};
+        source->onStart = [&] { asked = true; };
         session->SetSourceOpenTimeout(timeout.setting);
         text = "Source creation timeout";
         line = "mainThread: Source 00000001-0000-4000-8000-000000000000 creation timeout";
@@ -60,7 +61,7 @@ TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     }
     session->Start();
     const bool opens = timeout.kind != Timeout::SourceOpen;
-    ASSERT_TRUE(Reaches(opens ? MediaState::Running : MediaState::Opening));
+    ASSERT_TRUE(opens ? Reaches(MediaState::Running) : Eventually([&] { return asked.load(); }));
     if (timeout.kind == Timeout::Capture) {
         ASSERT_TRUE(Runs(*sink.get()));
     }
