@@ -10,6 +10,9 @@ namespace Mivra::Media {
 using Common::FileLog;
 using Common::LogLine;
 
+// The session may be destroyed from a callback while a call of another thread is on its way out: calls that
+// wait for the session's lock hold the core.
+
 MediaSession::MediaSession() : core(std::make_shared<SessionCore>(this)) {}
 
 MediaSession::~MediaSession() {
@@ -20,23 +23,26 @@ MediaSession::~MediaSession() {
 }
 
 void MediaSession::AddSource(IMediaSource* source) {
-    core->AddSource(source);
+    const std::shared_ptr<SessionCore> kept = core;
+    kept->AddSource(source);
 }
 
 void MediaSession::AddSink(IMediaSink* sink) {
-    core->AddSink(sink);
+    const std::shared_ptr<SessionCore> kept = core;
+    kept->AddSink(sink);
 }
 
 void MediaSession::Start() {
-    core->Start();
+    const std::shared_ptr<SessionCore> kept = core;
+    kept->Start();
 }
 
 void MediaSession::StartBuffering(int seconds, BufferingType type) {
-    core->StartBuffering(seconds, type);
+    const std::shared_ptr<SessionCore> kept = core;
+    kept->StartBuffering(seconds, type);
 }
 
 void MediaSession::Stop() {
-    // A listener may destroy the session meanwhile.
     const std::shared_ptr<SessionCore> kept = core;
     kept->Stop();
 }

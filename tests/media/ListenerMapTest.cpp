@@ -60,6 +60,7 @@ TEST(ListenerMapTest, FreesAListenerOnceNoDispatchIsInFlight) {
 }
 
 TEST(ListenerMapTest, AddsAllOrNothingAndRemovesWithoutMemory) {
+    if (!kCountsOperatorNew) GTEST_SKIP() << "operator new cannot be made to fail";
     Map map;
     map.Add(1, [](std::string& calls) { calls += 'a'; });
     for (std::uint64_t nth = 1; nth <= 2; ++nth) {

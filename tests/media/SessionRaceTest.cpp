@@ -134,8 +134,8 @@ TEST_P(SessionStopTest, StopsFromTheCallback) {
         [&, destroy = destroys](void*, Media::ErrorEventArgs*) { EXPECT_FALSE(destroy); });
     callback.place(*source.get(), *sink.get(), act);
     {
-        const Flood flood(source);
         session->Start();
+        const Flood flood(source);
         if (std::string(callback.name) == "SinkStartFromItsThread") {
             EXPECT_TRUE(Reaches(MediaState::Running));
             sink->setStateInThread(MediaState::Opened);
@@ -233,7 +233,8 @@ TEST_P(SessionFaultTest, LosesNothingWhateverCallFails) {
         Common::ThreadHelper::Cleanup();
         EXPECT_EQ(g_fakes, 0);
     };
-    EXPECT_GT(ForEachNthFailure(GetParam(), life), 2U);
+    const std::uint64_t failed = ForEachNthFailure(GetParam(), life);
+    EXPECT_GT(failed, GetParam() == FaultKind::Allocate && !kCountsOperatorNew ? 0U : 2U);
     EXPECT_GT(completed, 0);
     expectedErrors = log.Errors();
 }
