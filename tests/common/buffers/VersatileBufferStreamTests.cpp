@@ -1,0 +1,272 @@
+#include "mivra/common/buffers/VersatileBufferStream.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/MediaGlobal.h"
+#include "mivra/common/buffers/PacketBuffer.h"
+#include "mivra/common/runtime/GeneralException.h"
+#include "mivra/common/runtime/Reference.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/LogCapture.h"
+
+namespace Mivra::Common {
+namespace {
+
+namespace support = Mivra::Test;
+using Media::MediaGlobal;
+
+class VersatileBufferStreamTest : public ::testing::Test {
+protected:
+    VersatileBufferStreamTest() { MediaGlobal::Initialize(0.1F); }
+    ~VersatileBufferStreamTest() override {
+        EXPECT_EQ(used(), (std::vector<int>{0, 0, 0}));
+        MediaGlobal::Uninitialize();
+    }
+
+    /// Buffers that are out, of the small, normal and big pool.
+    static std::vector<int> used() {
+        std::vector<int> counts;
+        for (PacketBufferAllocator* pool : {MediaGlobal::GetSmallAllocator(), MediaGlobal::GetAllocator(),
+                                            MediaGlobal::GetBigAllocator()}) {
+            counts.push_back(pool->BufferCount() -
+                             dynamic_cast<DefaultPacketBufferAllocator*>(pool)->FreeBufferCount());
+        }
+        return counts;
+    }
+    static Reference<PacketBuffer> take(const std::string& content) {
+        auto buffer =
+            Reference<PacketBuffer>::Adopt(MediaGlobal::LockBuffer(static_cast<int>(content.size())));
+        buffer->Append(content.data(), static_cast<int>(content.size()));
+        return buffer;
+    }
+    static std::string content(VersatileBufferStream& stream) {
+        std::string text(static_cast<std::size_t>(stream.GetLength()), '?');
+        EXPECT_EQ(stream.ReadFrom(0, reinterpret_cast<unsigned char*>(text.data()), 0,
+                                  static_cast<int>(text.size())),
+                  text.size());
+        return text;
+    }
+
+    support::LogCapture log;
+};
+
+TEST_F(VersatileBufferStreamTest, GrowsByTheBuffersThatItsShortfallAsksFor) {
+    struct Case {
+        int bytes;
+        std::vector<int> used;
+        std::int64_t length;
+    };
+    const Case cases[] = {{120000, {0, 0, 1}, 1048576},
+                          {6000, {0, 1, 0}, 51200},
+                          {5120, {1, 0, 0}, 5120},
+                          {51201, {0, 0, 1}, 1048576},
+                          {1048576 + 5000, {1, 0, 1}, 1048576 + 5120},
+                          {0, {0, 0, 0}, 0}};
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.bytes);
+        VersatileBufferStream stream;
+        stream.SetAutoGrowth(true);
+        const std::vector<unsigned char> data(static_cast<std::size_t>(test.bytes), 7);
+        stream.Write(data.data(), 0, test.bytes);
+        EXPECT_EQ(used(), test.used);
+        EXPECT_EQ(stream.GetLength(), test.length);
+        EXPECT_EQ(stream.GetPosition(), test.bytes);
+    }
+}
+
+TEST_F(VersatileBufferStreamTest, NeverGrowsWithoutAutoGrowth) {
+    VersatileBufferStream stream(take("0123").get());
+    EXPECT_FALSE(stream.IsAutoGrowth());
+    stream.SetPosition(2);
+    stream.SetBitPosition(1);
+    try {
+        stream.Write(reinterpret_cast<const unsigned char*>("abc"), 0, 3);
+        ADD_FAILURE();
+    } catch (const GeneralException& exception) {
+        EXPECT_STREQ(exception.what(), "VersatileBufferStream::Write: Argument out of range");
+    }
+    EXPECT_EQ(stream.GetPosition() * 8 + stream.GetBitPosition(), 17);
+    EXPECT_EQ(content(stream), "0123");
+    EXPECT_THROW(stream.SetLength(5), GeneralException);
+}
+
+TEST_F(VersatileBufferStreamTest, GrownTailIsZeroInUsedBuffers) {
+    {
+        VersatileBufferStream dirty;
+        dirty.SetAutoGrowth(true);
+        dirty.Write(std::vector<unsigned char>(5120, 0xFF).data(), 0, 5120);
+    }
+    VersatileBufferStream stream;
+    stream.SetAutoGrowth(true);
+    stream.WriteByte('a');
+    EXPECT_EQ(content(stream), "a" + std::string(5119, '\0'));
+}
+
+TEST_F(VersatileBufferStreamTest, HoldsOneReferenceOnEverySlice) {
+    const auto buffer = take("0123456789");
+    {
+        VersatileBufferStream stream(buffer.get());
+        EXPECT_EQ(buffer->ReferenceCount(), 2);
+        stream.Append(buffer.get(), 8, 2);
+        stream.Append(buffer.get(), 0, 1);
+        EXPECT_EQ(buffer->ReferenceCount(), 4);
+        EXPECT_EQ(content(stream), "0123456789890");
+        EXPECT_EQ(stream.GetFirstBuffer(), buffer.get());
+        // Slices reach into the capacity, not beyond.
+        stream.Append(buffer.get(), 5119, 1);
+        for (const auto& [offset, count] : {std::pair{5120, 1}, {0, 5121}, {-1, 1}, {1, -1}}) {
+            EXPECT_THROW(stream.Append(buffer.get(), offset, count), GeneralException);
+        }
+        EXPECT_THROW(stream.Append(nullptr, 0, 0), GeneralException);
+        stream.SetLength(11);
+        EXPECT_EQ(buffer->ReferenceCount(), 3);
+        stream.TrimBegin(10);
+        EXPECT_EQ(buffer->ReferenceCount(), 2);
+        EXPECT_EQ(content(stream), "8");
+    }
+    EXPECT_EQ(buffer->ReferenceCount(), 1);
+    EXPECT_THROW(VersatileBufferStream(buffer.get(), 5000, 121), GeneralException);
+    EXPECT_EQ(buffer->ReferenceCount(), 1);
+}
+
+TEST_F(VersatileBufferStreamTest, TrimsItsFront) {
+    const auto buffer = take("0123456789");
+    VersatileBufferStream stream(buffer.get(), 0, 4);
+    stream.Append(buffer.get(), 4, 3);
+    stream.Append(buffer.get(), 7, 3);
+    stream.SetPosition(5);
+    stream.SetBitPosition(2);
+    stream.TrimBegin(2);
+    EXPECT_EQ(content(stream), "23456789");
+    EXPECT_EQ(stream.GetPosition() * 8 + stream.GetBitPosition(), 26);
+    stream.TrimBegin();
+    EXPECT_EQ(content(stream), "56789");
+    EXPECT_EQ(stream.GetPosition() * 8 + stream.GetBitPosition(), 2);
+    stream.TrimBegin(1);
+    EXPECT_EQ(stream.GetBitPosition(), 0);
+    EXPECT_THROW(stream.TrimBegin(5), GeneralException);
+    EXPECT_THROW(stream.TrimBegin(-1), GeneralException);
+    stream.TrimBegin(4);
+    EXPECT_EQ(stream.GetFirstBuffer(), nullptr);
+    EXPECT_EQ(buffer->ReferenceCount(), 1);
+}
+
+TEST_F(VersatileBufferStreamTest, CopiesBytesAndSharesChains) {
+    const auto source = take("0123456789");
+    VersatileBufferStream from(source.get(), 0, 5);
+    from.Append(source.get(), 5, 5);
+    const auto room = take("..........");
+    VersatileBufferStream to(room.get());
+    from.SetPosition(3);
+    from.CopyTo(&to, 4);
+    EXPECT_EQ(content(to), "3456......");
+    EXPECT_EQ(from.GetPosition(), 7);
+    EXPECT_EQ(to.GetPosition(), 4);
+    from.CopyTo(&to, 8, 2, false);
+    EXPECT_EQ(from.GetPosition(), 7);
+    from.CopyTo(&to, 0, 2, true);
+    EXPECT_EQ(from.GetPosition(), 2);
+    {
+        AutoLock guard(from.GetLock());
+        from.UnlockedCopyTo(&to, 9, 1);
+    }
+    EXPECT_EQ(content(to), "345689019.");
+    EXPECT_THROW(from.CopyTo(&to, 2), GeneralException);  // no room, and then nothing is written
+    EXPECT_THROW(from.CopyTo(&to, 10, 1, true), GeneralException);
+    EXPECT_THROW(from.CopyTo(nullptr, 1), GeneralException);
+    EXPECT_EQ(content(to), "345689019.");
+    to.CopyTo(&to, 0, 1, false);
+    EXPECT_EQ(content(to), "3456890193");
+
+    from.CopyAllTo(&to);
+    EXPECT_EQ(content(to), "34568901930123456789");
+    EXPECT_EQ(source->ReferenceCount(), 5);
+    from.SetPosition(0);
+    from.WriteByte('X');  // shared
+    EXPECT_EQ(content(to), "3456890193X123456789");
+    from.MoveTo(&to);
+    EXPECT_EQ(from.GetLength() + from.GetPosition(), 0);
+    EXPECT_EQ(source->ReferenceCount(), 5);
+    EXPECT_EQ(content(to), "3456890193X123456789X123456789");
+    to.MoveTo(&to);
+    to.CopyAllTo(&to);
+    EXPECT_EQ(to.GetLength(), 60);
+}
+
+TEST_F(VersatileBufferStreamTest, WindowShowsOneRunAndIsTheCursor) {
+    const auto buffer = take("0123456789");
+    VersatileBufferStream stream(buffer.get(), 2, 4);
+    StreamWindow* const window = StreamWindow::Of(&stream);
+    ASSERT_NE(window, nullptr);
+    EXPECT_EQ(reinterpret_cast<char*>(window->data), buffer->Buffer() + 2);
+    EXPECT_EQ(window->length, 4);
+    window->position = 3;
+    window->bitPosition = 6;
+    EXPECT_EQ(stream.GetPosition() * 8 + stream.GetBitPosition(), 30);
+    stream.Append(buffer.get(), 0, 1);
+    EXPECT_EQ(window->data, nullptr);
+    stream.TrimBegin(1);
+    stream.SetLength(3);
+    EXPECT_EQ(reinterpret_cast<char*>(window->data), buffer->Buffer() + 3);
+    EXPECT_EQ(window->position, 2);
+    VersatileBufferStream other;
+    stream.MoveTo(&other);
+    EXPECT_EQ(window->data, nullptr);
+    EXPECT_EQ(window->length, 0);
+
+    struct Derived : VersatileBufferStream {};
+    Derived derived;
+    EXPECT_EQ(StreamWindow::Of(&derived), nullptr);
+    EXPECT_EQ(StreamWindow::Of(nullptr), nullptr);
+}
+
+TEST_F(VersatileBufferStreamTest, GrowsWholeOrNotAtAll) {
+    const std::vector<unsigned char> data(2 * 1048576 + 6000, 9);
+    const std::uint64_t failures = support::ForEachNthFailure(support::FaultKind::Allocate, [&] {
+        VersatileBufferStream stream;
+        stream.SetAutoGrowth(true);
+        try {
+            stream.Write(data.data(), 0, static_cast<int>(data.size()));
+        } catch (const std::bad_alloc&) {
+            const support::FaultPause pause;
+            EXPECT_EQ(stream.GetLength() + stream.GetPosition(), 0);
+        }
+    });
+    EXPECT_GT(failures, 0u);
+    // The pools run dry: two big buffers, and no growth.
+    MediaGlobal::Uninitialize();
+    MediaGlobal::Initialize({5120, 1, false, 1}, {51200, 1, false, 1}, {1048576, 1, false, 1});
+    VersatileBufferStream stream;
+    stream.SetAutoGrowth(true);
+    EXPECT_THROW(stream.Write(data.data(), 0, static_cast<int>(data.size())), GeneralException);
+    EXPECT_EQ(stream.GetLength(), 0);
+    EXPECT_EQ(used(), (std::vector<int>{0, 0, 0}));
+}
+
+TEST_F(VersatileBufferStreamTest, TwoStreamsCopyOppositeWaysAtOnce) {
+    const auto first = take("0123456789");
+    const auto second = take("abcdefghij");
+    VersatileBufferStream one(first.get(), 0, 10);
+    VersatileBufferStream two(second.get(), 0, 10);
+    const auto copy = [](VersatileBufferStream& from, VersatileBufferStream& to) {
+        for (int i = 0; i < 2000; ++i) {
+            to.SetPosition(0);
+            try {
+                from.CopyTo(&to, i % 10, 1, false);
+            } catch (const GeneralException&) {  // the other thread has moved the position to the end
+            }
+        }
+    };
+    std::thread back([&] { copy(two, one); });
+    copy(one, two);
+    back.join();
+    EXPECT_EQ(one.GetLength() + two.GetLength(), 20);
+}
+
+}  // namespace
+}  // namespace Mivra::Common
