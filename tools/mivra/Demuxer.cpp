@@ -10,7 +10,6 @@
 namespace Mivra::Tool {
 namespace {
 
-using FFmpeg::FfmpegOptional;
 using FFmpeg::FfmpegProxy;
 
 /// Sizes of a packet of MPEG-2 transport streams, with what some carriers add.
