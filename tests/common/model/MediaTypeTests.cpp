@@ -1,0 +1,261 @@
+#include "mivra/common/model/MediaType.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+
+#include "tests/common/model/BinaryForms.h"
+#include "tests/support/FaultInjection.h"
+
+namespace Mivra::Test {
+namespace {
+
+using namespace Common;
+
+void setPrivateData(MediaType& type, const std::string& bytes) {
+    std::free(type.CodecPrivateData());
+    type.CodecPrivateData() = static_cast<char*>(std::malloc(bytes.size()));
+    std::memcpy(type.CodecPrivateData(), bytes.data(), bytes.size());
+    type.CodecPrivateDataSize() = static_cast<std::int32_t>(bytes.size());
+}
+
+std::string privateDataOf(const MediaType& type) {
+    return std::string(type.CodecPrivateData(), static_cast<std::size_t>(type.CodecPrivateDataSize()));
+}
+
+/// Every field set to a value of its own.
+MediaType fullType(ContentType_t content) {
+    MediaType type;
+    type.ContentType() = content;
+    type.CodecId() = content == ContentType_t::Audio ? Codec_t::AAC : Codec_t::H264;
+    type.Bitrate() = 3000;
+    type.FrameSize() = 4;
+    type.FrameDuration() = std::int64_t{5} << 33;
+    type.Timescale() = Rational(1, 90000);
+    type.Compressed() = false;
+    type.FixedSizeSamples() = true;
+    type.ExpectedFrameSize() = 7;
+    setPrivateData(type, "\x12\x10");
+    type.CodecMetadata()["Profile"] = 100;
+    type.Width() = 1280;
+    type.Height() = 720;
+    type.PixelFormat() = PixelFormat_t::NV12;
+    type.Framerate() = Rational(30000, 1001);
+    type.PixelAspectRatio() = Rational(4, 3);
+    type.SampleFormat() = SampleFormat_t::FLTP;
+    type.SampleRate() = 48000;
+    type.Channels() = 6;
+    type.ChannelLayout() = 0x8000000000000003u;
+    type.BitsPerSample() = 16;
+    return type;
+}
+
+TEST(MediaType, HasItsDefaults) {
+    const MediaType type;
+    EXPECT_EQ(type.ContentType(), ContentType_t::Unknown);
+    EXPECT_EQ(type.CodecId(), Codec_t::None);
+    EXPECT_TRUE(type.Timescale() == Rational(1, 10000000));
+    EXPECT_TRUE(type.Compressed());
+    EXPECT_FALSE(type.FixedSizeSamples());
+    EXPECT_EQ(type.CodecPrivateData(), nullptr);
+    EXPECT_EQ(static_cast<int>(type.PixelFormat()), -1);
+    EXPECT_EQ(static_cast<int>(type.SampleFormat()), -1);
+    EXPECT_TRUE(type.Framerate() == Rational() && type.PixelAspectRatio() == Rational(1, 1));
+    EXPECT_TRUE(type == MediaType());
+}
+
+TEST(MediaType, ComparesWhatCounts) {
+    using Change = std::function<void(MediaType&)>;
+    struct Case {
+        ContentType_t content;
+        Change change;
+        bool shallow;
+        bool whole;
+    };
+    constexpr auto V = ContentType_t::Video;
+    constexpr auto A = ContentType_t::Audio;
+    constexpr auto T = ContentType_t::Text;
+    const Case cases[] = {
+        {V, [](MediaType&) {}, true, true},
+        {V, [](MediaType& t) { t.ContentType() = A; }, false, false},
+        {V, [](MediaType& t) { t.CodecId() = Codec_t::H265; }, false, false},
+        {V, [](MediaType& t) { t.Width() = 1; }, false, false},
+        {V, [](MediaType& t) { t.Height() = 1; }, false, false},
+        {V, [](MediaType& t) { t.PixelFormat() = PixelFormat_t::YUV420P; }, false, false},
+        {V, [](MediaType& t) { t.Framerate() = 25; }, false, false},
+        {V, [](MediaType& t) { t.PixelAspectRatio() = 1; }, false, false},
+        {V, [](MediaType& t) { t.SampleRate() = 1; }, true, true},
+        {V, [](MediaType& t) { t.Timescale() = Rational(1, 1000); }, true, false},
+        {V, [](MediaType& t) { t.Bitrate() = 2000; }, true, true},
+        {V, [](MediaType& t) { t.Bitrate() = 1999; }, true, false},
+        {V, [](MediaType& t) { t.Bitrate() = 4001; }, true, false},
+        {V, [](MediaType& t) { t.Bitrate() = INT32_MIN; }, true, false},
+        {V, [](MediaType& t) { setPrivateData(t, "\x12\x11"); }, true, false},
+        {V, [](MediaType& t) { setPrivateData(t, "\x12"); }, true, false},
+        {V, [](MediaType& t) { t.Compressed() = true, t.FrameSize() = t.ExpectedFrameSize() = 99; }, true,
+         true},
+        {V, [](MediaType& t) { t.CodecMetadata()["x"] = t.FrameDuration() = 1; }, true, true},
+        {A, [](MediaType& t) { t.SampleFormat() = SampleFormat_t::S16; }, false, false},
+        {A, [](MediaType& t) { t.SampleRate() = 1; }, false, false},
+        {A, [](MediaType& t) { t.Channels() = 1; }, false, false},
+        {A, [](MediaType& t) { t.ChannelLayout() = 3; }, false, false},
+        {A, [](MediaType& t) { t.BitsPerSample() = 1; }, false, false},
+        {A, [](MediaType& t) { t.Width() = 1; }, true, true},
+        {A, [](MediaType& t) { t.Bitrate() = 3001; }, true, false},  // of fixed-size samples
+        {T, [](MediaType& t) { t.Bitrate() = t.Width() = t.Channels() = 0; }, true, true},
+    };
+    for (const Case& c : cases) {
+        const MediaType original = fullType(c.content);
+        MediaType changed(original);
+        c.change(changed);
+        EXPECT_EQ(original.IsEqualShallow(changed), c.shallow) << &c - cases;
+        EXPECT_EQ(original == changed, c.whole) << &c - cases;
+        EXPECT_EQ(original != changed, !c.whole) << &c - cases;
+    }
+}
+
+TEST(MediaType, TakesTheBitrateToleranceOfTheLeftSide) {
+    MediaType fast = fullType(ContentType_t::Video);
+    MediaType slow(fast);
+    slow.Bitrate() = 2000;
+    EXPECT_TRUE(fast == slow);
+    EXPECT_FALSE(slow == fast);
+    MediaType loud = fullType(ContentType_t::Audio);
+    loud.FixedSizeSamples() = false;
+    MediaType quiet(loud);
+    quiet.Bitrate() = 2400;
+    EXPECT_TRUE(loud == quiet);
+    EXPECT_FALSE(quiet == loud);
+}
+
+TEST(MediaType, CopiesDeeplyWithItsCaches) {
+    MediaType original = fullType(ContentType_t::Video);
+    original.SetProfileLevel(0x640029);
+    original.SetReorderingQueueDepth(3);
+    MediaType copy;
+    setPrivateData(copy, "old");
+    copy = original;
+    original.CodecPrivateData()[0] = 'x';
+    original.CodecMetadata()["Profile"] = 1;
+    EXPECT_EQ(privateDataOf(copy), "\x12\x10");
+    EXPECT_EQ(static_cast<int>(copy.CodecMetadata()["Profile"]), 100);
+    EXPECT_EQ(copy.GetProfileLevel(), 0x640029u);
+    EXPECT_EQ(copy.GetReorderingQueueDepth(), 3);
+    EXPECT_EQ(Written(copy).size(), Written(original).size());
+    const MediaType& alias = copy;
+    copy = alias;
+    EXPECT_EQ(privateDataOf(copy), "\x12\x10");
+    copy = MediaType();
+    EXPECT_EQ(copy.CodecPrivateData(), nullptr);
+}
+
+TEST(MediaType, WritesTheKnownBytes) {
+    const std::string head(
+        "\1\0\0\0\0\0\0\0\x1B\0\0\x0B\xB8\0\0\0\4\0\0\0\x0A\0\0\0\0\0\0\0\1\0\1\x5F\x90\0\1", 35);
+    const std::string privateData("\0\0\0\7\0\0\0\2\x12\x10", 10);
+    const std::string video("\0\0\5\0\0\0\2\xD0\0\0\0\x17\0\0\x75\x30\0\0\3\xE9\0\0\0\4\0\0\0\3", 28);
+    const std::string audio("\0\0\0\x08\0\0\xBB\x80\0\0\0\6\x80\0\0\0\0\0\0\3\0\0\0\x10", 24);
+    const std::string metadata = Written(fullType(ContentType_t::Video).CodecMetadata());
+    EXPECT_EQ(Written(fullType(ContentType_t::Video)), head + privateData + video + metadata);
+    std::string form = Written(fullType(ContentType_t::Audio));
+    EXPECT_EQ(form.substr(1, 8), Int32(1) + Int32(86018));
+    EXPECT_EQ(form.substr(45), audio + metadata);
+    form = Written(fullType(ContentType_t::Text));
+    EXPECT_EQ(form.substr(45), metadata);
+
+    std::vector<char> bytes(4096);
+    WithPacket(bytes, [&](PacketBuffer* packet) {
+        packet->ActualSize() = 0;
+        fullType(ContentType_t::Video).ToPacketBuffer(packet);
+        EXPECT_EQ(packet->ActualSize(), packet->Position());
+        EXPECT_EQ(std::string(bytes.data(), 35), head);
+    });
+}
+
+TEST(MediaType, RoundTripsInBothOrders) {
+    for (const ContentType_t content : {ContentType_t::Video, ContentType_t::Audio, ContentType_t::Text,
+                                        ContentType_t::Binary, ContentType_t::Unknown}) {
+        for (const Endianness order : {Endianness::Big, Endianness::Little}) {
+            MediaType type = fullType(content);
+            type.SetProfileLevel(5);
+            EXPECT_TRUE(ReadAs<MediaType>(
+                Written(type, order),
+                [&](MediaType& read) {
+                    EXPECT_EQ(Written(read, order), Written(type, order));
+                    EXPECT_EQ(read.Width(), content == ContentType_t::Video ? 1280 : 0);
+                    EXPECT_EQ(read.Channels(), content == ContentType_t::Audio ? 6 : 0);
+                    EXPECT_TRUE(read.PixelAspectRatio() ==
+                                (content == ContentType_t::Video ? Rational(4, 3) : Rational(1, 1)));
+                    setPrivateData(read, "\x28");
+                    read.CodecId() = Codec_t::AAC;
+                    EXPECT_EQ(read.GetProfileLevel(), 5u) << "the cache is not read";
+                },
+                order));
+        }
+    }
+}
+
+TEST(MediaType, CutAndHostileFormsFailWithoutMemory) {
+    std::string form = Written(fullType(ContentType_t::Video));
+    for (std::size_t size = 0; size < form.size(); ++size) {
+        EXPECT_FALSE(ReadAs<MediaType>(form.substr(0, size), [](MediaType&) {})) << size;
+    }
+    constexpr std::size_t SizeOffset = 39;
+    for (const std::int64_t size : {std::int64_t{INT32_MAX}, std::int64_t{-1}, std::int64_t{INT32_MIN}}) {
+        form.replace(SizeOffset, 4, Int32(size));
+        std::vector<char> bytes(form.begin(), form.end());
+        WithPacket(bytes, [](PacketBuffer* packet) {
+            EndianBinaryReader reader(packet);
+            const AllocationMeter meter;
+            EXPECT_THROW(MediaType{&reader}, GeneralException);
+            EXPECT_LE(meter.Peak(), 64 * 1024);
+        });
+    }
+}
+
+TEST(MediaType, DerivesTheProfileLevelFromPrivateData) {
+    MediaType type;
+    type.ContentType() = ContentType_t::Audio;
+    EXPECT_EQ(type.GetProfileLevel(), 0u);
+    setPrivateData(type, "\x92\x10");
+    type.CodecId() = Codec_t::AC3;
+    EXPECT_EQ(type.GetProfileLevel(), 0u);
+    type.CodecId() = Codec_t::AAC_LATM;
+    EXPECT_EQ(type.GetProfileLevel(), 18u) << "the byte is unsigned";
+    setPrivateData(type, "\x12\x10");
+    EXPECT_EQ(type.GetProfileLevel(), 18u) << "cached";
+    type.SetProfileLevel(0);
+    EXPECT_EQ(type.GetProfileLevel(), 2u) << "0 is not cached";
+}
+
+TEST(MediaType, ComputesTheReorderingDepthOnce) {
+    MediaType type;
+    type.ContentType() = ContentType_t::Video;
+    type.CodecId() = Codec_t::H264;
+    EXPECT_EQ(type.GetReorderingQueueDepth(), 0);
+    setPrivateData(type, "\1");
+    EXPECT_EQ(type.GetReorderingQueueDepth(), 0);
+    type.SetReorderingQueueDepth(4);
+    EXPECT_EQ(type.GetReorderingQueueDepth(), 4);
+}
+
+TEST(MediaType, LosesNothingWhenMemoryEnds) {
+    const MediaType original = fullType(ContentType_t::Video);
+    const std::string form = Written(original);
+    ForEachNthFailure(FaultKind::Allocate, [&] {
+        MediaType target;
+        try {
+            target = fullType(ContentType_t::Audio);
+            target = original;
+            ReadAs<MediaType>(form, [](MediaType&) {});
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(target == MediaType() || target == fullType(ContentType_t::Audio) ||
+                        target == original);
+        }
+    });
+}
+
+}  // namespace
+}  // namespace Mivra::Test
