@@ -315,7 +315,7 @@ TEST_F(FfmpegProxyTest, EveryNthFailureLeavesNothingBehind) {
 
 TEST_F(FfmpegProxyTest, ManyThreadsLoadCallAndUnload) {
     constexpr int kThreads = 8;
-    constexpr int kRounds = 50;
+    constexpr int kRounds = 25;
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([] {

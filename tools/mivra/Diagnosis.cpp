@@ -13,6 +13,7 @@
 #include "mivra/common/runtime/Version.h"
 #include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
+#include "tools/mivra/FfmpegSupport.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -22,9 +23,10 @@ using FFmpeg::FfmpegLibraryState;
 using FFmpeg::FfmpegProxy;
 using Json = nlohmann::ordered_json;
 
+constexpr const char* kOtherFfmpeg = "take a newer FFmpeg of the same major versions";
 constexpr rlim_t kDescriptorsNeeded = 64;
 
-std::string errorText(int error) {
+std::string systemErrorText(int error) {
     return std::system_category().message(error);
 }
 
@@ -116,7 +118,7 @@ void lookAtFunctions(const FfmpegInventory& inventory, Diagnosis& diagnosis, Jso
     } else if (!optional.empty()) {
         finding.health = Health::Poor;
         finding.text += ", but not the optional " + optional.front();
-        finding.remedy = "some streams cannot be relayed; take a newer FFmpeg of the same major version";
+        finding.remedy = kOtherFfmpeg;
     }
     diagnosis.findings.push_back(finding);
     details["functions"] = wanted;
@@ -138,10 +140,17 @@ constexpr Format kFormats[] = {
 /// What this FFmpeg was built to read and write. It is loaded for real here: the last word on whether it
 /// works.
 void lookAtFormats(Diagnosis& diagnosis, Json& details) {
-    details["loads"] = FfmpegProxy::Load();
-    if (!details["loads"].get<bool>()) {
+    const FfmpegUse use;
+    details["loads"] = use.IsLoaded();
+    if (!use.IsLoaded()) {
         diagnosis.findings.push_back({Health::Bad, "formats", "unknown, since FFmpeg cannot be loaded", ""});
         return;
+    }
+    const char* const lacking = missingForReading() != nullptr ? missingForReading() : missingForWriting();
+    if (lacking != nullptr) {
+        const Problem problem = functionMissing(lacking);
+        diagnosis.findings.push_back(
+            {Health::Bad, "relay functions", problem.what + ": " + problem.where, kOtherFfmpeg});
     }
     std::string here;
     std::string missing;
@@ -151,7 +160,6 @@ void lookAtFormats(Diagnosis& diagnosis, Json& details) {
         details["formats"].push_back({{"extension", format.extension}, {"read", read}, {"write", write}});
         (read && write ? here : missing) += std::string(" ") + format.extension;
     }
-    FfmpegProxy::Unload();
     if (missing.empty()) {
         diagnosis.findings.push_back({Health::Good, "formats", here.substr(1), ""});
     } else {
@@ -173,6 +181,14 @@ void lookAtFfmpeg(Diagnosis& diagnosis) {
     diagnosis.details["ffmpeg"] = std::move(details);
 }
 
+std::string sizeText(int size) {
+    constexpr int kKibi = 1024;
+    if (size % (kKibi * kKibi) == 0) {
+        return std::to_string(size / (kKibi * kKibi)) + " MiB";
+    }
+    return size % kKibi == 0 ? std::to_string(size / kKibi) + " KiB" : std::to_string(size) + " bytes";
+}
+
 void lookAtPools(Diagnosis& diagnosis) {
     using Media::MediaGlobal;
     const bool mine = !MediaGlobal::IsInitialized();
@@ -188,7 +204,7 @@ void lookAtPools(Diagnosis& diagnosis) {
         const int size = pool == nullptr ? 0 : pool->BufferSize();
         const int count = pool == nullptr ? 0 : pool->BufferCount();
         finding.text += std::string(finding.text.empty() ? "" : ", ") + name + " " + std::to_string(count) +
-                        " of " + std::to_string(size) + " bytes";
+                        " of " + sizeText(size);
         diagnosis.details["pools"].push_back({{"name", name}, {"bufferSize", size}, {"bufferCount", count}});
         if (count == 0) {
             finding.health = Health::Bad;
@@ -245,11 +261,11 @@ void lookAtLog(const std::string& path, Diagnosis& diagnosis) {
     }
     const int error = tryToWrite(path);
     diagnosis.details["log"] = {
-        {"path", path}, {"writable", error == 0}, {"error", error == 0 ? "" : errorText(error)}};
+        {"path", path}, {"writable", error == 0}, {"error", error == 0 ? "" : systemErrorText(error)}};
     if (error == 0) {
         diagnosis.findings.push_back({Health::Good, "log", path + " can be written", ""});
     } else {
-        diagnosis.findings.push_back({Health::Bad, "log", path + ": " + errorText(error),
+        diagnosis.findings.push_back({Health::Bad, "log", path + ": " + systemErrorText(error),
                                       "name a file in a folder that you may write to"});
     }
 }

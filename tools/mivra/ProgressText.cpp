@@ -42,7 +42,7 @@ std::string fixed(double value, int digits) {
 }
 
 std::string clock(double seconds) {
-    const auto all = static_cast<unsigned long long>(std::min(sane(seconds), 1e12));
+    const auto all = static_cast<unsigned long long>(std::llround(std::min(sane(seconds), 1e12)));
     char text[48];
     if (all >= 3600) {
         std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", all / 3600, all / 60 % 60, all % 60);
@@ -216,6 +216,9 @@ std::vector<std::string> summaryText(const Summary& summary, const LiveStyle& st
                     scaled(static_cast<double>(progress.bytes), "B") + ", " +
                     scaled(bitRateOf(progress), "b/s"));
     for (const OutputSummary& output : summary.outputs) {
+        if (output.streams.empty()) {
+            continue;  // it was never opened
+        }
         lines.push_back("  " + printable(output.path) + ": " + printable(output.format) + ", " +
                         printable(joined(output.streams)) + "; " + std::to_string(output.packets) +
                         " packets, " + scaled(static_cast<double>(output.bytes), "B"));
