@@ -20,7 +20,9 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 std::atomic<bool> s_requested{false};
 std::atomic<int> s_descriptor{-1};
 struct sigaction s_former[std::size(kSignals)];
-struct sigaction s_formerPipe;
+/// What a failing write would end the program with, where its error is wanted.
+constexpr int kWriteSignals[] = {SIGPIPE, SIGXFSZ};
+struct sigaction s_formerWrite[std::size(kWriteSignals)];
 
 void setAction(int signal, void (*handler)(int)) {
     struct sigaction action {};
@@ -57,15 +59,19 @@ Interrupt::Interrupt() {
             setAction(kSignals[i], onSignal);
         }
     }
-    ::sigaction(SIGPIPE, nullptr, &s_formerPipe);
-    setAction(SIGPIPE, SIG_IGN);
+    for (std::size_t i = 0; i < std::size(kWriteSignals); ++i) {
+        ::sigaction(kWriteSignals[i], nullptr, &s_formerWrite[i]);
+        setAction(kWriteSignals[i], SIG_IGN);
+    }
 }
 
 Interrupt::~Interrupt() {
     for (std::size_t i = 0; i < std::size(kSignals); ++i) {
         ::sigaction(kSignals[i], &s_former[i], nullptr);
     }
-    ::sigaction(SIGPIPE, &s_formerPipe, nullptr);
+    for (std::size_t i = 0; i < std::size(kWriteSignals); ++i) {
+        ::sigaction(kWriteSignals[i], &s_formerWrite[i], nullptr);
+    }
     ::close(s_descriptor.exchange(-1));
 }
 

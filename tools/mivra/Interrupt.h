@@ -3,8 +3,9 @@
 namespace Mivra::Tool {
 
 /// Ctrl-C (SIGINT), SIGTERM and SIGHUP as a request to finish: the first only sets a flag and makes a
-/// descriptor readable, a second one ends the program at once. SIGPIPE is ignored. One of these per process,
-/// made before other threads start and kept while signals are to be caught.
+/// descriptor readable, a second one ends the program at once. SIGPIPE and SIGXFSZ are ignored: the write
+/// that would raise them fails instead. One of these per process, made before other threads start and kept
+/// while signals are to be caught.
 class Interrupt {
 public:
     /// GeneralException when the signals cannot be caught.

@@ -81,8 +81,7 @@ void MuxSink::write(int streamIndex, PacketBuffer& sample) {
             return;
         case Muxer::Result::Failed:
             started = false;
-            fail(ExitCode::WriteFailed,
-                 {"cannot write the output: " + muxer->ErrorText(), options.path, "is there room for it?"});
+            fail(ExitCode::WriteFailed, writeProblem(options.path, muxer->ErrorText()));
             return;
     }
 }

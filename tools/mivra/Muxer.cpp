@@ -38,6 +38,10 @@ const std::string& withFfmpeg(const std::string& path, bool loaded) {
     return path;
 }
 
+std::string errorMessage(int number) {
+    return std::generic_category().message(number);
+}
+
 /// Bytes behind the data that FFmpeg may read; they have to be zeros.
 bool isPadded(PacketBuffer& packet) {
     static constexpr char kZeros[AV_INPUT_BUFFER_PADDING_SIZE] = {};
@@ -111,6 +115,10 @@ std::string leftOutLine(const std::string& path, const std::vector<MediaType>& t
 
 }  // namespace
 
+Problem writeProblem(const std::string& path, const std::string& why) {
+    return {"cannot write the output: " + why, path, "is there room for it?"};
+}
+
 void Muxer::ContextDeleter::operator()(AVFormatContext* context) const {
     context->pb = nullptr;  // the file's own
     FfmpegOptional::avformat_free_context(context);
@@ -152,7 +160,7 @@ void Muxer::Begin(const std::vector<MediaType>& types) {
         addStream(index, types[index]);
     }
     if (!file.Begin()) {
-        failToOpen(path, std::generic_category().message(errno), "check the file and its permissions");
+        failToOpen(path, errorMessage(errno), "check the file and its permissions");
     }
     writeHeader();
 }
@@ -174,6 +182,9 @@ void Muxer::writeHeader() {
         return;
     }
     failed = true;
+    if (file.WriteError() != 0) {
+        throw ProblemError(ExitCode::WriteFailed, writeProblem(path, errorMessage(file.WriteError())));
+    }
     const std::string why = watch.FirstError().empty() ? errorText(code) : watch.FirstError();
     failToOpen(path, why, "choose another format or check the place");
 }
@@ -291,7 +302,7 @@ Muxer::Result Muxer::explain(int code, const std::string& message) {
         error = message.empty() ? errorText(code) : message;
         return Result::BadPacket;
     }
-    error = file.WriteError() != 0 ? std::generic_category().message(file.WriteError()) : errorText(code);
+    error = file.WriteError() != 0 ? errorMessage(file.WriteError()) : errorText(code);
     failed = true;
     return Result::Failed;
 }
@@ -309,7 +320,7 @@ bool Muxer::Finish() {
     file.Close();
     if (file.WriteError() != 0) {
         failed = true;
-        error = std::generic_category().message(file.WriteError());
+        error = errorMessage(file.WriteError());
     }
     return !failed;
 }

@@ -14,6 +14,9 @@
 
 namespace Mivra::Tool {
 
+/// What is told of an output that failed while writing.
+Problem writeProblem(const std::string& path, const std::string& why);
+
 /// One output, put together with libavformat: packets are interleaved by their decoding times and written as
 /// they are. It keeps references to packets until they are written, as many as their pools allow (RelayPool);
 /// beyond that it keeps copies. It never writes into a packet. One thread at a time.
@@ -28,7 +31,7 @@ public:
     Muxer& operator=(const Muxer&) = delete;
 
     /// Takes of these streams, which are known by their place, those that the format holds, and writes the
-    /// header. ProblemError when none is left or the format refuses them.
+    /// header. ProblemError when none is left, the format refuses them, or writing fails.
     void Begin(const std::vector<Common::MediaType>& types);
     /// Whether Begin has taken the stream.
     bool Takes(int stream) const;
