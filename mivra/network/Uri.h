@@ -11,7 +11,7 @@ namespace Mivra::Network {
 class MIVRA_API Uri {
 public:
     Uri() = default;
-    explicit Uri(const std::string& text);
+    Uri(const std::string& text);
 
     /// The text it was made from.
     const std::string& ToString() const noexcept { return text; }

@@ -15,7 +15,7 @@ public:
     /// The empty identifier.
     Guid() noexcept = default;
     /// Reads the form of ToString, upper case too; anything else gives the empty identifier.
-    explicit Guid(const std::string& text) noexcept;
+    Guid(const std::string& text) noexcept;
     /// A new random identifier.
     static Guid NewGuid() noexcept;
 

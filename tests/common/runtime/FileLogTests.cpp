@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include "mivra/common/identity/Guid.h"
@@ -227,6 +228,20 @@ TEST_F(FileLogTest, TextThatTheLibraryCannotConvertIsNotLost) {
     open();
     log.Log(FileLog::Error, "wide %ls", L"\u20AC");
     EXPECT_THAT(ReadMessages(path), ElementsAre("ERROR wide %ls"));
+}
+
+// In a process of its own: the variable counts when the channel is first used.
+TEST(DebugOutputDeathTest, GoesToStandardErrorWhenTheEnvironmentSaysSo) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto logOneLine = [](const char* variable) {
+        ::setenv("MIVRA_DEBUG_OUTPUT", variable, 1);
+        FileLog log;
+        log.Initialize(FileLog::Error, nullptr);
+        log.Log(FileLog::Error, "for the debugger");
+        std::exit(0);
+    };
+    EXPECT_EXIT(logOneLine("1"), ::testing::ExitedWithCode(0), "ERROR for the debugger");
+    EXPECT_EXIT(logOneLine("0"), ::testing::ExitedWithCode(0), "^$");
 }
 
 }  // namespace
