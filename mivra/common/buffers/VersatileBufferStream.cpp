@@ -428,6 +428,9 @@ void VersatileBufferStream::copyRange(IStream* destination, std::int64_t offset,
         count > window.length - offset) {
         failRange("CopyTo");
     }
+    if (count == 0) {
+        return;
+    }
     auto* const target = dynamic_cast<VersatileBufferStream*>(destination);
     if (target == this) {
         std::vector<unsigned char> bytes(static_cast<std::size_t>(count));

@@ -59,6 +59,7 @@ public:
     void TrimBegin(std::int64_t count);
 
     /// Writes count bytes from the position on to another stream, at its position; both move behind them.
+    /// With count 0 the other stream is not touched.
     void CopyTo(IStream* destination, int count);
     /// The same from an offset; this stream's position moves behind what was copied only with movePosition.
     void CopyTo(IStream* destination, std::int64_t offset, int count, bool movePosition);

@@ -283,7 +283,7 @@ TEST_F(PoolTest, LosesNothingWhenMemoryRunsOut) {
         giveBack(taken);
         EXPECT_EQ(pool->FreeBufferCount(), pool->BufferCount());
     });
-    EXPECT_GT(failures, 30u);
+    EXPECT_GE(failures, 15u);  // the buffers alone
 }
 
 TEST_F(PoolTest, ARoundAllocatesNothing) {
