@@ -16,7 +16,8 @@ using namespace Mivra::Common;
 namespace {
 
 constexpr int DataSize = 1024 * 1024;
-constexpr int FieldCount = 256 * 1024;  // of 16.5 bits on average: half of the data, and too many to be learned by a branch predictor
+// Of 16.5 bits on average: half of the data, and too many for a branch predictor to learn.
+constexpr int FieldCount = 256 * 1024;
 
 struct Field {
     int width;
