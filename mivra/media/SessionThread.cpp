@@ -8,6 +8,7 @@
 #include "mivra/media/Notification.h"
 #include "mivra/media/SessionCore.h"
 #include "mivra/media/SessionTime.h"
+#include "mivra/platform/Relax.h"
 
 namespace Mivra::Media {
 
@@ -22,6 +23,10 @@ namespace {
 constexpr std::int64_t kPassSleep = 10'000'000;
 // Samples of one pass: time-outs are looked at between two passes, however many samples come.
 constexpr int kSamplesPerPass = 256;
+// Looks for work before the thread sleeps, some microseconds of them.
+constexpr int kLooks = 512;
+// After looks in vain the next 1, 3, 7, ... sleeps begin without any, at most 2^this - 1.
+constexpr int kMostBackoff = 6;
 constexpr std::int64_t kTimeoutCheckInterval = kTimescale;
 
 /// Time-outs that hold when none is set.
@@ -39,6 +44,32 @@ std::int64_t timeout(std::int64_t value, const DefaultTimeouts& defaults, bool n
     }
     return network ? defaults.network : defaults.local;
 }
+
+/// A short spin before a sleep: where samples come close upon each other it spares their producer the kernel,
+/// where they are rare it is soon left out.
+class WorkLooks {
+public:
+    bool Find(const Common::WakeEvent& work, std::uint32_t seen) {
+        if (pause > 0) {
+            --pause;
+            return false;
+        }
+        for (int look = 0; look < kLooks; ++look) {
+            if (work.Sequence() != seen) {
+                backoff = 0;
+                return true;
+            }
+            Platform::Relax();
+        }
+        backoff = std::min(backoff + 1, kMostBackoff);
+        pause = (1 << backoff) - 1;
+        return false;
+    }
+
+private:
+    int backoff = 0;
+    int pause = 0;  // sleeps to come without looks
+};
 
 std::int64_t now() {
     return MediaTime::Get(kTimescale);
@@ -97,13 +128,16 @@ void SessionCore::mainThread(const OwnThread& own) {
 }
 
 void SessionCore::loop(std::uint32_t epoch) {
+    WorkLooks looks;
     while (active(epoch)) {
         const std::uint32_t seen = work.Sequence();
         pass(epoch);
         const MediaState reached = state;
         const bool takesSamples = reached == MediaState::Started || reached == MediaState::Running;
         if (active(epoch) && !(takesSamples && !queue.Empty())) {
-            work.Wait(seen, kPassSleep);
+            if (!looks.Find(work, seen)) {
+                work.Wait(seen, kPassSleep);
+            }
         }
     }
 }

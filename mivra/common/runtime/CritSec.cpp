@@ -2,6 +2,7 @@
 
 #include <system_error>
 
+#include "mivra/platform/Relax.h"
 #include "mivra/platform/System.h"
 
 namespace Mivra::Common {
@@ -9,12 +10,6 @@ namespace {
 
 // Looks at a busy lock before the kernel is asked; most are held for less.
 constexpr int kSpins = 64;
-
-void relax() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-}
 
 }  // namespace
 
@@ -26,7 +21,7 @@ void CritSec::wait() noexcept {
                                        std::memory_order_relaxed)) {
             return;
         }
-        relax();
+        Platform::Relax();
     }
     while (word.exchange(Contended, std::memory_order_acquire) != Free) {
         Platform::System().waitWord(&word, Contended, -1);
