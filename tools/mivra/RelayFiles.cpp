@@ -48,6 +48,7 @@ bool isSame(const Place& a, const Place& b) {
 
 std::vector<Place> placesOf(const std::vector<std::string>& names, int standardDescriptor) {
     std::vector<Place> places;
+    places.reserve(names.size());
     for (const std::string& name : names) {
         places.push_back(placeOf(name, standardDescriptor));
     }
