@@ -156,10 +156,10 @@ TEST_F(PoolTest, ReallocationDeletesWhatIsOutWhenItComesBack) {
 }
 
 TEST_F(PoolTest, ReportsItsUsageOncePerMinute) {
-    const char* const report = "peak usage %d, average usage %d, current usage %d";
     const auto expected = [&](const PacketBufferAllocator& pool, int peak, int average, int current) {
         char text[100];
-        std::snprintf(text, sizeof text, report, peak, average, current);
+        std::snprintf(text, sizeof text, "peak usage %d, average usage %d, current usage %d", peak, average,
+                      current);
         return line("LockBuffer", pool, "10/4", text);
     };
     support::FakeClock clock(support::FakeClock::Mode::Frozen);
