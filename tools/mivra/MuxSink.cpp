@@ -97,8 +97,7 @@ void MuxSink::fail(ExitCode code, const Problem& problem) {
 
 void MuxSink::Stop() {
     if (muxer != nullptr && !muxer->Finish()) {
-        shared->monitor.Fail(ExitCode::WriteFailed, {"cannot write the output: " + muxer->ErrorText(),
-                                                     options.path, "is there room for it?"});
+        shared->monitor.Fail(ExitCode::WriteFailed, writeProblem(options.path, muxer->ErrorText()));
     }
     setStateInThread(MediaState::Stopped);
 }
