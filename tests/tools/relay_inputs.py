@@ -18,6 +18,17 @@ def _copy(source, path, *words, before=()):
     _ffmpeg(*before, "-i", source, "-c", "copy", *words, path)
 
 
+def _flv_tags(path):
+    """The tags of an FLV file, each with the size that follows it; first what stands before them."""
+    body = path.read_bytes()
+    yield body[:13]
+    at = 13
+    while at < len(body):
+        size = 11 + int.from_bytes(body[at + 1:at + 4], "big") + 4
+        yield body[at:at + size]
+        at += size
+
+
 def _make(folder):
     base, plain = folder / "bframes.mp4", folder / "plain.mp4"
     _film(base, video=["-bf", "2"])
@@ -38,6 +49,14 @@ def _make(folder):
     _copy(folder / "uneven.mp4", folder / "uneven.mkv")
     _copy(base, folder / "bframes.flv")
     _copy(plain, folder / "plain.flv")
+    # The pictures of the whole film, then its sound.
+    head, *tags = _flv_tags(folder / "bframes.flv")
+    (folder / "apart.flv").write_bytes(head + b"".join(sorted(tags, key=lambda tag: tag[0] == 8)))
+    # Another picture size, and so another configuration record, half-way.
+    _film(folder / "larger.flv", video=["-bf", "0", "-vf", "scale=480:270", "-output_ts_offset", "5"])
+    _, *more = _flv_tags(folder / "larger.flv")
+    (folder / "larger.flv").write_bytes((folder / "plain.flv").read_bytes() + b"".join(more))
+    (folder / "larger.flv").rename(folder / "changes.flv")
     _ffmpeg("-i", base, "-i", plain, "-map", "0", "-map", "1", "-c", "copy", folder / "two-of-each.ts")
     _ffmpeg("-i", base, "-c:v", "mpeg2video", "-bf", "2", "-b:v", "400k", "-c:a", "mp2", folder / "mpeg2.ts")
 
@@ -58,3 +77,8 @@ def make(folder):
         except OSError:
             shutil.rmtree(made)
     return folder
+
+
+if __name__ == "__main__":
+    import sys
+    make(sys.argv[1])

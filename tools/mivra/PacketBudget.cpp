@@ -224,7 +224,7 @@ PacketBuffer* PacketBudget::lendFromReserve(int size) {
 }
 
 void PacketBudget::makeReserve(int size) {
-    std::int64_t bufferSize = kSmallestReserveBuffer;
+    std::int64_t bufferSize = std::min(kSmallestReserveBuffer, reserveBytes);
     while (bufferSize < size && bufferSize < reserveBytes) {
         bufferSize *= 2;
     }

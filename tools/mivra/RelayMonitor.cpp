@@ -91,7 +91,7 @@ std::vector<Problem> RelayMonitor::Damages() {
     return damages;
 }
 
-RelayShared::RelayShared(int sources, Console& console)
-    : budget(sources), pace(sources, kLargestLead), monitor(sources, console) {}
+RelayShared::RelayShared(int sources, Console& console, std::int64_t budgetBytes)
+    : budget(sources, budgetBytes), pace(sources, kLargestLead), monitor(sources, console) {}
 
 }  // namespace Mivra::Tool

@@ -69,7 +69,7 @@ private:
 
 /// What the sources and sinks of one relay share; all of them keep it alive.
 struct RelayShared {
-    RelayShared(int sources, Console& console);
+    RelayShared(int sources, Console& console, std::int64_t budgetBytes = PacketBudget::kDefaultBytes);
 
     PacketBudget budget;
     SourcePace pace;

@@ -1,0 +1,288 @@
+// Sources and sinks of the relay in a session of the test's own: what they hold, and what they give back.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <semaphore>
+
+#include "mivra/common/identity/Guid.h"
+#include "mivra/common/runtime/Reference.h"
+#include "mivra/common/runtime/ThreadHelper.h"
+#include "mivra/media/MediaSession.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempFolder.h"
+#include "tools/mivra/FfmpegLog.h"
+#include "tools/mivra/FileSource.h"
+#include "tools/mivra/Interrupt.h"
+#include "tools/mivra/MuxSink.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::MediaType;
+using Common::PacketBuffer;
+using Common::Reference;
+
+std::string film(const std::string& name) {
+    const char* const folder = std::getenv("MIVRA_FILMS");
+    return (folder != nullptr ? std::string(folder) : ".") + "/" + name;
+}
+
+/// Keeps what it is told; holds the session up while the gate is shut.
+class RecordingSink : public Media::IMediaSink {
+public:
+    explicit RecordingSink(std::shared_ptr<RelayShared> with) : shared(std::move(with)) {}
+    ~RecordingSink() override { destroying = true; }
+
+    void Open() override { setStateInThread(Media::MediaState::Opened); }
+    void Start(bool) override {}
+    void Stop() override {}
+    void AddStream(int, MediaType* type) override { types.push_back(*type); }
+    void PushMedia(int streamIndex, PacketBuffer* sample) override {
+        gate.acquire();
+        gate.release();
+        ++packets;
+        EXPECT_EQ(sample->StreamIndex(), streamIndex);
+        changes += sample->NewMediaType() != nullptr ? 1 : 0;
+        if (streamIndex < 2 && changes == 0) {
+            EXPECT_GE(sample->Dts(), last[streamIndex]);
+            last[streamIndex] = sample->Dts();
+        }
+        if (sample->NewMediaType() != nullptr) {
+            lastChange = *sample->NewMediaType();
+        }
+        shared->monitor.Consumed();
+    }
+
+    std::counting_semaphore<> gate{1};
+    std::atomic<int> packets{0};
+    std::int64_t last[2] = {INT64_MIN, INT64_MIN};
+    int changes = 0;
+    MediaType lastChange;
+    std::vector<MediaType> types;
+
+private:
+    const std::shared_ptr<RelayShared> shared;
+};
+
+/// One relay; at its end everything is back where it came from.
+class Flow {
+public:
+    explicit Flow(std::int64_t budget = PacketBudget::kDefaultBytes)
+        : shared(std::make_shared<RelayShared>(1, console, budget)) {
+        session.SetNoCaptureTimeout(std::numeric_limits<std::int64_t>::max());
+    }
+    ~Flow() {
+        Stop();
+        EXPECT_EQ(shared->budget.BytesOut(), 0);
+        Common::ThreadHelper::Cleanup();
+    }
+
+    FileSource& Read(const std::string& path, double seconds = 0) {
+        FileSourceOptions options;
+        options.path = path;
+        options.length = static_cast<std::int64_t>(seconds * static_cast<double>(kPacketSecond));
+        source = Reference<FileSource>(new FileSource(options, shared));
+        session.AddSource(source.get());
+        return *source.get();
+    }
+    MuxSink& Write(const std::string& path, bool last) {
+        MuxSinkOptions options;
+        options.path = path;
+        options.format = findOutputFormat(path);
+        options.last = last;
+        sinks.emplace_back(new MuxSink(options, shared));
+        return add(*sinks.back().get());
+    }
+    RecordingSink& Record() {
+        recorder = Reference<RecordingSink>(new RecordingSink(shared));
+        return add(*recorder.get());
+    }
+    void Run() {
+        session.Start();
+        while (!shared->monitor.Wait(1000, -1)) {
+        }
+    }
+    void StartUntilHeldBack() {
+        session.Start();
+        for (std::uint64_t before = 0; before == 0 || before != shared->monitor.Packets();) {
+            before = shared->monitor.Packets();
+            shared->monitor.Wait(20, -1);
+        }
+    }
+    void Stop() {
+        if (source) {
+            source->Stop();
+        }
+        session.Stop();
+        for (const auto& sink : sinks) {
+            sink->Stop();
+        }
+        sinks.clear();
+    }
+
+    Console console{STDERR_FILENO};
+    std::shared_ptr<RelayShared> shared;
+    Media::MediaSession session;
+
+private:
+    template <typename Sink>
+    Sink& add(Sink& sink) {
+        char id[37];
+        std::snprintf(id, sizeof(id), "00000000-0000-4000-8000-%012d", ++number);
+        sink.SetUniqueId(Common::Guid(id));
+        session.AddSink(&sink);
+        return sink;
+    }
+
+    Reference<FileSource> source;
+    std::vector<Reference<MuxSink>> sinks;
+    Reference<RecordingSink> recorder;
+    int number = 0;
+};
+
+class RelayTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(ffmpeg.IsLoaded());
+        routeFfmpegLog();
+    }
+    void TearDown() override { EXPECT_EQ(log.Errors(), std::vector<std::string>()); }
+
+    Mivra::Test::LogCapture log;
+    Mivra::Test::TempFolder folder;
+    FfmpegUse ffmpeg;
+};
+
+TEST_F(RelayTest, MediaTypesSayWhatASinkNeeds) {
+    Flow flow;
+    RecordingSink& sink = flow.Record();
+    flow.Read(film("bframes.mp4"));
+    flow.Run();
+    EXPECT_EQ(sink.packets, 361);
+    ASSERT_EQ(sink.types.size(), 2u);
+    const MediaType& video = sink.types[0];
+    EXPECT_EQ(video.ContentType(), Common::ContentType_t::Video);
+    EXPECT_EQ(video.CodecId(), Common::Codec_t::H264);
+    EXPECT_EQ(std::pair(video.Width(), video.Height()), std::pair(320, 180));
+    EXPECT_EQ(video.Framerate(), Common::Rational(25, 1));
+    EXPECT_EQ(video.FrameDuration(), 400000);
+    EXPECT_EQ(video.Timescale(), Common::Rational(1, 10000000));
+    EXPECT_EQ(video.GetReorderingQueueDepth(), 2);
+    ASSERT_GT(video.CodecPrivateDataSize(), 7);
+    EXPECT_EQ(video.CodecPrivateData()[0], 1);  // avcC, version 1
+    const MediaType& audio = sink.types[1];
+    EXPECT_EQ(audio.CodecId(), Common::Codec_t::AAC);
+    EXPECT_EQ(std::pair(audio.SampleRate(), audio.Channels()), std::pair(48000, 1));
+    EXPECT_EQ(audio.FrameDuration(), 213333);
+}
+
+TEST_F(RelayTest, AMediaTypeThatChangesTravelsWithItsPacket) {
+    Flow flow;
+    RecordingSink& sink = flow.Record();
+    flow.Read(film("changes.flv"));
+    flow.Run();
+    EXPECT_EQ(sink.changes, 2);
+    EXPECT_GT(sink.lastChange.CodecPrivateDataSize(), 0);
+}
+
+// With so little to lend, large packets go by the reserve and the muxer gets copies.
+TEST_F(RelayTest, AllBuffersComeBackWhateverTheBudget) {
+    for (const std::int64_t budget :
+         {std::int64_t{64} << 10, std::int64_t{1} << 20, PacketBudget::kDefaultBytes}) {
+        for (const char* const name : {"bframes.mp4", "apart.flv", "two-of-each.ts"}) {
+            Flow flow(budget);
+            flow.Read(film(name));
+            MuxSink& first = flow.Write(folder / "a.mkv", false);
+            flow.Write(folder / "a.ts", true);
+            flow.Run();
+            EXPECT_FALSE(flow.shared->monitor.FirstFailure().has_value());
+            EXPECT_EQ(first.GetSummary().packets, flow.shared->monitor.Packets()) << name;
+            EXPECT_LE(flow.shared->budget.PeakBytesOut(), budget);
+        }
+    }
+}
+
+TEST_F(RelayTest, ASlowSinkHoldsTheSourceBack) {
+    Flow flow(256 << 10);
+    RecordingSink& sink = flow.Record();
+    flow.Read(film("bframes.mp4"));
+    sink.gate.acquire();
+    flow.StartUntilHeldBack();
+    EXPECT_LT(flow.shared->monitor.Packets(), 361u);
+    EXPECT_LE(flow.shared->budget.PeakBytesOut(), 256 << 10);
+    sink.gate.release();
+    while (!flow.shared->monitor.Wait(1000, -1)) {
+    }
+    EXPECT_EQ(sink.packets, 361);
+}
+
+TEST_F(RelayTest, StopEndsASourceThatWaitsForBuffers) {
+    Flow flow(256 << 10);
+    RecordingSink& sink = flow.Record();
+    FileSource& source = flow.Read(film("bframes.mp4"));
+    sink.gate.acquire();
+    flow.StartUntilHeldBack();
+    source.Stop();
+    EXPECT_EQ(source.State(), Media::MediaState::Stopped);
+    sink.gate.release();
+}
+
+TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
+    Flow flow;
+    RecordingSink& sink = flow.Record();
+    FileSource& source = flow.Read(film("bframes.mp4"));
+    EXPECT_TRUE(source.CanPause());
+    EXPECT_FALSE(source.CanSeek());
+    std::vector<std::string> errors;
+    source.AddErrorListener([&](void*, Media::ErrorEventArgs* args) {
+        EXPECT_FALSE(args->fatal);
+        errors.push_back(args->message);
+    });
+    source.Pause();
+    flow.session.Start();
+    EXPECT_FALSE(flow.shared->monitor.Wait(20, -1));
+    EXPECT_EQ(sink.packets, 0);
+    source.SetPosition(10000000);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("cannot seek"), std::string::npos);
+    source.Discard({{1, true}});
+    source.Resume();
+    while (!flow.shared->monitor.Wait(1000, -1)) {
+    }
+    EXPECT_EQ(sink.packets, 125);
+    EXPECT_TRUE(source.IsEos());
+    EXPECT_NEAR(static_cast<double>(source.GetPosition()), 5e7, 2e6);
+    EXPECT_NEAR(static_cast<double>(source.GetDuration()), 5e7, 2e6);
+}
+
+// Four seconds take no more memory from the system than one: no packet takes any.
+TEST_F(RelayTest, TheSteadyStateAllocatesNothing) {
+    if (!Mivra::Test::kCountsOperatorNew) {
+        GTEST_SKIP() << "this sanitizer keeps its own operator new";
+    }
+    for (const char* const name : {"bframes.mp4", "bframes.ts", "bframes.mkv"}) {
+        std::uint64_t calls[2];
+        std::uint64_t packets[2];
+        for (const int i : {0, 1}) {
+            const Mivra::Test::FaultPlan counter(Mivra::Test::FaultKind::Allocate,
+                                                 std::numeric_limits<std::uint64_t>::max());
+            Flow flow;
+            flow.Read(film(name), i == 0 ? 1 : 4);
+            flow.Write(folder / "a.ts", false);
+            flow.Write(folder / "a.mp4", true);
+            flow.Run();
+            calls[i] = counter.Calls();
+            packets[i] = flow.shared->monitor.Packets();
+        }
+        EXPECT_GT(packets[1], packets[0] + 200);
+        EXPECT_LE(calls[1], calls[0] + 5) << name;
+    }
+}
+
+}  // namespace
+}  // namespace Mivra::Tool
