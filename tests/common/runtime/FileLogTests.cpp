@@ -1,5 +1,6 @@
 #include "mivra/common/runtime/FileLog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <time.h>
 #include <unistd.h>
@@ -23,7 +24,6 @@ using Common::FileLog;
 using Common::Guid;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
-using ::testing::IsEmpty;
 
 std::string s_debugOutput;
 
@@ -221,6 +221,33 @@ TEST_F(FileLogTest, AFullDiskLeavesWholeLinesOnly) {
     Platform::g_system.write = real;
     log.Log(FileLog::Error, "after");
     EXPECT_THAT(ReadMessages(path), ElementsAre("ERROR before", "ERROR after"));
+}
+
+std::string s_lockedPath;
+int s_lockedWrites = 0;
+
+// Another descriptor of the file finds its first two bytes, and no more, locked while a line is written.
+ssize_t writeLookingForTheLock(int file, const void* data, std::size_t size) {
+    const int other = ::open(s_lockedPath.c_str(), O_WRONLY | O_CLOEXEC);
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    if (::fcntl(other, F_OFD_GETLK, &range) == 0 && range.l_type == F_WRLCK && range.l_start == 0 &&
+        range.l_len == 2) {
+        ++s_lockedWrites;
+    }
+    ::close(other);
+    return ::write(file, data, size);
+}
+
+TEST_F(FileLogTest, WritesUnderTheLockOfTheFile) {
+    s_lockedPath = path;
+    const auto real = Platform::g_system.write;
+    Platform::g_system.write = writeLookingForTheLock;
+    open();  // the byte order mark
+    for (const char* text : {"a", "a", "b"})
+        log.Log(FileLog::Error, "%s", text);
+    Platform::g_system.write = real;
+    EXPECT_EQ(s_lockedWrites, 4);
 }
 
 TEST_F(FileLogTest, TextThatTheLibraryCannotConvertIsNotLost) {
