@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "mivra/common/runtime/GeneralException.h"
+#include "mivra/platform/System.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
@@ -100,6 +103,25 @@ TEST_F(FileStreamTest, KeepsItsBytesThroughManyBlocks) {
     EXPECT_EQ(read(stream, 400'000), expected);
     stream.Flush();
     EXPECT_EQ(support::ReadWholeFile(folder / "file"), expected);
+}
+
+TEST_F(FileStreamTest, WritesAllThatIsDirtyInSmallPieces) {
+    support::WriteWholeFile(folder / "file", "0123456789");
+    const auto whole = Platform::g_system.writeAt;
+    static const auto s_whole = whole;
+    Platform::g_system.writeAt = [](int descriptor, const void* data, std::size_t size, off_t offset) {
+        return s_whole(descriptor, data, std::min<std::size_t>(size, 2), offset);
+    };
+    {
+        FileStream stream(folder / "file", "r+b");
+        EXPECT_EQ(stream.PeekByte(), '0');  // the whole file is one block
+        for (const auto& [at, bytes] : {std::pair{5, "FGH"}, {1, "B"}, {3, "DE"}}) {
+            stream.SetPosition(at);
+            write(stream, bytes);
+        }
+    }
+    Platform::g_system.writeAt = whole;
+    EXPECT_EQ(support::ReadWholeFile(folder / "file"), "0B2DEFGH89");
 }
 
 TEST_F(FileStreamTest, PositionsHave64Bits) {
