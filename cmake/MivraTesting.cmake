@@ -10,7 +10,7 @@ function(mivra_test name)
     GTest::gtest GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE MIVRA_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
     MIVRA_BINARY_DIR="${PROJECT_BINARY_DIR}")
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
+  gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 endfunction()
 
 # mivra_fuzz_target(NAME SOURCE): a libFuzzer program in the fuzz build, and everywhere a replay of
