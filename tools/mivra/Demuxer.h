@@ -48,8 +48,8 @@ public:
 
 private:
     struct ContextDeleter {
-        void operator()(AVFormatContext* context) const {
-            FFmpeg::FfmpegProxy::avformat_close_input(&context);
+        void operator()(AVFormatContext* input) const {
+            FFmpeg::FfmpegProxy::avformat_close_input(&input);
         }
     };
 

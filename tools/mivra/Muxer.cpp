@@ -119,9 +119,9 @@ Problem writeProblem(const std::string& path, const std::string& why) {
     return {"cannot write the output: " + why, path, "is there room for it?"};
 }
 
-void Muxer::ContextDeleter::operator()(AVFormatContext* context) const {
-    context->pb = nullptr;  // the file's own
-    FfmpegOptional::avformat_free_context(context);
+void Muxer::ContextDeleter::operator()(AVFormatContext* output) const {
+    output->pb = nullptr;  // the file's own
+    FfmpegOptional::avformat_free_context(output);
 }
 
 Muxer::Muxer(const std::string& name, const OutputFormat& of) try

@@ -55,7 +55,7 @@ private:
         bool begun = false;
     };
     struct ContextDeleter {
-        void operator()(AVFormatContext* context) const;
+        void operator()(AVFormatContext* output) const;
     };
 
     void makeContext();
