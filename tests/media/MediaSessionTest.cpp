@@ -130,18 +130,44 @@ TEST_F(MediaSessionTest, FailsWhenBuffering) {
     EXPECT_TRUE(log.Contains("MediaSession::StartBuffering: Started buffering 5 seconds in 2"));
 }
 
-TEST_F(MediaSessionTest, RunsAgainAfterStop) {
+TEST_F(MediaSessionTest, RunsAgainAfterStopAndLeavesNothingOnItsMembers) {
+    std::vector<Reference<FakeSource>> sources;
+    const auto captured = std::make_shared<int>(0);
+    session->AddErrorListener([kept = captured](void*, Media::ErrorEventArgs*) {});
     for (int run = 0; run < 2; ++run) {
-        const auto source = AddSource();
+        sources.push_back(AddSource());
         const auto sink = AddSink();
         session->Start();
         ASSERT_TRUE(Runs(*sink.get()));
-        source->Send(0, run);
+        sources.back()->Send(0, run);
         EXPECT_TRUE(Eventually([&] { return sink->Samples().size() == 1; }));
         session->Stop();
-        source->Send(0, 5);  // nobody listens any more
+        sources.back()->Send(0, 5);  // nobody listens any more
         EXPECT_EQ(sink->Samples().size(), 1U);
     }
+    Renew();
+    Common::ThreadHelper::Cleanup();
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
+TEST_F(MediaSessionTest, IgnoresAnErrorOfAnEarlierRun) {
+    const auto old = AddSource();
+    std::atomic<bool> reporting{false};
+    std::atomic<bool> go{false};
+    old->AddErrorListener([&](void*, Media::ErrorEventArgs*) {  // called before the session's listener
+        reporting = true;
+        EXPECT_TRUE(Eventually([&] { return go.load(); }));
+    });
+    session->Start();
+    ASSERT_TRUE(Reaches(MediaState::Running));
+    std::thread reporter([&] { old->onError("late", true); });
+    EXPECT_TRUE(Eventually([&] { return reporting.load(); }));
+    session->Stop();
+    session->Start();
+    ASSERT_TRUE(Reaches(MediaState::Running));
+    go = true;
+    reporter.join();
+    EXPECT_EQ(session->State(), MediaState::Running);
 }
 
 struct Failure {

@@ -144,6 +144,7 @@ TEST_P(SessionStopTest, StopsFromTheCallback) {
     }
     // Where nothing else holds them, the session's references go at once.
     EXPECT_TRUE(Eventually([&] { return sink->GetRefCount() == 1 && source->GetRefCount() == 1; }));
+    EXPECT_FALSE(std::string(callback.name) == "AddStream" && sink->Starts() != 0);  // the step ends there
     session.reset();
 }
 
@@ -189,8 +190,9 @@ TEST_F(SessionRaceTest, StopGetsItsTurnWhileASinkIsBusy) {
     for (int i = 0; i < 900; ++i)
         source->Send(0, i);
     ASSERT_TRUE(Eventually([&] { return pushed > 2; }));
+    const int before = pushed;
     session->Stop();
-    EXPECT_LT(pushed, 450);  // the queue was not drained first
+    EXPECT_LT(pushed - before, 10);  // the queue was not drained first
     EXPECT_FALSE(log.Contains("MediaSession::cleanupBuffer: Released 0 buffers"));
 }
 
