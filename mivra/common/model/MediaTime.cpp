@@ -37,12 +37,19 @@ std::int64_t MediaTime::Convert(std::int64_t value, const Rational& from, const 
     if (from == to) {
         return value;
     }
-    const Rational ratio = from / to;
-    if (ratio.Den() == 0) {
+    // from / to, in 64 bits: a quotient of two time bases need not fit a Rational.
+    std::int64_t num = std::int64_t{from.Num()} * to.Den();
+    std::int64_t den = std::int64_t{from.Den()} * to.Num();
+    if (den == 0) {
         return value;
     }
-    const std::int64_t product = multiply(value, ratio.Num());
-    return ratio.Den() == -1 ? multiply(product, -1) : product / ratio.Den();
+    if (num > 0 && den > 0) {
+        const std::int64_t common = std::gcd(num, den);
+        num /= common;
+        den /= common;
+    }
+    const std::int64_t product = multiply(value, num);
+    return den == -1 ? multiply(product, -1) : product / den;
 }
 
 std::int64_t MediaTime::Get(std::int64_t timescale) {

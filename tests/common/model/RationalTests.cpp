@@ -118,6 +118,7 @@ TEST(MediaTime, ConvertsBetweenTimeBases) {
         {INT64_MIN, {1, 1}, {-1, 1}, INT64_MIN},     // the quotient wraps
         {std::int64_t{1} << 62, {4, 1}, {1, 1}, 0},  // the product wraps
         {90000, {1001, 30000}, {1, 10000000}, 30030000000},
+        {11988, {1001, 11988}, {1, 10000000}, 10010000000},  // 2502500000/2997 fits no Rational
     };
     for (const Case& c : cases) {
         EXPECT_EQ(MediaTime::Convert(c.value, c.from, c.to), c.expected) << c.value;
