@@ -1,7 +1,9 @@
 #include "mivra/common/runtime/ThreadHelper.h"
 
+#include <cstddef>
 #include <exception>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "mivra/common/runtime/GlobalLog.h"
@@ -30,14 +32,17 @@ private:
 constinit CritSec ThreadHelper::s_CS;
 constinit int ThreadHelper::s_Joining = 0;
 
-// Never destroyed: a thread may report its end while the process exits.
+// Never destroyed: a thread may report its end while the process exits. Their first use, with a thread
+// already running, needs no memory that could be missing.
 ThreadHelper::QueuedThreads& ThreadHelper::queuedThreads() {
-    static auto& threads = *new QueuedThreads;
+    alignas(QueuedThreads) static std::byte storage[sizeof(QueuedThreads)];
+    static auto& threads = *new (static_cast<void*>(storage)) QueuedThreads;
     return threads;
 }
 
 ThreadHelper::FinishedThreads& ThreadHelper::finishedThreads() {
-    static auto& ids = *new FinishedThreads;
+    alignas(FinishedThreads) static std::byte storage[sizeof(FinishedThreads)];
+    static auto& ids = *new (static_cast<void*>(storage)) FinishedThreads;
     return ids;
 }
 

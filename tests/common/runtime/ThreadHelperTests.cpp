@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -97,6 +98,9 @@ TEST(ThreadHelperTest, AReportThatBelongsToNobodyLeavesNoTrace) {
     EXPECT_EQ(Registry::Finished(), 0u);
     worker.Go();
     ThreadHelper::Cleanup();
+    ThreadHelper::FinishThread(std::thread::id());
+    ThreadHelper::Cleanup();
+    EXPECT_EQ(Registry::Finished(), 0u);
 }
 
 // An old report under the id of a running thread: the system gives ids out again. A registry that trusts it
@@ -166,6 +170,22 @@ TEST(CallbackThreadTest, WhatCannotBeStartedHasNotHappened) {
         });
         EXPECT_TRUE(failed > 0 || !kCountsOperatorNew);
     }
+}
+
+// In a process of its own, where the registry has not been used yet.
+TEST(CallbackThreadDeathTest, TheFirstOneStartsWholeOrNotAtAllWithoutMemory) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto startWithoutMemory = [] {
+        ForEachNthFailure(FaultKind::Allocate, [] {
+            try {
+                StartCallbackThread([] {});
+            } catch (const std::system_error&) {
+            }
+        });
+        ThreadHelper::Cleanup();
+        std::exit(0);
+    };
+    EXPECT_EXIT(startWithoutMemory(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(CallbackThreadTest, ManyThreadsStartMany) {
