@@ -9,6 +9,7 @@
 #include "mivra/common/runtime/CallbackThread.h"
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/common/runtime/INotifyPropertyChanged.h"
+#include "mivra/common/runtime/ThreadHelper.h"
 #include "tests/common/runtime/LogFixture.h"
 #include "tests/support/FaultInjection.h"
 
@@ -20,6 +21,13 @@ using Common::LogLine;
 using Common::LogLineAt;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+
+struct Registry : Common::ThreadHelper {
+    static bool Empty() {
+        Common::AutoLock guard(s_CS);
+        return queuedThreads().empty();
+    }
+};
 
 class EntryPointTest : public ::testing::Test {
 protected:
@@ -70,7 +78,11 @@ TEST_F(EntryPointTest, ShutdownJoinsThenFreesThenLogsThenEndsTheLog) {
         MivraCommonSetLog(4, widePath.c_str());  // takes the library's lock while it shuts down
         LogLineAt("a/b/Callback", 7, FileLog::Error, "still logged");
     });
-    std::thread releaser([&] { mayLog = true; });
+    std::thread releaser([&] {
+        while (!Registry::Empty())  // until the shutdown joins the callback
+            std::this_thread::yield();
+        mayLog = true;
+    });
     MivraCommonShutdown();
     releaser.join();
     EXPECT_FALSE(Media::MediaGlobal::IsInitialized());
