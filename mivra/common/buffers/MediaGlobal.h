@@ -12,7 +12,9 @@ namespace Mivra::Media {
 
 /// The pools that the whole process shares: small, normal and big buffers, and extra big ones on demand. The
 /// library owns them; they come with the first use and go with Uninitialize. Any thread may lock buffers and
-/// get pools, but not while another one uninitializes. Buffers that are out when their pool goes stay valid.
+/// get pools, but not while another one uninitializes, nor use a pool that came with a getter while the first
+/// Initialize or LockBuffer replaces it: who has several threads calls Initialize before they start. Buffers
+/// that are out when their pool goes stay valid.
 /// A pool that finds no memory is not there: a level-1 line, and null where a buffer or a pool is returned.
 class MIVRA_API MediaGlobal {
 public:
