@@ -107,28 +107,6 @@ TEST_F(PoolTest, GrowthEndsWhereTheFactorSays) {
     }
 }
 
-TEST_F(PoolTest, LendsTheLowestFreeSlot) {
-    DefaultPacketBufferAllocator pool(10, 5, false, 1.0F);
-    auto taken = takeAll(pool);
-    for (int slot = 0; slot < 5; ++slot)
-        EXPECT_EQ(taken[static_cast<std::size_t>(slot)]->PoolIndex(), slot);
-    taken[3]->Release();
-    taken[1]->Release();
-    EXPECT_EQ(pool.LockBuffer(true), taken[1]);
-    EXPECT_EQ(pool.LockBuffer(true), taken[3]);
-    giveBack(taken);
-}
-
-TEST_F(PoolTest, OnlyTheLastReleaseReturnsABuffer) {
-    DefaultPacketBufferAllocator pool(10, 1, false, 1.0F);
-    PacketBuffer* const buffer = pool.LockBuffer(true);
-    EXPECT_EQ(buffer->AddRef(), 2);
-    EXPECT_EQ(buffer->Release(), 1);
-    EXPECT_EQ(pool.FreeBufferCount(), 0);
-    EXPECT_EQ(buffer->Release(), 0);
-    EXPECT_EQ(pool.FreeBufferCount(), 1);
-}
-
 TEST_F(PoolTest, ReallocationDeletesWhatIsOutWhenItComesBack) {
     DefaultPacketBufferAllocator pool(100, 3, true, 2.0F);
     PacketBuffer* const old = pool.LockBuffer(true);
