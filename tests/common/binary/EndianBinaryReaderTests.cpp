@@ -185,6 +185,10 @@ TEST(EndianBinaryReader, NewReadersAndWritersHaveDefaultsOfTheirOwn) {
     EXPECT_EQ(EndianBinaryWriter(packet.buffer).GetEndianness(), Endianness::Big);
     EndianBinaryReader::GlobalEndiannes() = Endianness::Big;
     EXPECT_EQ(EndianBinaryReader(packet.buffer).GetEndianness(), Endianness::Big);
+    EndianBinaryWriter::GlobalEndiannes() = Endianness::Little;
+    EXPECT_EQ(EndianBinaryWriter(packet.buffer).GetEndianness(), Endianness::Little);
+    EXPECT_EQ(EndianBinaryReader(packet.buffer).GetEndianness(), Endianness::Big);
+    EndianBinaryWriter::GlobalEndiannes() = Endianness::Big;
 }
 
 TEST(EndianBinaryReader, ReadsTheSameFromAFile) {

@@ -1,5 +1,6 @@
 #include "mivra/common/binary/EndianBinaryWriter.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "mivra/common/binary/EndianBinaryReader.h"
@@ -74,6 +75,17 @@ TEST(EndianBinaryWriter, WritesValuesInBothOrders) {
                             0,   0,   0,    0,    0,    0,    0x0A, 0x0B, 0x0C, 0x0C, 0x0B, 0x0A,
                             'x', 'y', 'z',  4,    3,    2,    1,    0xFE, 0xFF, 0xFF, 0xFF, 0xFF};
     EXPECT_EQ(Bytes(packet.bytes.begin(), packet.bytes.begin() + writer.Position()), expected);
+
+    EndianBinaryReader reader(packet.buffer);
+    reader.Seek(0, Origin::Begin);
+    EXPECT_TRUE(reader.ReadBoolean());
+    EXPECT_EQ(reader.ReadChar(), 'A');
+    EXPECT_EQ(reader.ReadInt16(), -2);
+    EXPECT_EQ(reader.ReadWChar(), L'\u20AC');
+    EXPECT_EQ(reader.ReadInt32(), 0x01020304);
+    EXPECT_EQ(reader.ReadInt64(), 0x0102030405060708);
+    EXPECT_EQ(reader.ReadSingle(), 1.5f);
+    EXPECT_EQ(reader.ReadDouble(), -2.0);
 }
 
 TEST(EndianBinaryWriter, WritesCodesAsBitStringsInEitherOrder) {
@@ -218,6 +230,44 @@ TEST(EndianBitConverter, ConvertsValuesAndText) {
     EXPECT_EQ(little.FromBits(bytes, 0, 5), 0x1C);
     little.CopyBits(0x1C, 5, bytes, 8);
     EXPECT_EQ(bytes[1], 0x3B);
+}
+
+TEST(EndianBitConverter, EveryScalarComesBackFromItsBytes) {
+    const BigEndianBitConverter big;
+    const LittleEndianBitConverter little;
+    for (const EndianBitConverter* order :
+         {static_cast<const EndianBitConverter*>(&big), static_cast<const EndianBitConverter*>(&little)}) {
+        unsigned char bytes[12] = {};
+        const auto back = [&](auto value, auto read, const char* bigForm) {
+            order->CopyBytes(value, bytes, 2);
+            EXPECT_EQ((order->*read)(bytes, 2), value);
+            std::string form = EndianBitConverter::ToString(bytes, 2, sizeof value);
+            for (std::size_t i = 0; order == &little && i < form.size() / 2; i += 2) {
+                std::swap_ranges(form.begin() + static_cast<std::ptrdiff_t>(i),
+                                 form.begin() + static_cast<std::ptrdiff_t>(i) + 2,
+                                 form.end() - static_cast<std::ptrdiff_t>(i) - 2);
+            }
+            EXPECT_EQ(form, bigForm);
+        };
+        using Converter = EndianBitConverter;
+        back(true, &Converter::ToBoolean, "01");
+        back('\xE9', &Converter::ToChar, "e9");
+        back(std::int16_t{-2}, &Converter::ToInt16, "fffe");
+        back(std::uint16_t{0xF102}, &Converter::ToUInt16, "f102");
+        back(std::uint64_t{0xF102030405060708}, &Converter::ToUInt64, "f102030405060708");
+        back(1.5f, &Converter::ToSingle, "3fc00000");
+        back(-2.0, &Converter::ToDouble, "c000000000000000");
+        order->CopyBytes(std::int32_t{-3}, bytes, 2);
+        EXPECT_EQ(order->ToInt32(bytes, 2), -3);
+        EXPECT_EQ(order->ToUInt32(bytes, 2), 0xFFFFFFFDu);
+        order->CopyBytes(std::int64_t{-3}, bytes, 2);
+        EXPECT_EQ(order->ToInt64(bytes, 2), -3);
+        order->CopyBytes(std::uint32_t{0xF1F2F3F4}, bytes, 2);
+        EXPECT_EQ(order->ToUInt32(bytes, 2), 0xF1F2F3F4u);
+        order->CopyBytes(L'\u20AC', bytes, 2);
+        EXPECT_EQ(order->ToWChar(bytes, 2), L'\u20AC');
+        EXPECT_EQ(bytes[0] + bytes[1] + bytes[10] + bytes[11], 0) << "nothing outside";
+    }
 }
 
 }  // namespace
