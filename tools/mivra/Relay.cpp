@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <limits>
@@ -103,9 +104,10 @@ private:
         }
     }
 
-    // What comes from the sources and sinks has been told to the monitor before.
+    // What comes from the sources and sinks has been told to the monitor before; a source that is stopped
+    // while it opens fails, which is nothing to tell.
     void onError(const Media::ErrorEventArgs& error) {
-        if (!error.fatal) {
+        if (!error.fatal || stopping) {
             return;
         }
         const bool timeout = error.message.find("timeout") != std::string::npos;
@@ -114,6 +116,7 @@ private:
     }
 
     void stop() {
+        stopping = true;
         interrupted = Interrupt::IsRequested() && !shared->monitor.FirstFailure().has_value();
         for (const auto& source : sources) {
             source->Stop();
@@ -176,6 +179,7 @@ private:
     std::vector<Reference<MuxSink>> sinks;
     std::unique_ptr<IProgressReporter> reporter;
     bool interrupted = false;
+    std::atomic<bool> stopping{false};
     MediaSession session;
 };
 
