@@ -48,9 +48,7 @@ public:
 
 private:
     struct ContextDeleter {
-        void operator()(AVFormatContext* input) const {
-            FFmpeg::FfmpegProxy::avformat_close_input(&input);
-        }
+        void operator()(AVFormatContext* input) const { FFmpeg::FfmpegProxy::avformat_close_input(&input); }
     };
 
     Result finish(int error);
