@@ -88,6 +88,7 @@ void* openLibrary(const char* path, int flags) {
     void* const handle = s_traffic->real.openLibrary(path, flags);
     if (handle != nullptr) {
         s_traffic->opened.emplace_back(path, handle);
+        errno = EBADF;  // a success may leave anything there
     }
     return handle;
 }
@@ -143,6 +144,9 @@ protected:
     void TearDown() override {
         EXPECT_EQ(FfmpegProxy::ReferenceCount(), 0);
         EXPECT_TRUE(traffic.IsBalanced());
+        while (FfmpegProxy::ReferenceCount() > 0) {
+            FfmpegProxy::Unload();  // a failed case spoils no other
+        }
         g_system = traffic.real;
     }
 
