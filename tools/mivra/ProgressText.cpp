@@ -181,7 +181,7 @@ Json toJson(const char* event, const Progress& progress) {
     object["speed"] = rounded(speedOf(progress));
     object["packets"] = progress.packets;
     object["bytes"] = progress.bytes;
-    object["bitrate"] = std::round(bitRateOf(progress));
+    object["bitrate"] = std::llround(bitRateOf(progress));
     object["queue"] = progress.queued;
     return object;
 }
