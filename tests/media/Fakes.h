@@ -32,6 +32,10 @@ using Media::MediaState;
 /// Fakes that are still there.
 inline std::atomic<int> g_fakes{0};
 
+inline Common::DefaultPacketBufferAllocator& SmallPool() {
+    return *static_cast<Common::DefaultPacketBufferAllocator*>(Media::MediaGlobal::GetSmallAllocator());
+}
+
 /// Opens at once, announces its streams on Start and goes to Started. An empty script is the default.
 class FakeSource : public Media::IInteractiveMediaSource {
 public:
@@ -76,8 +80,10 @@ public:
         lastAction = *args;
     }
 
-    /// One sample of a stream, with this time stamp.
+    /// One sample of a stream, with this time stamp. Waits while the pool has few left.
     void Send(int stream, std::int64_t pts = 0) {
+        while (SmallPool().FreeBufferCount() < 10)
+            std::this_thread::yield();
         const auto sample = Reference<PacketBuffer>::Adopt(Media::MediaGlobal::LockBuffer(100));
         sample->StreamIndex() = stream;
         sample->Pts() = pts;
@@ -188,9 +194,7 @@ protected:
     ~MediaTest() override {
         Common::ThreadHelper::Cleanup();
         EXPECT_EQ(g_fakes, 0);
-        auto* pool =
-            static_cast<Common::DefaultPacketBufferAllocator*>(Media::MediaGlobal::GetSmallAllocator());
-        EXPECT_EQ(pool->FreeBufferCount(), pool->BufferCount());
+        EXPECT_EQ(SmallPool().FreeBufferCount(), SmallPool().BufferCount());
         EXPECT_EQ(log.Errors(), expectedErrors);
         Media::MediaGlobal::Uninitialize();
     }

@@ -282,6 +282,7 @@ TEST_F(MediaSessionTest, AllocatesNothingInTheSteadyState) {
         }
     };
     send(64);
+    Common::ThreadHelper::Cleanup();  // no other thread whose allocations would count
     FaultPlan allocations(FaultKind::Allocate, UINT64_MAX);
     send(6400);
     EXPECT_EQ(allocations.Calls(), 0U);

@@ -1,3 +1,4 @@
+#include "mivra/platform/System.h"
 #include "tests/media/SessionFixture.h"
 #include "tests/support/FakeClock.h"
 
@@ -26,15 +27,33 @@ const Timeout kTimeouts[] = {
     {"CaptureSet", Timeout::Capture, true, 70'000'000, 7},
 };
 
-class SessionTimeoutTest : public SessionTest, public testing::WithParamInterface<Timeout> {
-protected:
-    // Lets the session's thread look at the clock some times.
-    static void LetItLook() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
+/// A clock that stands still, and counts how often it is looked at.
+class WatchedClock : public FakeClock {
+public:
+    WatchedClock() : FakeClock(Mode::Frozen) {
+        s_watched = Platform::g_system.monotonicTime;
+        Platform::g_system.monotonicTime = [] {
+            ++s_looks;
+            return s_watched();
+        };
+    }
+    ~WatchedClock() { Platform::g_system.monotonicTime = s_watched; }
+
+    /// Returns when the session's thread has looked some times: it does so in each pass.
+    void LetItLook() {
+        EXPECT_TRUE(Eventually([before = s_looks.load()] { return s_looks >= before + 4; }));
+    }
+
+private:
+    static inline std::atomic<int> s_looks{0};
+    static inline std::int64_t (*s_watched)() = nullptr;
 };
+
+class SessionTimeoutTest : public SessionTest, public testing::WithParamInterface<Timeout> {};
 
 TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     const Timeout& timeout = GetParam();
-    FakeClock clock(FakeClock::Mode::Frozen);
+    WatchedClock clock;
     Renew();
     const auto source = AddSource();
     const auto sink = AddSink();
@@ -67,11 +86,11 @@ TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     }
     if (opens && timeout.seconds > 1) {
         clock.Advance((timeout.seconds - 1) * kSecond);  // looked at now, and next a second later
-        LetItLook();
+        clock.LetItLook();
     }
     const std::int64_t left = opens ? 1 : timeout.seconds;
     clock.Advance(left * kSecond - kMicrosecond);
-    LetItLook();
+    clock.LetItLook();
     EXPECT_TRUE(Fatal().empty());
     clock.Advance(kMicrosecond);
     EXPECT_TRUE(Fails(text));
@@ -83,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(All, SessionTimeoutTest, testing::ValuesIn(kTimeouts),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(SessionTimeoutTest, SampleOrTheLargestValueHoldsTheCaptureTimeoutOff) {
-    FakeClock clock(FakeClock::Mode::Frozen);
+    WatchedClock clock;
     Renew();
     const auto source = AddSource();
     const auto sink = AddSink();
@@ -93,11 +112,11 @@ TEST_F(SessionTimeoutTest, SampleOrTheLargestValueHoldsTheCaptureTimeoutOff) {
     source->Send(0);
     ASSERT_TRUE(Eventually([&] { return sink->Samples().size() == 1; }));
     clock.Advance(9 * kSecond);
-    LetItLook();
+    clock.LetItLook();
     EXPECT_EQ(session->State(), MediaState::Running);
     session->SetNoCaptureTimeout(INT64_MAX);
     clock.Advance(1'000'000 * kSecond);
-    LetItLook();
+    clock.LetItLook();
     EXPECT_EQ(session->State(), MediaState::Running);
     session.reset();
 }
