@@ -57,7 +57,8 @@ public:
     /// Frees what is retired, unless a dispatch is in flight. Destroys callbacks, so it is called without a
     /// lock.
     void Reclaim() noexcept {
-        while (retired.load(std::memory_order_relaxed) != nullptr && inFlight.load() == 0) {
+        // In one order with the count: of a removal and the last dispatch in flight one sees the table.
+        while (retired.load() != nullptr && inFlight.load() == 0) {
             // Whatever is on this list left `current` before the count is looked at once more: a dispatch
             // that still walks one of these tables counted itself in before that.
             Table* list = retired.exchange(nullptr);

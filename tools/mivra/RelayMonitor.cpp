@@ -42,7 +42,7 @@ void RelayMonitor::SourceEnded() {
 
 void RelayMonitor::Consumed() {
     consumed.fetch_add(1);
-    if (ended.load(std::memory_order_relaxed) == sources) {
+    if (ended.load() == sources) {  // in one order with SourceEnded: one of the two sees the end
         checkDone();
     }
 }
