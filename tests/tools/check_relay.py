@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import pty
+import random
 import resource
 import shutil
 import signal
@@ -189,7 +190,7 @@ class Refusals(Case):
 class Damage(Case):
     def test_not_a_film(self):
         bodies = {"empty": b"", "zeros": bytes(1 << 20), "text": b"no film\n" * 5000,
-                  "random": b"".join(hash((i, "x")).to_bytes(8, "little", signed=True) for i in range(1 << 15))}
+                  "random": random.Random(1).randbytes(1 << 18)}
         for name, body in bodies.items():
             for extension in ["mp4", "ts"]:
                 source = self.out(f"{name}.{extension}")
@@ -219,6 +220,15 @@ class Damage(Case):
         found = self.plays(self.out("both.mkv"))
         self.assertEqual(found[2:], [("h264", 125), ("aac", 236)])
         self.assertLess(found[0][1], 125)
+
+    def test_a_hole_is_told_even_where_the_input_is_first_looked_at(self):
+        for name in ["bframes.ts", "bframes.mkv", "bframes.flv"]:
+            body = bytearray((INPUTS / name).read_bytes())
+            middle = len(body) // 2
+            body[middle:middle + 30000] = random.Random(2).randbytes(30000)
+            source = self.out(name)
+            source.write_bytes(body)
+            self.ends(relay(source, self.out("rest.mkv")), 5, "damaged input", name)
 
     def test_bits_that_have_changed(self):
         for name in ["bframes.ts", "bframes.mkv", "bframes.flv", "bframes.mp4"]:

@@ -64,7 +64,12 @@ void Demuxer::Open() {
         failToOpen(path, errorText(error), "is it a media file?");
     }
     context.reset(made);
-    error = FfmpegProxy::avformat_find_stream_info(made, nullptr);
+    {
+        // It reads the first seconds of the media, and keeps them: what is wrong with them shows here only.
+        const FfmpegErrorWatch watch(made);
+        error = FfmpegProxy::avformat_find_stream_info(made, nullptr);
+        noteDamage(watch.FirstError());
+    }
     if (error < 0 && made->nb_streams == 0) {
         failToOpen(path, errorText(error), "is it a media file?");
     }
@@ -103,9 +108,7 @@ Demuxer::Result Demuxer::Read() {
         if (error == AVERROR(EAGAIN)) {
             continue;
         }
-        if (!watch.FirstError().empty()) {
-            noteDamage(watch.FirstError());
-        }
+        noteDamage(watch.FirstError());
         if (error < 0) {
             return finish(error);
         }
