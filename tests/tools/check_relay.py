@@ -163,10 +163,34 @@ class Refusals(Case):
         self.assertFalse(self.out("other.ts").exists())
 
     def test_names(self):
+        os.symlink("hop.ts", self.out("link.ts"))  # to a file that is not there yet
+        os.symlink(self.out("a.ts"), self.out("hop.ts"))
+        os.symlink(FILM, self.out("film.log"))
         for words, text in [((FILM, self.out("a.avi")), ".ts, .mp4"), ((FILM, self.out("noextension")), ".ts, .mp4"),
                             ((FILM, self.out("a.ts"), "-o", f"{self.folder}/./a.ts"), "the same file"),
-                            ((FILM, "-", "-o", "-"), "the same file"), (("-", "-", self.out("a.ts")), "twice")]:
+                            ((FILM, "-", "-o", "-"), "the same file"), (("-", "-", self.out("a.ts")), "twice"),
+                            ((FILM, self.out("link.ts"), "-o", self.out("a.ts")), "the same file"),
+                            ((FILM, self.out("link.ts"), "--log", self.out("a.ts")), "the log is also an output"),
+                            ((FILM, self.out("a.ts"), "--log", self.out("film.log")), "the log is also an input")]:
             self.ends(relay(*words), 2, text)
+            self.assertFalse(self.out("a.ts").exists())
+
+    def test_names_that_begin_like_an_option(self):
+        self.ends(relay("--", FILM, "-a.ts", cwd=self.folder), 0)
+        self.ends(relay("-o", "b.ts", "--", "-a.ts", "--for", cwd=self.folder), 2, "./--for")
+        self.assertEqual(len(streams(self.out("-a.ts"))[0]), 2)
+
+    def test_closed_standard_streams(self):
+        """Their numbers are not taken by files of ours, which would be read and written in their place."""
+        def closed(how, *words):
+            return subprocess.run(["bash", "-c", f'exec "$0" relay "$@" {how}', MIVRA, *words], timeout=60,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        self.ends(closed("<&-", "-", self.out("a.ts")), 3, "Bad file descriptor")
+        done = closed(">&-", FILM, "-")  # with its figures in front of the error
+        self.assertEqual(done.returncode, 6)
+        self.assertIn("Bad file descriptor", done.stderr.decode().splitlines()[-1])
+        self.ends(closed("<&- >&-", FILM, self.out("a.ts")), 0)
+        self.assertEqual(closed("2>&-", self.out("none.mp4"), self.out("a.ts")).returncode, 3)
 
     def test_places(self):
         self.ends(relay(self.out("missing.mp4"), self.out("a.ts")), 3, "No such file", "missing.mp4")

@@ -196,7 +196,7 @@ ExitCode relay(const RelayOptions& options) {
     const bool mediaOnOutput =
         std::find(options.outputs.begin(), options.outputs.end(), kStandardStream) != options.outputs.end();
     Console console(mediaOnOutput ? STDERR_FILENO : STDOUT_FILENO);
-    if (const std::optional<Problem> wrong = checkRelayFiles(options.inputs, options.outputs)) {
+    if (const std::optional<Problem> wrong = checkRelayFiles(options.inputs, options.outputs, options.log)) {
         console.Error(*wrong);
         return ExitCode::Usage;
     }

@@ -22,20 +22,41 @@ struct Place {
     std::filesystem::path canonical;
 };
 
-Place placeOf(const std::string& name, int standardDescriptor) {
-    Place place;
-    place.name = name;
-    struct stat status {};
-    if (name == kStandardStream) {
-        place.exists = ::fstat(standardDescriptor, &status) == 0;
-    } else {
-        place.exists = ::stat(name.c_str(), &status) == 0;
-        std::error_code ignored;
-        place.canonical = std::filesystem::weakly_canonical(name, ignored);
+/// Where a link leads to, the last of a chain: its target need not be there.
+std::filesystem::path followed(std::filesystem::path path) {
+    constexpr int kMostLinks = 40;
+    std::error_code ignored;
+    for (int i = 0; i < kMostLinks && std::filesystem::is_symlink(path, ignored); ++i) {
+        path = path.parent_path() / std::filesystem::read_symlink(path, ignored);
     }
+    return std::filesystem::weakly_canonical(path, ignored);
+}
+
+void setFile(Place& place, const struct stat& status) {
+    place.exists = true;
     place.isDevice = S_ISCHR(status.st_mode);
     place.device = status.st_dev;
     place.inode = status.st_ino;
+}
+
+Place placeOf(const std::string& path) {
+    Place place;
+    place.name = path;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        setFile(place, status);
+    }
+    place.canonical = followed(path);
+    return place;
+}
+
+Place standardPlace(const std::string& name, int descriptor) {
+    Place place;
+    place.name = name;
+    struct stat status {};
+    if (::fstat(descriptor, &status) == 0) {
+        setFile(place, status);
+    }
     return place;
 }
 
@@ -50,9 +71,24 @@ std::vector<Place> placesOf(const std::vector<std::string>& names, int standardD
     std::vector<Place> places;
     places.reserve(names.size());
     for (const std::string& name : names) {
-        places.push_back(placeOf(name, standardDescriptor));
+        places.push_back(name == kStandardStream ? standardPlace(name, standardDescriptor) : placeOf(name));
     }
     return places;
+}
+
+std::optional<Problem> checkLog(const std::string& log, const std::vector<Place>& read,
+                                const std::vector<Place>& written) {
+    if (log.empty()) {
+        return std::nullopt;
+    }
+    const Place place = placeOf(log);
+    const auto isLog = [&place](const Place& other) { return isSame(place, other); };
+    const bool isRead = std::any_of(read.begin(), read.end(), isLog);
+    if (isRead || std::any_of(written.begin(), written.end(), isLog)) {
+        return Problem{isRead ? "the log is also an input" : "the log is also an output", log,
+                       "choose another name"};
+    }
+    return std::nullopt;
 }
 
 std::ptrdiff_t countStandard(const std::vector<std::string>& names) {
@@ -62,7 +98,7 @@ std::ptrdiff_t countStandard(const std::vector<std::string>& names) {
 }  // namespace
 
 std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
-                                       const std::vector<std::string>& outputs) {
+                                       const std::vector<std::string>& outputs, const std::string& log) {
     for (const std::string& output : outputs) {
         if (findOutputFormat(output) == nullptr) {
             return Problem{"the output's name does not tell a format", output,
@@ -87,7 +123,7 @@ std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
             }
         }
     }
-    return std::nullopt;
+    return checkLog(log, read, written);
 }
 
 std::wstring widePath(const std::string& path) {

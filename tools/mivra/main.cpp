@@ -1,6 +1,7 @@
 // The program `mivra`: reads the command line, runs the one subcommand that it names, and turns everything
 // that goes wrong on the way into one line and an exit code.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -8,6 +9,8 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "mivra/common/runtime/Version.h"
 #include "tools/mivra/CommandLine.h"
@@ -66,6 +69,35 @@ ExitCode reportUsage(Console& console, const CLI::App& program, int count, char*
     return ExitCode::Usage;
 }
 
+/// Standard streams that the caller has closed: files opened later would get their numbers, and what is meant
+/// for a stream would go into them. Each is opened the wrong way round, so that its use still fails.
+void occupyStandardStreams() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) < 0) {
+            // The lowest free number, which is this one.
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
+/// The words behind "--" are files, whatever they begin with; the parser gives up on that mark in a command.
+std::vector<std::string> plainWords(int count, char** words) {
+    std::vector<std::string> result;
+    bool filesOnly = false;
+    for (int i = 1; i < count; ++i) {
+        const std::string_view word = words[i];
+        if (!filesOnly && word == "--") {
+            filesOnly = true;
+            continue;
+        }
+        std::string plain = filesOnly && word.size() > 1 && word.front() == '-' ? "./" : "";
+        plain += word;
+        result.push_back(std::move(plain));
+    }
+    std::reverse(result.begin(), result.end());  // as the parser takes them
+    return result;
+}
+
 ExitCode run(int count, char** words) {
     Console console(STDOUT_FILENO);
     CLI::App program("Moves media through sources, a session and sinks.", "mivra");
@@ -82,7 +114,7 @@ ExitCode run(int count, char** words) {
         command->group("Commands");
     }
     try {
-        program.parse(count, words);
+        program.parse(plainWords(count, words));
     } catch (const CLI::Success& help) {
         program.exit(help);
         return ExitCode::Done;
@@ -101,6 +133,7 @@ ExitCode run(int count, char** words) {
 
 int main(int count, char** words) {
     using Mivra::Tool::ExitCode;
+    Mivra::Tool::occupyStandardStreams();
     try {
         return static_cast<int>(Mivra::Tool::run(count, words));
     } catch (const std::exception& error) {
