@@ -67,6 +67,29 @@ TEST_F(MediaSessionTest, LogsItsLife) {
     EXPECT_EQ(lines, expected);
 }
 
+TEST_F(MediaSessionTest, LogsWhatItsMembersTell) {
+    const auto source = AddSource();
+    const auto sink = AddSink();
+    source->onStart = [] {};
+    session->Start();
+    // The handler gets the lock when all are opened: from then on only a handler can find the source started.
+    ASSERT_TRUE(Eventually(
+        [&] { return log.Count("MediaSession::IMediaSink_StateChanged: Sink state changed to 2") == 1; }));
+    source->onStart = nullptr;
+    source->Start();
+    EXPECT_TRUE(Runs(*sink.get()));
+    EXPECT_EQ(log.Count("MediaSession::IMediaSource_NewStream: Got new stream " + MediaType().ToString()), 1);
+    EXPECT_EQ(log.Count("MediaSession::IMediaSource_StateChanged: All sources ready"), 1);
+    EXPECT_EQ(log.Count("MediaSession::mainThread: All sources ready"), 0);
+}
+
+TEST_F(MediaSessionTest, StartsItsSinksWithoutSources) {
+    const auto sink = AddSink();
+    session->Start();
+    EXPECT_TRUE(Runs(*sink.get()));
+    EXPECT_EQ(log.Count("MediaSession::mainThread: All sources ready"), 1);
+}
+
 TEST_F(MediaSessionTest, NumbersStreamsBySourceIdForEverySink) {
     const auto second = Make<FakeSource>(1);
     const auto first = Make<FakeSource>(2);
