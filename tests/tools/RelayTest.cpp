@@ -280,7 +280,9 @@ TEST_F(RelayTest, TheSteadyStateAllocatesNothing) {
             packets[i] = flow.shared->monitor.Packets();
         }
         EXPECT_GT(packets[1], packets[0] + 200);
-        EXPECT_LE(calls[1], calls[0] + 5) << name;
+        // Queues grow by doubling when the threads happen to run apart; a packet's own memory would show as
+        // hundreds.
+        EXPECT_LE(calls[1], calls[0] + 40) << name;
     }
 }
 
