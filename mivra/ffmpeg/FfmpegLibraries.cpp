@@ -23,9 +23,9 @@ using Platform::System;
 
 #if defined(MIVRA_SANITIZED)
 // Leak and race reports name functions of the libraries after they were unloaded.
-constexpr int kOpenFlags = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;
+constexpr int kOpenFlags = RTLD_LAZY | RTLD_LOCAL | RTLD_NODELETE;
 #else
-constexpr int kOpenFlags = RTLD_NOW | RTLD_LOCAL;
+constexpr int kOpenFlags = RTLD_LAZY | RTLD_LOCAL;
 #endif
 
 constexpr std::size_t kPathSize = 4096;

@@ -20,6 +20,10 @@ using Common::MediaType;
 using Common::PacketBuffer;
 using Media::MediaState;
 
+/// What is delivered at a time.
+constexpr std::size_t kMostInBatch = 32;
+constexpr std::int64_t kMostBatchBytes = 256 << 10;
+
 /// The numbers that transport streams give to streams of a kind; others travel with their packets.
 bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
     return id == (kind == Common::ContentType_t::Video ? 0xE0 : 0xC0);
@@ -28,8 +32,12 @@ bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
 }  // namespace
 
 FileSource::FileSource(FileSourceOptions what, std::shared_ptr<RelayShared> with)
-    : options(std::move(what)), shared(std::move(with)), lane(shared->budget.Lane(options.index)) {
+    : options(std::move(what)),
+      shared(std::move(with)),
+      lane(shared->budget.Lane(options.index)),
+      mostInBatch(options.realtime || options.path == kStandardStream ? 1 : kMostInBatch) {
     canPause = true;
+    batch.reserve(mostInBatch);
 }
 
 FileSource::~FileSource() {
@@ -154,6 +162,7 @@ void FileSource::OnActionRequired(std::shared_ptr<Media::ActionRequiredEventArgs
 void FileSource::run() {
     try {
         relay();
+        send();
         if (!demuxer->Damage().empty()) {
             const Problem problem{"damaged input: " + demuxer->Damage(), options.path,
                                   "what could be read is written"};
@@ -188,8 +197,11 @@ void FileSource::relay() {
         if (discardsChanged.exchange(false)) {
             applyDiscards();
         }
-        if ((paused && !waitWhilePaused()) || demuxer->Read() != Demuxer::Result::Packet ||
-            !deliver(demuxer->Packet())) {
+        if (paused) {
+            send();
+            waitWhilePaused();
+        }
+        if (demuxer->Read() != Demuxer::Result::Packet || !deliver(demuxer->Packet())) {
             return;
         }
     }
@@ -215,20 +227,47 @@ bool FileSource::deliver(AVPacket& packet) {
     if (options.realtime && !waitUntilDue(dts)) {
         return false;
     }
-    shared->pace.Advance(options.index, dts, stopping);
-    const auto buffer =
-        Common::Reference<PacketBuffer>::Adopt(lane.Take(packet.size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!shared->pace.TryAdvance(options.index, dts)) {
+        send();
+        shared->pace.Advance(options.index, dts, stopping);
+    }
+    auto buffer = Common::Reference<PacketBuffer>::Adopt(take(packet.size + AV_INPUT_BUFFER_PADDING_SIZE));
     if (!buffer) {
         return false;
     }
     fill(*buffer.get(), packet);
+    batchBytes += packet.size;
+    batch.push_back(std::move(buffer));
+    if (batch.size() >= mostInBatch || batchBytes >= kMostBatchBytes) {
+        send();
+    }
+    return true;
+}
+
+// Null when the relay is over.
+PacketBuffer* FileSource::take(int size) {
+    PacketBuffer* const buffer = lane.TryTake(size);
+    if (buffer != nullptr) {
+        return buffer;
+    }
+    send();
+    return lane.Take(size);
+}
+
+void FileSource::send() {
+    if (batch.empty()) {
+        return;
+    }
     {
         AutoLock hold(lock);
-        position = std::max<std::int64_t>(position, dts);
+        position = std::max<std::int64_t>(position, batch.back()->Dts());
     }
-    shared->monitor.Delivered(packet.size);
-    onNewSample(stream, buffer.get());
-    return true;
+    shared->monitor.Delivered(batch.size(), batchBytes);
+    for (const Common::Reference<PacketBuffer>& buffer : batch) {
+        onNewSample(buffer->StreamIndex(), buffer.get());
+    }
+    batch.clear();
+    batchBytes = 0;
 }
 
 bool FileSource::isPastEnd(int stream, std::int64_t dts) {
@@ -252,10 +291,9 @@ bool FileSource::waitUntilDue(std::int64_t dts) {
     return !stopping;
 }
 
-bool FileSource::waitWhilePaused() {
+void FileSource::waitWhilePaused() {
     std::unique_lock hold(gate);
     gateChanged.wait(hold, [this] { return stopping || !paused; });
-    return !stopping;
 }
 
 void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet) {

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "mivra/common/runtime/Reference.h"
 #include "mivra/media/IInteractiveMediaSource.h"
 #include "tools/mivra/Demuxer.h"
 #include "tools/mivra/RelayMonitor.h"
@@ -26,7 +27,8 @@ struct FileSourceOptions {
 /// A file, or standard input, as a source of the packets in it. Open looks into it and throws when that
 /// fails; Start announces its streams and starts its thread, which delivers until the end of the file. Then
 /// it is Eos and has told the monitor. It waits while its buffers are all in flight. Pause and Resume hold it
-/// between packets; it cannot seek.
+/// between packets; it cannot seek. Packets of a file that is read as fast as it goes are delivered a few at
+/// a time, which wakes the session less often.
 class FileSource : public Media::IInteractiveMediaSource {
 public:
     FileSource(FileSourceOptions options, std::shared_ptr<RelayShared> shared);
@@ -52,10 +54,12 @@ private:
     void run();
     void relay();
     bool deliver(AVPacket& packet);
+    Common::PacketBuffer* take(int size);
+    void send();
     bool isPastEnd(int stream, std::int64_t dts);
     void applyDiscards();
     bool waitUntilDue(std::int64_t dts);
-    bool waitWhilePaused();
+    void waitWhilePaused();
     void fill(Common::PacketBuffer& buffer, const AVPacket& packet);
     void fillSideData(Common::PacketBuffer& buffer, const AVPacket& packet) const;
     void finish();
@@ -65,6 +69,7 @@ private:
     const FileSourceOptions options;
     const std::shared_ptr<RelayShared> shared;
     PacketLane& lane;
+    const std::size_t mostInBatch;
     std::unique_ptr<Demuxer> demuxer;  // set once, under lock
     std::atomic<bool> stopping{false};
     // Guards the thread and what it waits for.
@@ -75,6 +80,8 @@ private:
     std::map<int, bool> wantedDiscards;  // under gate
     std::atomic<bool> discardsChanged{false};
     // The thread's own.
+    std::vector<Common::Reference<Common::PacketBuffer>> batch;
+    std::int64_t batchBytes = 0;
     std::vector<bool> ended;  // streams that have reached options.length
     int streamsLeft = 0;
     bool anchored = false;

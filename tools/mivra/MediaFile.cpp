@@ -16,7 +16,7 @@ namespace {
 using FFmpeg::FfmpegOptional;
 using FFmpeg::FfmpegProxy;
 
-constexpr int kReadBuffer = 256 << 10;
+constexpr int kReadBuffer = 64 << 10;
 constexpr int kWriteBuffer = 256 << 10;
 constexpr mode_t kFileMode = 0666;
 

@@ -9,21 +9,46 @@ namespace {
 using Common::AutoLock;
 using Common::PacketBuffer;
 
-// A quarter of the budget is the reserve; the lanes' part goes to the sizes by these weights (of 24).
+// A quarter of the budget is the reserve; the lanes' part goes to the sizes by these weights. The small sizes
+// get little: every buffer touches a page of memory, and they are many.
 constexpr int kReserveShare = 4;
-constexpr int kWeightSum = 24;
+constexpr int kWeightSum = 48;
 constexpr struct {
     int size;
     int weight;
-} kClasses[] = {{1 << 10, 1}, {4 << 10, 3}, {16 << 10, 4}, {64 << 10, 4}, {256 << 10, 6}, {1 << 20, 6}};
+} kClasses[] = {{1 << 10, 1}, {4 << 10, 2}, {16 << 10, 4}, {64 << 10, 6}, {256 << 10, 8}, {1 << 20, 12}};
 
 constexpr std::int64_t kSmallestReserveBuffer = std::int64_t{2} << 20;
 
+/// What a lane lends before it waits, and the part of it that is still under way when it goes on: more would
+/// only wait in the queue, and less would have two threads wake each other for every few packets.
+constexpr std::int64_t kLargestWindow = std::int64_t{2} << 20;
+constexpr int kWindowsPerLane = 2;
+constexpr int kLowWater = 4;
+
 }  // namespace
 
-RelayPool::RelayPool(PacketBudget& owner, int bytes, int count, bool mayBeHeld)
+void Flight::End(std::int64_t size) {
+    const std::int64_t left = bytes.fetch_sub(size) - size;
+    const std::int64_t limit = wanted.load();
+    if (limit >= 0 && left <= limit) {
+        wanted.store(-1);
+        bell.Ring();
+    }
+}
+
+void Flight::WaitForAtMost(std::int64_t most, const std::atomic<bool>& closed) {
+    bell.WaitUntil([&] {
+        wanted.store(most);
+        return bytes.load() <= most || closed.load();
+    });
+    wanted.store(-1);
+}
+
+RelayPool::RelayPool(PacketBudget& owner, Flight& counted, int bytes, int count, bool mayBeHeld)
     : DefaultPacketBufferAllocator(bytes, count, false, 1.0F),
       budget(owner),
+      flight(counted),
       holdLimit(mayBeHeld ? count / 2 : 0) {}
 
 RelayPool::~RelayPool() {
@@ -33,8 +58,8 @@ RelayPool::~RelayPool() {
 PacketBuffer* RelayPool::Lend() {
     PacketBuffer* const buffer = LockBuffer(false);
     if (buffer != nullptr) {
-        out.fetch_add(1);
-        budget.lent(buffer->Size());
+        flight.Begin(buffer->Size());
+        budget.lent();
     }
     return buffer;
 }
@@ -42,24 +67,15 @@ PacketBuffer* RelayPool::Lend() {
 PacketBuffer* RelayPool::WaitAndLend(const std::atomic<bool>& closed) {
     // Waking up for every single buffer would cost more than it brings.
     const int enough = std::max(1, BufferCount() / 4);
-    while (!closed.load()) {
-        const std::uint32_t before = signal.load();
+    PacketBuffer* buffer = nullptr;
+    bell.WaitUntil([&] {
         wantedFree.store(enough);
         // A buffer that came back before wantedFree was seen is found here.
-        if (PacketBuffer* const buffer = Lend(); buffer != nullptr) {
-            wantedFree.store(0);
-            return buffer;
-        }
-        if (!closed.load()) {
-            signal.wait(before);
-        }
-    }
-    return nullptr;
-}
-
-void RelayPool::Wake() {
-    signal.fetch_add(1);
-    signal.notify_all();
+        buffer = closed.load() ? nullptr : Lend();
+        return buffer != nullptr || closed.load();
+    });
+    wantedFree.store(0);
+    return buffer;
 }
 
 bool RelayPool::TryHold() {
@@ -67,57 +83,86 @@ bool RelayPool::TryHold() {
         held.fetch_sub(1);
         return false;
     }
-    budget.bytesHeld.fetch_add(BufferSize());
-    budget.wakeReserveWaiters();
+    flight.End(BufferSize());
+    budget.cameHome(0);
     return true;
 }
 
 void RelayPool::Unhold() {
-    budget.bytesHeld.fetch_sub(BufferSize());
     held.fetch_sub(1);
+    flight.Begin(BufferSize());
 }
 
 bool RelayPool::releaseBuffer(PacketBuffer* buffer) {
     const int size = buffer->Size();
     const bool deleteIt = DefaultPacketBufferAllocator::releaseBuffer(buffer);
-    const int left = out.fetch_sub(1) - 1;
-    budget.returned(size);
-    const int wanted = wantedFree.load();
-    if (wanted != 0 && BufferCount() - left >= wanted) {
+    flight.End(size);
+    budget.cameHome(size);
+    if (const int wanted = wantedFree.load(); wanted != 0 && FreeBufferCount() >= wanted) {
         wantedFree.store(0);
         Wake();
     }
     return deleteIt;
 }
 
-PacketLane::PacketLane(PacketBudget& owner, std::int64_t bytes) : budget(owner) {
+PacketLane::PacketLane(PacketBudget& owner, std::int64_t bytes)
+    : budget(owner), window(std::min(kLargestWindow, bytes / kWindowsPerLane)) {
     for (const auto& wanted : kClasses) {
         const int count = static_cast<int>(bytes * wanted.weight / kWeightSum / wanted.size);
         if (count >= 2) {
-            pools.push_back(std::make_unique<RelayPool>(budget, wanted.size, count, true));
+            pools.push_back(std::make_unique<RelayPool>(budget, flight, wanted.size, count, true));
         }
     }
 }
 
-PacketBuffer* PacketLane::Take(int size) {
-    if (size < 0 || closed.load() || !budget.waitWhileAnotherIsAlone(closed)) {
-        return nullptr;
-    }
+RelayPool* PacketLane::poolFor(int size) {
     for (const std::unique_ptr<RelayPool>& pool : pools) {
         if (pool->BufferSize() >= size) {
-            PacketBuffer* const buffer = pool->Lend();
-            return buffer != nullptr ? buffer : pool->WaitAndLend(closed);
+            return pool.get();
         }
     }
-    return budget.takeFromReserve(*this, size);
+    return nullptr;
+}
+
+PacketBuffer* PacketLane::TryTake(int size) {
+    if (closed.load() || budget.alone.load() || flight.Bytes() >= window) {
+        return nullptr;
+    }
+    RelayPool* const pool = poolFor(size);
+    return pool != nullptr ? pool->Lend() : nullptr;
+}
+
+PacketBuffer* PacketLane::Take(int size) {
+    if (flight.Bytes() >= window) {
+        flight.WaitForAtMost(window / kLowWater, closed);
+    }
+    budget.reserveBell.WaitUntil([&] { return !budget.alone.load() || closed.load(); });
+    if (size < 0 || closed.load()) {
+        return nullptr;
+    }
+    RelayPool* const pool = poolFor(size);
+    if (pool == nullptr) {
+        return budget.takeFromReserve(*this, size);
+    }
+    PacketBuffer* const buffer = pool->Lend();
+    return buffer != nullptr ? buffer : pool->WaitAndLend(closed);
 }
 
 void PacketLane::Close() {
     closed.store(true);
+    flight.Wake();
     for (const std::unique_ptr<RelayPool>& pool : pools) {
         pool->Wake();
     }
-    budget.wakeReserve();
+    budget.reserveBell.Ring();
+}
+
+std::int64_t PacketLane::BytesHeld() const {
+    std::int64_t held = 0;
+    for (const std::unique_ptr<RelayPool>& pool : pools) {
+        held += pool->BytesHeld();
+    }
+    return held;
 }
 
 PacketBudget::PacketBudget(int laneCount, std::int64_t bytes) : reserveBytes(bytes / kReserveShare) {
@@ -127,56 +172,48 @@ PacketBudget::PacketBudget(int laneCount, std::int64_t bytes) : reserveBytes(byt
     }
 }
 
-void PacketBudget::lent(std::int64_t size) {
-    const std::int64_t now = bytesOut.fetch_add(size) + size;
+std::int64_t PacketBudget::bytesInFlight() const {
+    std::int64_t sum = reserveFlight.Bytes();
+    for (const std::unique_ptr<PacketLane>& lane : lanes) {
+        sum += lane->BytesInFlight();
+    }
+    return sum;
+}
+
+std::int64_t PacketBudget::BytesOut() const {
+    std::int64_t sum = bytesInFlight();
+    for (const std::unique_ptr<PacketLane>& lane : lanes) {
+        sum += lane->BytesHeld();
+    }
+    return sum;
+}
+
+void PacketBudget::lent() {
+    const std::int64_t now = BytesOut();
     std::int64_t peak = peakBytesOut.load(std::memory_order_relaxed);
     while (now > peak && !peakBytesOut.compare_exchange_weak(peak, now)) {
     }
 }
 
-void PacketBudget::returned(std::int64_t size) {
-    bytesOut.fetch_sub(size);
+// A buffer of so many bytes has been given back; 0: one has come to stay in a muxer.
+void PacketBudget::cameHome(std::int64_t size) {
     if (size > reserveBytes) {
         alone.store(false);
-        wakeReserve();
+        reserveBell.Ring();
+    } else if (reserveWaiters.load() != 0) {
+        reserveBell.Ring();
     }
-    wakeReserveWaiters();
-}
-
-void PacketBudget::wakeReserveWaiters() {
-    if (reserveWaiters.load() != 0) {
-        wakeReserve();
-    }
-}
-
-void PacketBudget::wakeReserve() {
-    reserveSignal.fetch_add(1);
-    reserveSignal.notify_all();
-}
-
-bool PacketBudget::waitWhileAnotherIsAlone(const std::atomic<bool>& closed) {
-    while (alone.load() && !closed.load()) {
-        const std::uint32_t before = reserveSignal.load();
-        if (alone.load() && !closed.load()) {
-            reserveSignal.wait(before);
-        }
-    }
-    return !closed.load();
 }
 
 PacketBuffer* PacketBudget::takeFromReserve(PacketLane& lane, int size) {
     ReserveTurn turn(*this, lane);
-    while (!lane.IsClosed()) {
-        const std::uint32_t before = reserveSignal.load();
-        if (PacketBuffer* const buffer = tryReserve(lane, size); buffer != nullptr) {
-            turn.granted = true;
-            return buffer;
-        }
-        if (!lane.IsClosed()) {
-            reserveSignal.wait(before);
-        }
-    }
-    return nullptr;
+    PacketBuffer* buffer = nullptr;
+    reserveBell.WaitUntil([&] {
+        buffer = lane.IsClosed() ? nullptr : tryReserve(lane, size);
+        return buffer != nullptr || lane.IsClosed();
+    });
+    turn.granted = buffer != nullptr;
+    return buffer;
 }
 
 PacketBudget::ReserveTurn::ReserveTurn(PacketBudget& owner, PacketLane& of) : budget(owner), lane(of) {
@@ -194,7 +231,7 @@ PacketBudget::ReserveTurn::~ReserveTurn() {
             budget.alone.store(false);  // the next of the queue asks for it again
         }
     }
-    budget.wakeReserve();
+    budget.reserveBell.Ring();
 }
 
 PacketBuffer* PacketBudget::tryReserve(PacketLane& lane, int size) {
@@ -205,7 +242,7 @@ PacketBuffer* PacketBudget::tryReserve(PacketLane& lane, int size) {
     if (size > reserveBytes) {
         // Alone: nothing else on its way but what the muxers keep until they have more.
         alone.store(true);
-        if (bytesOut.load() > bytesHeld.load()) {
+        if (bytesInFlight() > 0) {
             return nullptr;
         }
     }
@@ -215,7 +252,7 @@ PacketBuffer* PacketBudget::tryReserve(PacketLane& lane, int size) {
 PacketBuffer* PacketBudget::lendFromReserve(int size) {
     const std::int64_t largest = std::max<std::int64_t>(reserveBytes, size);
     if (reserve == nullptr || reserve->BufferSize() < size || reserve->BufferSize() > largest) {
-        if (reserve != nullptr && reserve->Out() != 0) {
+        if (reserveFlight.Bytes() != 0) {
             return nullptr;
         }
         makeReserve(size);
@@ -231,7 +268,7 @@ void PacketBudget::makeReserve(int size) {
     bufferSize = std::max<std::int64_t>(bufferSize, size);
     const int count = static_cast<int>(std::max<std::int64_t>(1, reserveBytes / bufferSize));
     reserve.reset();
-    reserve = std::make_unique<RelayPool>(*this, static_cast<int>(bufferSize), count, false);
+    reserve = std::make_unique<RelayPool>(*this, reserveFlight, static_cast<int>(bufferSize), count, false);
 }
 
 }  // namespace Mivra::Tool

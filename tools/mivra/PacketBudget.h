@@ -14,59 +14,105 @@ namespace Mivra::Tool {
 
 class PacketBudget;
 
-/// Buffers of one size. Beside lending them it counts how many a muxer keeps ("held"): not more than half, so
-/// that a muxer that waits for another stream's packets never starves the source of those.
+/// Lets one thread sleep until a number that other threads change is right.
+class Doorbell {
+public:
+    /// Sleeps until `isRight` holds, which it looks at after every Ring.
+    template <typename Condition>
+    void WaitUntil(Condition isRight) {
+        for (std::uint32_t before = rings.load(); !isRight(); before = rings.load()) {
+            rings.wait(before);
+        }
+    }
+    void Ring() {
+        rings.fetch_add(1);
+        rings.notify_all();
+    }
+
+private:
+    std::atomic<std::uint32_t> rings{0};
+};
+
+/// Bytes (capacity) that are on their way: lent, and neither given back nor held by a muxer. One thread, that
+/// of the source, may wait until they are few.
+class Flight {
+public:
+    void Begin(std::int64_t size) { bytes.fetch_add(size); }
+    void End(std::int64_t size);
+    std::int64_t Bytes() const { return bytes.load(); }
+    /// Waits until at most `most` bytes are on their way or `closed` is set and Wake called.
+    void WaitForAtMost(std::int64_t most, const std::atomic<bool>& closed);
+    void Wake() { bell.Ring(); }
+
+private:
+    std::atomic<std::int64_t> bytes{0};
+    std::atomic<std::int64_t> wanted{-1};  // -1: nobody waits
+    Doorbell bell;
+};
+
+/// Buffers of one size. Beside lending them it counts how many a muxer keeps ("held"): not
+/// more than half, so that a muxer that waits for another stream's packets never starves the source of those.
 class RelayPool : public Common::DefaultPacketBufferAllocator {
 public:
-    RelayPool(PacketBudget& budget, int bytes, int count, bool mayBeHeld);
+    RelayPool(PacketBudget& budget, Flight& flight, int bytes, int count, bool mayBeHeld);
     ~RelayPool() override;
 
     /// Null when all are out.
     Common::PacketBuffer* Lend();
     /// The same after a wait; null once `closed` is set (and Wake called). One thread at a time.
     Common::PacketBuffer* WaitAndLend(const std::atomic<bool>& closed);
-    void Wake();
+    void Wake() { bell.Ring(); }
 
     /// Whether one more buffer may stay in a muxer; Unhold balances a true.
     bool TryHold();
     void Unhold();
 
-    int Out() const { return out.load(); }
+    std::int64_t BytesHeld() { return std::int64_t{held.load()} * BufferSize(); }
 
 protected:
     bool releaseBuffer(Common::PacketBuffer* buffer) override;
 
 private:
     PacketBudget& budget;
+    Flight& flight;
     const int holdLimit;
-    std::atomic<int> out{0};
     std::atomic<int> held{0};
     std::atomic<int> wantedFree{0};  // the waiting thread sleeps until so many are free; 0: nobody waits
-    std::atomic<std::uint32_t> signal{0};
+    Doorbell bell;
 };
 
 /// Where one source takes its buffers from: pools of some sizes that are its own, and for the rare packet
-/// that is larger than all of them the reserve that all sources share. Take and its waiting are for one
-/// thread; Close may be called by any.
+/// that is larger than all of them the reserve that all sources share. It lends as much as keeps the sinks
+/// busy and no more, so that the same few buffers go round and stay in the processor's caches. TryTake and
+/// Take are for one thread; Close may be called by any.
 class PacketLane {
 public:
     PacketLane(PacketBudget& budget, std::int64_t bytes);
 
-    /// A buffer of at least `size` bytes with one reference, the caller's. Waits until there is one. Null
-    /// after Close. std::bad_alloc when there is no memory for a larger reserve.
+    /// A buffer of at least `size` bytes with one reference, the caller's; null when that takes a wait.
+    Common::PacketBuffer* TryTake(int size);
+    /// The same after a wait: what the caller has taken before must be on its way. Null after Close.
+    /// std::bad_alloc when there is no memory for a larger reserve.
     Common::PacketBuffer* Take(int size);
     /// Ends a wait and all taking.
     void Close();
     bool IsClosed() const { return closed.load(); }
 
+    std::int64_t BytesInFlight() const { return flight.Bytes(); }
+    std::int64_t BytesHeld() const;
+
 private:
+    RelayPool* poolFor(int size);
+
     PacketBudget& budget;
+    const std::int64_t window;
+    Flight flight;
     std::vector<std::unique_ptr<RelayPool>> pools;  // by ascending size
     std::atomic<bool> closed{false};
 };
 
-/// What all sources of a relay may have in flight together, by the capacity of the buffers. It is made before
-/// them and outlives every buffer.
+/// What all sources of a relay may have out together, by the capacity of the buffers. It is made before them
+/// and outlives every buffer.
 class PacketBudget {
 public:
     static constexpr std::int64_t kDefaultBytes = std::int64_t{32} << 20;
@@ -77,7 +123,7 @@ public:
     PacketLane& Lane(int index) { return *lanes[static_cast<std::size_t>(index)]; }
 
     /// Capacity of all buffers that are out, now and at most so far.
-    std::int64_t BytesOut() const { return bytesOut.load(); }
+    std::int64_t BytesOut() const;
     std::int64_t PeakBytesOut() const { return peakBytesOut.load(); }
 
 private:
@@ -99,24 +145,21 @@ private:
         PacketLane& lane;
     };
 
-    void lent(std::int64_t size);
-    void returned(std::int64_t size);
+    void lent();
+    void cameHome(std::int64_t size);
+    std::int64_t bytesInFlight() const;
     Common::PacketBuffer* takeFromReserve(PacketLane& lane, int size);
     Common::PacketBuffer* tryReserve(PacketLane& lane, int size) MIVRA_EXCLUDES(reserveLock);
     Common::PacketBuffer* lendFromReserve(int size) MIVRA_REQUIRES(reserveLock);
     void makeReserve(int size) MIVRA_REQUIRES(reserveLock);
-    void wakeReserve();
-    void wakeReserveWaiters();
-    bool waitWhileAnotherIsAlone(const std::atomic<bool>& closed);
 
     const std::int64_t reserveBytes;
-    std::atomic<std::int64_t> bytesOut{0};
-    std::atomic<std::int64_t> bytesHeld{0};
     std::atomic<std::int64_t> peakBytesOut{0};
     // Set while a packet that is larger than the reserve is to travel, or travels, alone.
     std::atomic<bool> alone{false};
     std::atomic<int> reserveWaiters{0};
-    std::atomic<std::uint32_t> reserveSignal{0};
+    Doorbell reserveBell;
+    Flight reserveFlight;
     Common::CritSec reserveLock;
     std::deque<PacketLane*> reserveQueue MIVRA_GUARDED_BY(reserveLock);  // first come, first served
     std::unique_ptr<RelayPool> reserve MIVRA_GUARDED_BY(reserveLock);

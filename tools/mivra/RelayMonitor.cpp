@@ -30,8 +30,8 @@ RelayMonitor::~RelayMonitor() {
     ::close(descriptor);
 }
 
-void RelayMonitor::Delivered(std::int64_t bytes) {
-    delivered.fetch_add(1);
+void RelayMonitor::Delivered(std::size_t packets, std::int64_t bytes) {
+    delivered.fetch_add(packets);
     deliveredBytes.fetch_add(static_cast<std::uint64_t>(bytes), std::memory_order_relaxed);
 }
 

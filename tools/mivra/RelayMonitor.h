@@ -22,8 +22,8 @@ public:
     RelayMonitor(const RelayMonitor&) = delete;
     RelayMonitor& operator=(const RelayMonitor&) = delete;
 
-    /// A source is about to deliver a packet of so many bytes.
-    void Delivered(std::int64_t bytes);
+    /// A source is about to deliver so many packets with so many bytes.
+    void Delivered(std::size_t packets, std::int64_t bytes);
     /// A source has delivered its last packet. Once per source.
     void SourceEnded();
     /// The last of the sinks has got a packet.
@@ -57,9 +57,10 @@ private:
     const int sources;
     Console& console;
     int descriptor = -1;
-    std::atomic<std::uint64_t> delivered{0};
+    // Written by different threads: apart, so that they do not take each other's cache line away.
+    alignas(64) std::atomic<std::uint64_t> delivered{0};
     std::atomic<std::uint64_t> deliveredBytes{0};
-    std::atomic<std::uint64_t> consumed{0};
+    alignas(64) std::atomic<std::uint64_t> consumed{0};
     std::atomic<int> ended{0};
     std::atomic<bool> finished{false};
     Common::CritSec lock;

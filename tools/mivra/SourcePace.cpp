@@ -22,9 +22,9 @@ SourcePace::SourcePace(int sources, std::int64_t largestLead)
     }
 }
 
-void SourcePace::Advance(int source, std::int64_t dts, const std::atomic<bool>& stopping) {
+bool SourcePace::TryAdvance(int source, std::int64_t dts) {
     if (count < 2) {
-        return;
+        return true;
     }
     Position& own = positions[static_cast<std::size_t>(source)];
     own.dts.store(dts);
@@ -34,14 +34,19 @@ void SourcePace::Advance(int source, std::int64_t dts, const std::atomic<bool>& 
             Wake();
         }
     }
-    while (!stopping.load() && slowest() < dts - window) {
-        const std::uint32_t before = signal.load();
-        waiters.fetch_add(1);
-        if (!stopping.load() && slowest() < dts - window) {
-            signal.wait(before);
-        }
-        waiters.fetch_sub(1);
+    return slowest() >= dts - window;
+}
+
+void SourcePace::Advance(int source, std::int64_t dts, const std::atomic<bool>& stopping) {
+    if (TryAdvance(source, dts)) {
+        return;
     }
+    waiters.fetch_add(1);
+    for (std::uint32_t before = signal.load(); !stopping.load() && slowest() < dts - window;
+         before = signal.load()) {
+        signal.wait(before);
+    }
+    waiters.fetch_sub(1);
 }
 
 void SourcePace::Finish(int source) {

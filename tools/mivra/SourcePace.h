@@ -13,8 +13,9 @@ class SourcePace {
 public:
     SourcePace(int sources, std::int64_t window);
 
-    /// The source has come to `dts` (kPacketTimeBase). Waits while it is too far ahead and `stopping` is not
-    /// set.
+    /// The source has come to `dts` (kPacketTimeBase). False when it is too far ahead.
+    bool TryAdvance(int source, std::int64_t dts);
+    /// The same, but waits while it is too far ahead and `stopping` is not set.
     void Advance(int source, std::int64_t dts, const std::atomic<bool>& stopping);
     /// The source has ended: nobody waits for it any more.
     void Finish(int source);
