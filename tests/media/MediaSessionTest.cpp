@@ -123,6 +123,7 @@ TEST_F(MediaSessionTest, NumbersStreamsBySourceIdForEverySink) {
 }
 
 TEST_F(MediaSessionTest, RefusesMisuse) {
+    Renew(Timeouts::Default);
     EXPECT_FALSE(session->IsRunning());
     EXPECT_EQ(session->State(), MediaState::None);
     EXPECT_EQ(thrownBy([&] { session->StartBuffering(0, BufferingType::Memory); }),

@@ -11,9 +11,15 @@ class SessionTest : public MediaTest {
 protected:
     SessionTest() { Renew(); }
 
-    /// A fresh session without members.
-    void Renew() {
+    enum class Timeouts { Default, Never };
+    /// A fresh session without members; one that never times out bears a machine that is busy for seconds.
+    void Renew(Timeouts timeouts = Timeouts::Never) {
         session = std::make_unique<Media::MediaSession>();
+        if (timeouts == Timeouts::Never) {
+            session->SetSourceOpenTimeout(INT64_MAX);
+            session->SetSinkOpenTimeout(INT64_MAX);
+            session->SetNoCaptureTimeout(INT64_MAX);
+        }
         session->AddErrorListener([this](void* sender, Media::ErrorEventArgs* args) {
             EXPECT_EQ(sender, session.get());
             std::lock_guard guard(reportMutex);

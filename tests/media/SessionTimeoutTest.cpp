@@ -54,7 +54,7 @@ class SessionTimeoutTest : public SessionTest, public testing::WithParamInterfac
 TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     const Timeout& timeout = GetParam();
     WatchedClock clock;
-    Renew();
+    Renew(Timeouts::Default);
     const auto source = AddSource();
     const auto sink = AddSink();
     if (timeout.network) {
@@ -103,7 +103,7 @@ INSTANTIATE_TEST_SUITE_P(All, SessionTimeoutTest, testing::ValuesIn(kTimeouts),
 
 TEST_F(SessionTimeoutTest, SampleOrTheLargestValueHoldsTheCaptureTimeoutOff) {
     WatchedClock clock;
-    Renew();
+    Renew(Timeouts::Default);
     const auto source = AddSource();
     const auto sink = AddSink();
     session->Start();
