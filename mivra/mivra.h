@@ -45,6 +45,11 @@
 #include "mivra/common/model/Rational.h"
 #include "mivra/common/model/SampleFormat.h"
 
+#include "mivra/codecs/aac/ConfigurationParser.h"
+#include "mivra/codecs/h264/H264ConfigurationParser.h"
+#include "mivra/codecs/h264/NalUnitTypes.h"
+#include "mivra/codecs/h264/ParameterSets.h"
+#include "mivra/codecs/h264/SeiPayloadTypes.h"
 #include "mivra/common/MivraCommon.h"
 
 #include "mivra/media/IInteractiveMediaSource.h"
