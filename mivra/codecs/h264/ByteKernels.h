@@ -15,8 +15,8 @@ struct ByteKernels {
     /// Copies what is not a 03 behind 00 00; may write anything into the first end - begin bytes of out. The
     /// size of the result.
     std::size_t (*removePrevention)(const unsigned char* begin, const unsigned char* end, unsigned char* out);
-    /// How many bytes insertPrevention() inserts.
-    std::size_t (*countEmulations)(const unsigned char* begin, const unsigned char* end);
+    /// The size of what insertPrevention() writes.
+    std::size_t (*preventedSize)(const unsigned char* begin, const unsigned char* end);
     /// Copies with a 03 between 00 00 and a byte of at most 3. The size of the result.
     std::size_t (*insertPrevention)(const unsigned char* begin, const unsigned char* end, unsigned char* out);
 };

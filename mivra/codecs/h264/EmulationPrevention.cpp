@@ -19,8 +19,7 @@ std::size_t removeEmulationPrevention(std::span<const unsigned char> in, unsigne
 }
 
 std::size_t emulationPreventedSize(std::span<const unsigned char> in) {
-    const std::size_t inserted = byteKernels().countEmulations(in.data(), in.data() + in.size());
-    return in.size() + inserted + (endsInZero(in) ? 1 : 0);
+    return byteKernels().preventedSize(in.data(), in.data() + in.size()) + (endsInZero(in) ? 1 : 0);
 }
 
 std::size_t applyEmulationPrevention(std::span<const unsigned char> in, unsigned char* out) {
