@@ -48,6 +48,7 @@
 #include "mivra/codecs/aac/ConfigurationParser.h"
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/codecs/h264/NalUnitTypes.h"
+#include "mivra/codecs/h264/ParameterSetElements.h"
 #include "mivra/codecs/h264/ParameterSets.h"
 #include "mivra/codecs/h264/SeiPayloadTypes.h"
 #include "mivra/common/MivraCommon.h"

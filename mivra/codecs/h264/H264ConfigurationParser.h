@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,12 +30,18 @@ public:
     H264ConfigurationParser() = default;
     virtual ~H264ConfigurationParser() = default;
 
-    /// Forgets the last result, then reads the first sequence and the first picture parameter set. The first
-    /// byte chooses the form: 0 Annex B, 1 an AVC decoder configuration record, else units without start
-    /// codes: one unit with flags 0, units behind three bytes each, the third their length (0: the rest),
-    /// with flags above 0. 1, or -1 for null, a size below 1 and a malformed set in the third form; in the
-    /// other forms a malformed or missing set stays zeroed. Pointer and size are kept, and never read through
-    /// again.
+    /// Forgets the last result, then reads the parameter sets. The first byte chooses the form:
+    /// - 0, Annex B: the first sequence and the first picture parameter set. 1, whatever they say: a set that
+    /// is
+    ///   missing or malformed stays zeroed.
+    /// - 1, an AVC decoder configuration record: likewise.
+    /// - else units without start codes, every set among them in turn: one unit that takes the whole buffer,
+    /// or
+    ///   with flags above 0 units behind three bytes each, of which only the third counts: the length, 0 for
+    ///   the rest. Emulation prevention is taken out of the whole buffer first. 1, or -1 at the first set
+    ///   that is malformed, which stays zeroed, or unit that is cut off.
+    /// -1 also for null and a size below 1. A picture parameter set is read in the light of the sequence
+    /// parameter set before it. Pointer and size are kept, and never read through again.
     int Parse(unsigned char* data, int size, int flags);
 
     const SPS264struct& GetSps() const { return sps; }
@@ -46,7 +53,8 @@ public:
     int GetPpsId() const { return pps.pic_parameter_set_id; }
     /// The sequence parameter set that the picture parameter set names.
     int GetPpsSpsId() const { return pps.seq_parameter_set_id; }
-    /// Luma samples behind the cropping.
+    /// Luma samples behind the cropping; 0 before a sequence parameter set was read, and when the cropping
+    /// leaves none.
     int GetWidth() const;
     int GetHeight() const;
     /// Sample aspect ratio (E.2.1, Table E-1); 0/0 where none is told.
@@ -67,6 +75,8 @@ public:
     bool TryGetReorderingQueueDepth(int* depth) const;
     /// Whether a decoder for 4:2:0 of 8 bits up to High takes the stream; logs what it looked at.
     bool IsCudaCompatible() const;
+
+    // Without a sequence parameter set all three are a GeneralException.
 
     /// Crops so many luma samples from each side, in place of any earlier cropping. What is no multiple of
     /// the crop unit, negative or leaves no picture is a GeneralException, and nothing changes.
@@ -152,16 +162,31 @@ public:
     static bool ApplyForbiddenSequenceEmulation(const unsigned char* in, int size, unsigned char*& out,
                                                 int& outSize);
 
-private:
+protected:
+    /// u(n) of 0 to 32 bits and se(v), as ConvertExpGolomb2Int().
     static int convertBits2Int(unsigned char** data, int* bytesLeft, int* bitPosition, int count);
     static int convertSignedExpGolomb2Int(unsigned char** data, int* bytesLeft, int* bitPosition);
+    /// rbsp_trailing_bits() (7.3.2.11) stand here, with nothing but zero bytes behind them.
     static bool checkRbspTrailingBits(unsigned char* data, int bytesLeft, int bitPosition);
+
+private:
     static bool findSpsPps(unsigned char* data, int size, unsigned char*& sps, int& spsSize,
                            unsigned char*& pps, int& ppsSize);
+    int getChromaArrayType() const;
     int getCropUnitX() const;
     int getCropUnitY() const;
+    bool hasSps() const { return sps.profile_idc != 0; }
+    void requireSps(const char* operation) const;
+    /// Luma samples in front of the cropping.
+    std::int64_t codedWidth() const;
+    std::int64_t codedHeight() const;
+    int parseUnits(bool prefixed);
+    bool parseSet(std::span<const unsigned char> unit);
+
+    static constexpr unsigned char DefaultSpsHeader = 0x67;  // nal_ref_idc 3
 
     SPS264struct sps;
+    unsigned char spsHeader = DefaultSpsHeader;
     PPS264struct pps;
     unsigned char* input = nullptr;
     int inputSize = 0;

@@ -8,7 +8,8 @@ namespace Mivra::Codecs::H264 {
 
 // The parameter sets as plain records: one 32-bit integer a syntax element, named and ordered as in ITU-T
 // H.264. An element that the stream does not carry holds the value that the standard infers for it, 0 where
-// it infers none. Elements of 32 bits are unsigned, signed ones are se(v), the rest fit either.
+// it infers none or infers it from tables (max_num_reorder_frames, max_dec_frame_buffering). Elements of 32
+// bits are unsigned, signed ones are se(v), the rest fit either. A default record stands for no set at all.
 
 /// hrd_parameters() (E.1.2).
 struct HrdParameters_t {
@@ -20,10 +21,10 @@ struct HrdParameters_t {
     std::uint32_t bit_rate_value_minus1[MaxCpbCount] = {};
     std::uint32_t cpb_size_value_minus1[MaxCpbCount] = {};
     std::int32_t cbr_flag[MaxCpbCount] = {};
-    std::int32_t initial_cpb_removal_delay_length_minus1 = 0;
-    std::int32_t cpb_removal_delay_length_minus1 = 0;
-    std::int32_t dpb_output_delay_length_minus1 = 0;
-    std::int32_t time_offset_length = 0;
+    std::int32_t initial_cpb_removal_delay_length_minus1 = 23;
+    std::int32_t cpb_removal_delay_length_minus1 = 23;
+    std::int32_t dpb_output_delay_length_minus1 = 23;
+    std::int32_t time_offset_length = 24;
 
     bool operator==(const HrdParameters_t&) const = default;
 };
@@ -54,14 +55,14 @@ struct VuiParameters_t {
     HrdParameters_t nal_hrd_parameters;
     std::int32_t vcl_hrd_parameters_present_flag = 0;
     HrdParameters_t vcl_hrd_parameters;
-    std::int32_t low_delay_hrd_flag = 0;
+    std::int32_t low_delay_hrd_flag = 1;
     std::int32_t pic_struct_present_flag = 0;
     std::int32_t bitstream_restriction_flag = 0;
-    std::int32_t motion_vectors_over_pic_boundaries_flag = 0;
-    std::int32_t max_bytes_per_pic_denom = 0;
-    std::int32_t max_bits_per_mb_denom = 0;
-    std::int32_t log2_max_mv_length_horizontal = 0;
-    std::int32_t log2_max_mv_length_vertical = 0;
+    std::int32_t motion_vectors_over_pic_boundaries_flag = 1;
+    std::int32_t max_bytes_per_pic_denom = 2;
+    std::int32_t max_bits_per_mb_denom = 1;
+    std::int32_t log2_max_mv_length_horizontal = 15;
+    std::int32_t log2_max_mv_length_vertical = 15;
     std::int32_t max_num_reorder_frames = 0;
     std::int32_t max_dec_frame_buffering = 0;
 
@@ -120,18 +121,33 @@ struct SPS264struct {
     bool operator==(const SPS264struct&) const = default;
 };
 
-/// slice_group_id of every map unit, 0 to 7, held in half a byte each so that a set never costs much more
-/// than the bits it came from.
+/// slice_group_id of every map unit, 0 to 7, three bits each, so that the largest map takes 52 KiB.
 class SliceGroupIds {
 public:
     std::size_t Size() const { return size; }
-    int operator[](std::size_t index) const { return packed[index / 2] >> (index % 2 * 4) & 15; }
-    void Append(int id);
-    void Reserve(std::size_t count) { packed.reserve((count + 1) / 2); }
+    int operator[](std::size_t index) const {
+        const std::size_t bit = index * BitsPerId;
+        const unsigned next = bit % 8 > 8 - BitsPerId ? packed[bit / 8 + 1] : 0u;
+        return static_cast<int>((packed[bit / 8] | next << 8) >> bit % 8 & 7);
+    }
+    void Reserve(std::size_t count) { packed.reserve((count * BitsPerId + 7) / 8); }
+    void Append(int id) {
+        const std::size_t bit = size++ * BitsPerId;
+        if (bit + BitsPerId > packed.size() * 8) {
+            packed.push_back(0);
+        }
+        const unsigned shifted = (static_cast<unsigned>(id) & 7) << bit % 8;
+        packed[bit / 8] = static_cast<std::uint8_t>(packed[bit / 8] | shifted);
+        if (shifted > 0xFF) {
+            packed[bit / 8 + 1] = static_cast<std::uint8_t>(shifted >> 8);
+        }
+    }
 
     bool operator==(const SliceGroupIds&) const = default;
 
 private:
+    static constexpr std::size_t BitsPerId = 3;
+
     std::vector<std::uint8_t> packed;
     std::size_t size = 0;
 };

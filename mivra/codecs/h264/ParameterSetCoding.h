@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "mivra/codecs/h264/ParameterSets.h"
+
+namespace Mivra::Codecs::H264 {
+
+// Parameter sets from and to payloads: without header byte and emulation prevention, with trailing bits.
+
+/// Sets that were not read, to copy from.
+extern const SPS264struct NoSps;
+extern const PPS264struct NoPps;
+
+/// False when the payload is malformed; the set is then a default one. Zero bytes behind the trailing bits do
+/// no harm.
+bool readSequenceParameterSet(std::span<const unsigned char> rbsp, SPS264struct& sps);
+/// The chroma_format_idc of the sequence parameter set decides on the number of scaling lists.
+bool readPictureParameterSet(std::span<const unsigned char> rbsp, int chroma_format_idc, PPS264struct& pps);
+
+/// Room for any sequence parameter set: 255 offsets, two HRDs of 32 schedules and 12 scaling lists with the
+/// longest codes come to 5 KiB.
+constexpr std::size_t MaxSpsSize = 8192;
+
+/// The bytes written; GeneralException when they do not fit.
+std::size_t writeSequenceParameterSet(const SPS264struct& sps, std::span<unsigned char> rbsp);
+std::size_t writePictureParameterSet(const PPS264struct& pps, int chroma_format_idc,
+                                     std::span<unsigned char> rbsp);
+
+}  // namespace Mivra::Codecs::H264
