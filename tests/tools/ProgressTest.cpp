@@ -71,7 +71,7 @@ TEST(ProgressText, FiguresStaySaneWithoutDurationOrSense) {
 
 TEST(ProgressText, LinesForProgramsCanBeTakenApart) {
     const Summary summary{
-        "done", kHalfway, {{"a \"b\"\n\xff.ts", "mpegts", {"video h264", "audio aac"}, 7, 8}}};
+        "done", kHalfway, {{"a \"b\"\n\xff.ts", "mpegts", {"video h264", "audio aac"}, {7, 8, 9}}}};
     const std::vector<std::string> lines = keyValueSummary(summary);
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0],

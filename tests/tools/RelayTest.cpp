@@ -19,6 +19,7 @@
 #include "tools/mivra/FileSource.h"
 #include "tools/mivra/Interrupt.h"
 #include "tools/mivra/MuxSink.h"
+#include "tools/mivra/Relay.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -201,7 +202,9 @@ TEST_F(RelayTest, AllBuffersComeBackWhateverTheBudget) {
             flow.Write(folder / "a.ts", true);
             flow.Run();
             EXPECT_FALSE(flow.shared->monitor.FirstFailure().has_value());
-            EXPECT_EQ(first.GetSummary().packets, flow.shared->monitor.Packets()) << name;
+            flow.session.Stop();
+            first.Stop();
+            EXPECT_EQ(first.GetSummary().written.packets, flow.shared->monitor.Packets()) << name;
             EXPECT_LE(flow.shared->budget.PeakBytesOut(), budget);
         }
     }
@@ -258,6 +261,59 @@ TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
     EXPECT_TRUE(source.IsEos());
     EXPECT_NEAR(static_cast<double>(source.GetPosition()), 5e7, 2e6);
     EXPECT_NEAR(static_cast<double>(source.GetDuration()), 5e7, 2e6);
+}
+
+// Pictures wait for sound that never comes: only the end of the file finds out that one is not to be had.
+TEST_F(RelayTest, APacketThatTheEndRefusesIsDamageAndKeepsNoOtherBack) {
+    MediaType video;
+    video.ContentType() = Common::ContentType_t::Video;
+    video.CodecId() = Common::Codec_t::H264;
+    video.Width() = video.Height() = 16;
+    MediaType audio;
+    audio.ContentType() = Common::ContentType_t::Audio;
+    audio.CodecId() = Common::Codec_t::AAC;
+    audio.SampleRate() = 48000;
+    audio.Channels() = 2;
+    const StopSignal stop;
+    Muxer muxer(folder / "a.ts", *findOutputFormat("a.ts"), stop);
+    muxer.Begin({video, audio});
+    for (int i = 0; i < 3; ++i) {
+        char bytes[] = {0, 0, 0, i == 0 ? '\5' : '\1', 9, '\x10', 0, 0};
+        const auto packet = Reference<PacketBuffer>::Adopt(new PacketBuffer(bytes, sizeof(bytes)));
+        packet->KeyFrame() = true;
+        packet->Pts() = packet->Dts() = i * 400000;
+        EXPECT_EQ(muxer.Write(0, *packet.get()), Muxer::Result::Done);
+    }
+    EXPECT_EQ(muxer.Finish(), Muxer::Result::BadPacket);
+    EXPECT_EQ(muxer.Written().packets, 2u);
+    EXPECT_EQ(muxer.Written().bytes, 16u);
+    EXPECT_TRUE(log.Contains("no startcode found"));
+    log.Clear();
+}
+
+// The end of a relay starts five threads to tell of it; the file does not depend on any of them.
+TEST_F(RelayTest, OutputsAreFinishedWhenNoThreadCanBeStarted) {
+    using Mivra::Test::FaultKind;
+    using Mivra::Test::FaultPlan;
+    RelayOptions options;
+    options.inputs = {film("bframes.mp4")};
+    options.outputs = {folder / "a.mp4"};
+    options.statsSeconds = 0;
+    std::uint64_t threads = 0;
+    {
+        const FaultPlan counter(FaultKind::StartThread, UINT64_MAX);
+        ASSERT_EQ(relay(options), ExitCode::Done);
+        threads = counter.Calls();
+    }
+    const auto size = std::filesystem::file_size(options.outputs[0]);
+    for (std::uint64_t nth = threads - 4; nth <= threads; ++nth) {
+        std::filesystem::remove(options.outputs[0]);
+        const FaultPlan fault(FaultKind::StartThread, nth, FaultPlan::Span::FromThenOn);
+        EXPECT_EQ(relay(options), ExitCode::Done) << nth;
+        EXPECT_TRUE(fault.Reached());
+        EXPECT_EQ(std::filesystem::file_size(options.outputs[0]), size) << nth;
+    }
+    log.Clear();
 }
 
 // Four seconds take no more memory from the system than one: no packet takes any.

@@ -36,7 +36,9 @@ class Usage(unittest.TestCase):
             ("doctor", "--log"): "--log needs a value",
             ("relay", "a.mp4"): "an input and an output are needed",
             ("relay", "a.mp4", "b.ts", "--for", "soon"): "--for: 'soon' is not a number",
-            ("relay", "a.mp4", "b.ts", "--log-level", "6"): "'6' is not a number from 0 to 5",
+            ("relay", "a.mp4", "b.ts", "--for", "2", "--for", "3"): "--for is given more than once",
+            ("relay", "a.mp4", "b.ts", "--log-level", "6"): "'6' is not a whole number from 0 to 5",
+            ("relay", "a.mp4", "b.ts", "--log-level", "2.5"): "'2.5' is not a whole number from 0 to 5",
         }
         for words, hint in cases.items():
             with self.subTest(words=words):

@@ -2,6 +2,7 @@
 """Runs `mivra relay` as a user would, and with everything that can go wrong around it: check_relay.py MIVRA
 FOLDER-FOR-INPUTS"""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -10,9 +11,11 @@ import random
 import resource
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -140,6 +143,16 @@ class Use(Case):
         self.assertEqual(child.wait(), 0)
         self.assertGreater(shown.count(b"\r\x1b[K"), 2)
 
+    def test_a_pipe_is_left_as_it_was(self):
+        reader, writer = os.pipe()
+        with open(reader, "rb") as end:
+            child = subprocess.Popen([MIVRA, "relay", FILM, "-"], stdout=writer, stderr=subprocess.DEVNULL)
+            self.assertNotEqual(end.read(1000), b"")
+            self.assertTrue(os.get_blocking(writer))
+            os.close(writer)
+            end.read()
+        self.assertEqual(child.wait(), 0)
+
     def test_log(self):
         log = self.out("relay.log")
         self.ends(relay(FILM, self.out("a.ts"), "--log", log, "--log-level", "4"), 0)
@@ -174,6 +187,13 @@ class Refusals(Case):
                             ((FILM, self.out("a.ts"), "--log", self.out("film.log")), "the log is also an input")]:
             self.ends(relay(*words), 2, text)
             self.assertFalse(self.out("a.ts").exists())
+
+    def test_a_log_that_cannot_be_written(self):
+        begin = time.monotonic()
+        for log, why in [(self.folder, "Is a directory"), (self.out("none/a.log"), "No such file")]:
+            self.ends(relay(FILM, self.out("a.ts"), "--log", log), 2, "cannot write the log", why)
+        self.assertLess(time.monotonic() - begin, 8)
+        self.assertFalse(self.out("a.ts").exists())
 
     def test_names_that_begin_like_an_option(self):
         self.ends(relay("--", FILM, "-a.ts", cwd=self.folder), 0)
@@ -279,7 +299,12 @@ class FailingOutputs(Case):
         for size in [20, 2000, 50000, 150000]:
             for extension in ["ts", "mp4", "mkv"]:
                 limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
-                self.ends(relay(FILM, self.out("cut." + extension), preexec_fn=limit), 6, "File too large")
+                done = relay(FILM, self.out("cut." + extension), "--json", preexec_fn=limit)
+                self.ends(done, 6, "File too large")
+                told = summary(done)
+                self.assertEqual([told["packets"], told["bytes"]], [told["outputs"][0][k] for k in ("packets", "bytes")])
+                self.assertLess(told["packets"], 361)
+                self.assertLessEqual(told["bytes"], size)  # what was read is not what was written
 
     def test_the_other_outputs_are_finished(self):
         full = self.out("full.ts")
@@ -309,7 +334,7 @@ class FailingOutputs(Case):
         child.stderr.close()
         self.assertEqual(child.wait(), 6)
         self.assertEqual([line for line in complaints if not line.startswith("event=")],
-                         ["mivra: cannot write the output: Broken pipe: -; is there room for it?"])
+                         ["mivra: the reader of the output went away: -; did it end too soon?"])
 
 
 class Interruption(Case):
@@ -340,6 +365,39 @@ class Interruption(Case):
             child.stdout.readline()
             child.send_signal(signal.SIGTERM)
             self.assertEqual(child.wait(timeout=60), 0)
+
+
+    def wait_for_full_pipe(self, reader):
+        waiting = -1
+        while (now := struct.unpack("i", fcntl.ioctl(reader, termios.FIONREAD, bytes(4)))[0]) != waiting or now == 0:
+            waiting = now
+            time.sleep(0.05)
+
+    def test_while_an_output_has_no_reader(self):
+        os.mkfifo(self.out("a.ts"))
+        child = self.start(FILM, self.out("a.ts"), "-o", self.out("b.mp4"))
+        child.stdout.readline()
+        child.send_signal(signal.SIGINT)
+        self.assertEqual((child.wait(timeout=20), child.stderr.read()), (0, b""))
+
+    def test_while_a_reader_takes_nothing_or_little(self):
+        os.mkfifo(self.out("a.ts"))
+        for reads in [False, True]:
+            reader = os.open(self.out("a.ts"), os.O_RDONLY | os.O_NONBLOCK)
+            child = self.start(INPUTS / "two-of-each.ts", self.out("a.ts"), "-o", self.out("b.mp4"))
+            self.wait_for_full_pipe(reader)
+            child.send_signal(signal.SIGINT)
+            if reads:
+                os.set_blocking(reader, True)
+                with open(reader, "rb") as end:
+                    self.out("c.ts").write_bytes(end.read())
+                self.assertEqual((child.wait(timeout=20), child.stderr.read()), (0, b""))
+                self.plays(self.out("c.ts"))
+            else:
+                self.assertEqual(child.wait(timeout=20), 6)
+                self.assertIn(b"the reader of the output takes nothing", child.stderr.read())
+                os.close(reader)
+            self.plays(self.out("b.mp4"))
 
 
 class WithoutFfmpeg(Case):

@@ -54,4 +54,18 @@ CLI::Validator numberBetween(double low, double high) {
         "");
 }
 
+CLI::Validator wholeNumberBetween(int low, int high) {
+    return CLI::Validator(
+        [low, high](std::string& word) -> std::string {
+            char* end = nullptr;
+            const long value = std::strtol(word.c_str(), &end, 10);
+            if (!word.empty() && *end == '\0' && value >= low && value <= high) {
+                return "";
+            }
+            return "'" + word + "' is not a whole number from " + std::to_string(low) + " to " +
+                   std::to_string(high);
+        },
+        "");
+}
+
 }  // namespace Mivra::Tool

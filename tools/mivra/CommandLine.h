@@ -13,5 +13,6 @@ std::shared_ptr<CLI::Formatter> makeHelpFormatter();
 
 /// Takes numbers from low to high, both included.
 CLI::Validator numberBetween(double low, double high);
+CLI::Validator wholeNumberBetween(int low, int high);
 
 }  // namespace Mivra::Tool

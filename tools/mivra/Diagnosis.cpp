@@ -14,6 +14,7 @@
 #include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
 #include "tools/mivra/FfmpegSupport.h"
+#include "tools/mivra/RelayFiles.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -233,24 +234,6 @@ void lookAtDescriptors(Diagnosis& diagnosis) {
     const auto figure = [](rlim_t value) { return value == RLIM_INFINITY ? Json() : Json(value); };
     diagnosis.details["descriptors"] = {{"limit", figure(limit.rlim_cur)},
                                         {"maximum", figure(limit.rlim_max)}};
-}
-
-/// 0, or the error; a file that was not there before is not there afterwards.
-int tryToWrite(const std::string& path) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    int descriptor = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
-    const bool made = descriptor >= 0;
-    if (!made) {
-        descriptor = ::open(path.c_str(), kFlags);
-    }
-    if (descriptor < 0) {
-        return errno;
-    }
-    ::close(descriptor);
-    if (made) {
-        ::unlink(path.c_str());
-    }
-    return 0;
 }
 
 void lookAtLog(const std::string& path, Diagnosis& diagnosis) {

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <new>
 #include <system_error>
 
@@ -19,6 +21,9 @@ using FFmpeg::FfmpegProxy;
 constexpr int kReadBuffer = 64 << 10;
 constexpr int kWriteBuffer = 256 << 10;
 constexpr mode_t kFileMode = 0666;
+// To open or to write never waits by itself: where a reader lets the file wait, the wait can be ended.
+constexpr int kOutputFlags = O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+constexpr int kReaderLookMilliseconds = 20;
 
 template <typename Call>
 auto retried(Call call) {
@@ -142,17 +147,12 @@ std::int64_t InputFile::seek(void* self, std::int64_t offset, int whence) {
     return seekIn(static_cast<InputFile*>(self)->descriptor, offset, whence);
 }
 
-OutputFile::OutputFile(const std::string& name) : path(name), standard(name == kStandardStream) {
+OutputFile::OutputFile(const std::string& name, const StopSignal& signal)
+    : path(name), stop(signal), standard(name == kStandardStream) {
     if (standard) {
-        descriptor = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+        openStandard();
     } else {
-        // Made anew or opened as it is: what is there is lost only when there is something to write.
-        const int flags = O_WRONLY | O_CLOEXEC;
-        descriptor = retried([&] { return ::open(path.c_str(), flags | O_CREAT | O_EXCL, kFileMode); });
-        created = descriptor >= 0;
-        if (!created && errno == EEXIST) {
-            descriptor = retried([&] { return ::open(path.c_str(), flags | O_CREAT, kFileMode); });
-        }
+        openNamed();
     }
     if (descriptor < 0) {
         fail(path);
@@ -174,6 +174,42 @@ OutputFile::~OutputFile() {
     Close();
 }
 
+void OutputFile::openStandard() {
+    struct stat status {};
+    if (::fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        // A view of the pipe that is ours alone, so that not to block is nobody else's matter.
+        descriptor = retried([] { return ::open("/proc/self/fd/1", kOutputFlags); });
+    }
+    if (descriptor < 0) {
+        descriptor = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+        mayBlock = true;
+    }
+}
+
+void OutputFile::openNamed() {
+    // Made anew or opened as it is: what is there is lost only when there is something to write.
+    descriptor = retried([&] { return ::open(path.c_str(), kOutputFlags | O_CREAT | O_EXCL, kFileMode); });
+    created = descriptor >= 0;
+    if (created || errno != EEXIST) {
+        return;
+    }
+    do {
+        descriptor = retried([&] { return ::open(path.c_str(), kOutputFlags | O_CREAT, kFileMode); });
+    } while (descriptor < 0 && errno == ENXIO && awaitReader());
+}
+
+/// Whether to try once more to open a named pipe that has no reader.
+bool OutputFile::awaitReader() {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
+        errno = ENXIO;
+        return false;
+    }
+    const bool stopped = stop.Wait(kReaderLookMilliseconds);
+    errno = stopped ? ECANCELED : ENXIO;
+    return !stopped;
+}
+
 bool OutputFile::Begin() {
     return standard || !regular || retried([&] { return ::ftruncate(descriptor, 0); }) == 0;
 }
@@ -191,20 +227,45 @@ void OutputFile::Close() {
     descriptor = -1;
 }
 
-int OutputFile::write(void* self, std::uint8_t* data, int size) {
-    auto& file = *static_cast<OutputFile*>(self);
-    for (int done = 0; done < size;) {
-        const ssize_t written = ::write(file.descriptor, data + done, static_cast<std::size_t>(size - done));
-        if (written >= 0) {
-            done += static_cast<int>(written);
-        } else if (errno == EAGAIN) {
-            pollfd wanted{file.descriptor, POLLOUT, 0};
-            ::poll(&wanted, 1, -1);
-        } else if (errno != EINTR) {
-            file.writeError = errno;
-            return AVERROR(errno);
+/// False, with errno, when the reader is not to be waited for any longer.
+bool OutputFile::waitWritable() {
+    while (true) {
+        pollfd wanted[] = {{descriptor, POLLOUT, 0}, {stop.Descriptor(), POLLIN, 0}};
+        const bool stopped = stop.IsRaised();
+        const int ready =
+            retried([&] { return ::poll(wanted, stopped ? 1 : 2, stopped ? kGraceMilliseconds : -1); });
+        if (wanted[0].revents != 0 || ready < 0) {
+            return true;  // or an error, which the write tells
+        }
+        if (stopped) {
+            errno = ECANCELED;
+            return false;
         }
     }
+}
+
+int OutputFile::failWrite(int error) {
+    writeError = error;
+    return AVERROR(error);
+}
+
+int OutputFile::write(void* self, std::uint8_t* data, int size) {
+    auto& file = *static_cast<OutputFile*>(self);
+    const bool careful = file.mayBlock && !file.regular;
+    for (int done = 0; done < size;) {
+        if (careful && !file.waitWritable()) {
+            return file.failWrite(errno);
+        }
+        const int most = careful ? PIPE_BUF : INT_MAX;  // so much does not block a pipe that has room
+        const auto part = static_cast<std::size_t>(std::min(size - done, most));
+        const ssize_t written = ::write(file.descriptor, data + done, part);
+        if (written >= 0) {
+            done += static_cast<int>(written);
+        } else if (errno == EAGAIN ? !file.waitWritable() : errno != EINTR) {
+            return file.failWrite(errno);
+        }
+    }
+    ++file.writes;
     return size;
 }
 

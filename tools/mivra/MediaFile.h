@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/mivra/FfmpegSupport.h"
+#include "tools/mivra/StopSignal.h"
 
 namespace Mivra::Tool {
 
@@ -41,11 +42,15 @@ private:
     AVIOContext* context = nullptr;
 };
 
-/// Writes a file, or standard output, for libavformat. One thread.
+/// Writes a file, or standard output, for libavformat. One thread. A reader of a pipe may let it wait; once
+/// the signal is raised, one that takes nothing for kGraceMilliseconds counts as a failure, ECANCELED.
 class OutputFile {
 public:
-    /// Opens the file, which keeps what it holds until Begin. std::system_error when it cannot be opened.
-    explicit OutputFile(const std::string& path);
+    static constexpr int kGraceMilliseconds = 2000;
+
+    /// Opens the file, which keeps what it holds until Begin; a named pipe when it has a reader.
+    /// std::system_error when it cannot be opened, with ECANCELED when the signal came before the reader.
+    OutputFile(const std::string& path, const StopSignal& stop);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -57,19 +62,29 @@ public:
     AVIOContext* Context() { return context; }
     /// errno of the first write that failed; 0: none.
     int WriteError() const { return writeError; }
+    /// How often the system has taken what was buffered.
+    std::uint64_t Writes() const { return writes; }
     /// Closes the descriptor; a failure, which some file systems report only here, counts as a write error.
     void Close();
 
 private:
     static int write(void* self, std::uint8_t* data, int size);
     static std::int64_t seek(void* self, std::int64_t offset, int whence);
+    void openStandard();
+    void openNamed();
+    bool awaitReader();
+    bool waitWritable();
+    int failWrite(int error);
 
     const std::string path;
+    const StopSignal& stop;
     int descriptor = -1;
     bool standard = false;
     bool regular = false;
     bool created = false;
+    bool mayBlock = false;  // the descriptor is shared with others, who may want it to block
     int writeError = 0;
+    std::uint64_t writes = 0;
     AVIOContext* context = nullptr;
 };
 

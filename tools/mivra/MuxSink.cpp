@@ -23,9 +23,11 @@ MuxSink::~MuxSink() {
 
 void MuxSink::Open() {
     try {
-        muxer = std::make_unique<Muxer>(options.path, *options.format);
+        muxer = std::make_unique<Muxer>(options.path, *options.format, shared->stop);
     } catch (const ProblemError& error) {
-        shared->monitor.Fail(error.code, error.problem);
+        if (!shared->stop.IsRaised()) {  // else it was told to give up
+            shared->monitor.Fail(error.code, error.problem);
+        }
         throw Common::GeneralException("%s", error.what());
     }
     setStateInThread(MediaState::Opened);
@@ -68,21 +70,22 @@ void MuxSink::PushMedia(int streamIndex, PacketBuffer* sample) {
 void MuxSink::write(int streamIndex, PacketBuffer& sample) {
     switch (muxer->Write(streamIndex, sample)) {
         case Muxer::Result::Done:
-            ++packets;
-            bytes += static_cast<std::uint64_t>(sample.ActualSize());
             return;
         case Muxer::Result::BadPacket:
-            if (!badPackets) {
-                badPackets = true;
-                shared->monitor.Damaged(
-                    {"damaged input: a packet that the output refuses: " + muxer->ErrorText(), options.path,
-                     "it is left out"});
-            }
+            refused();
             return;
         case Muxer::Result::Failed:
             started = false;
-            fail(ExitCode::WriteFailed, writeProblem(options.path, muxer->ErrorText()));
+            fail(ExitCode::WriteFailed, muxer->Failure());
             return;
+    }
+}
+
+void MuxSink::refused() {
+    if (!badPackets) {
+        badPackets = true;
+        shared->monitor.Damaged({"damaged input: a packet that the output refuses: " + muxer->ErrorText(),
+                                 options.path, "it is left out"});
     }
 }
 
@@ -96,8 +99,11 @@ void MuxSink::fail(ExitCode code, const Problem& problem) {
 }
 
 void MuxSink::Stop() {
-    if (muxer != nullptr && !muxer->Finish()) {
-        shared->monitor.Fail(ExitCode::WriteFailed, writeProblem(options.path, muxer->ErrorText()));
+    const auto result = muxer != nullptr ? muxer->Finish() : Muxer::Result::Done;
+    if (result == Muxer::Result::BadPacket) {
+        refused();
+    } else if (result == Muxer::Result::Failed) {
+        shared->monitor.Fail(ExitCode::WriteFailed, muxer->Failure());
     }
     setStateInThread(MediaState::Stopped);
 }
@@ -111,8 +117,9 @@ OutputSummary MuxSink::GetSummary() const {
             summary.streams.push_back(describe(types[i]));
         }
     }
-    summary.packets = packets;
-    summary.bytes = bytes;
+    if (muxer != nullptr) {
+        summary.written = muxer->Written();
+    }
     return summary;
 }
 

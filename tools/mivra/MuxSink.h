@@ -38,6 +38,7 @@ public:
 
 private:
     void write(int streamIndex, Common::PacketBuffer& sample);
+    void refused();
     void fail(ExitCode code, const Problem& problem);
 
     const MuxSinkOptions options;
@@ -46,8 +47,6 @@ private:
     std::vector<Common::MediaType> types;
     bool started = false;
     bool badPackets = false;
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;
 };
 
 }  // namespace Mivra::Tool

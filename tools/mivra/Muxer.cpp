@@ -101,6 +101,22 @@ bool addSideData(AVPacket& packet, int kind, const void* bytes, std::size_t size
     return true;
 }
 
+/// What is told of an output that failed while writing; an errno.
+Problem writeProblem(const std::string& path, int error) {
+    switch (error) {
+        case EPIPE:
+            return {"the reader of the output went away", path, "did it end too soon?"};
+        case ECANCELED:
+            return {"the reader of the output takes nothing", path, "it did not get all"};
+        case ENOSPC:
+        case EDQUOT:
+        case EFBIG:
+            return {"cannot write the output: " + errorMessage(error), path, "is there room for it?"};
+        default:
+            return {"cannot write the output: " + errorMessage(error), path, "check where it goes to"};
+    }
+}
+
 std::string leftOutLine(const std::string& path, const std::vector<MediaType>& types,
                         const std::vector<std::size_t>& chosen) {
     std::string line;
@@ -115,20 +131,18 @@ std::string leftOutLine(const std::string& path, const std::vector<MediaType>& t
 
 }  // namespace
 
-Problem writeProblem(const std::string& path, const std::string& why) {
-    return {"cannot write the output: " + why, path, "is there room for it?"};
-}
-
 void Muxer::ContextDeleter::operator()(AVFormatContext* output) const {
     output->pb = nullptr;  // the file's own
     FfmpegOptional::avformat_free_context(output);
 }
 
-Muxer::Muxer(const std::string& name, const OutputFormat& of) try
-    : path(name), format(of), file(withFfmpeg(name, ffmpeg.IsLoaded())), packet(makePacket()) {
+Muxer::Muxer(const std::string& name, const OutputFormat& of, const StopSignal& stop) try
+    : path(name), format(of), file(withFfmpeg(name, ffmpeg.IsLoaded()), stop), packet(makePacket()) {
     makeContext();
-} catch (const std::system_error& failure) {
-    failToOpen(name, failure.code().message(), "check the folder and its permissions");
+} catch (const std::system_error& refusal) {
+    const bool noReader = refusal.code().value() == ECANCELED;
+    failToOpen(name, noReader ? "nobody reads it" : refusal.code().message(),
+               noReader ? "open it for reading" : "check the folder and its permissions");
 }
 
 Muxer::~Muxer() {
@@ -183,7 +197,7 @@ void Muxer::writeHeader() {
     }
     failed = true;
     if (file.WriteError() != 0) {
-        throw ProblemError(ExitCode::WriteFailed, writeProblem(path, errorMessage(file.WriteError())));
+        throw ProblemError(ExitCode::WriteFailed, writeProblem(path, file.WriteError()));
     }
     const std::string why = watch.FirstError().empty() ? errorText(code) : watch.FirstError();
     failToOpen(path, why, "choose another format or check the place");
@@ -212,9 +226,34 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
         FfmpegProxy::av_packet_unref(packet.get());
         return explain(AVERROR(ENOMEM), "");
     }
+    stream.handed.push_back({from.ActualSize(), from.Dts()});
+    const std::uint64_t writes = file.Writes();
+    const MediaCount before = muxed;
     const FfmpegErrorWatch watch(context.get());
     const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), packet.get());
+    count();
+    if (file.Writes() != writes) {
+        written = before;  // at least what was there before this one has gone out
+    }
     return code < 0 ? explain(code, watch.FirstError()) : Result::Done;
+}
+
+/// Takes what libavformat has put together since the last time out of the waiting.
+void Muxer::count() {
+    for (Stream& stream : streams) {
+        const std::int64_t done = stream.output != nullptr ? stream.output->nb_frames : 0;
+        for (; stream.muxed < done && stream.firstWaiting < stream.handed.size(); ++stream.muxed) {
+            const Waiting& packetDone = stream.handed[stream.firstWaiting++];
+            muxed.packets += 1;
+            muxed.bytes += static_cast<std::uint64_t>(packetDone.size);
+            muxed.position = std::max(muxed.position, packetDone.dts);
+        }
+        if (stream.firstWaiting * 2 >= stream.handed.size()) {
+            stream.handed.erase(stream.handed.begin(),
+                                stream.handed.begin() + static_cast<std::ptrdiff_t>(stream.firstWaiting));
+            stream.firstWaiting = 0;
+        }
+    }
 }
 
 void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
@@ -298,31 +337,64 @@ bool Muxer::setSideData(PacketBuffer& from) {
 }
 
 Muxer::Result Muxer::explain(int code, const std::string& message) {
-    if (file.WriteError() == 0 && code != AVERROR(ENOMEM)) {
-        error = message.empty() ? errorText(code) : message;
-        return Result::BadPacket;
+    if (file.WriteError() != 0) {
+        return fail(writeProblem(path, file.WriteError()));
     }
-    error = file.WriteError() != 0 ? errorMessage(file.WriteError()) : errorText(code);
+    if (code == AVERROR(ENOMEM)) {
+        return fail(writeProblem(path, ENOMEM));
+    }
+    error = message.empty() ? errorText(code) : message;
+    return Result::BadPacket;
+}
+
+Muxer::Result Muxer::fail(const Problem& problem) {
+    failure = problem;
     failed = true;
     return Result::Failed;
 }
 
-bool Muxer::Finish() {
-    if (headerWritten && !failed) {
-        const int code = FfmpegProxy::av_write_trailer(context.get());
-        FfmpegOptional::avio_flush(context->pb);
-        failed = code < 0 || context->pb->error < 0;
-        if (failed) {
-            error = errorText(code < 0 ? code : context->pb->error);
+/// Writes the packets that wait for those of other streams; one that cannot be written keeps none of the
+/// others back.
+Muxer::Result Muxer::drain() {
+    Result result = Result::Done;
+    std::size_t waiting = 1;
+    for (const Stream& stream : streams) {
+        waiting += stream.handed.size() - stream.firstWaiting;
+    }
+    while (waiting-- > 0) {
+        const FfmpegErrorWatch watch(context.get());
+        const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), nullptr);
+        if (code >= 0) {
+            break;
         }
+        result = explain(code, watch.FirstError());
+        if (result == Result::Failed) {
+            break;
+        }
+    }
+    return result;
+}
+
+Muxer::Result Muxer::Finish() {
+    Result result = failed ? Result::Failed : Result::Done;
+    if (context != nullptr && headerWritten && !failed) {
+        result = drain();
+    }
+    if (context != nullptr && headerWritten && !failed) {
+        count();
+        const FfmpegErrorWatch watch(context.get());
+        int code = FfmpegProxy::av_write_trailer(context.get());
+        FfmpegOptional::avio_flush(context->pb);
+        code = code < 0 ? code : context->pb->error;
+        result = code < 0 ? explain(code, watch.FirstError()) : result;
     }
     context.reset();
     file.Close();
     if (file.WriteError() != 0) {
-        failed = true;
-        error = errorMessage(file.WriteError());
+        result = fail(writeProblem(path, file.WriteError()));
     }
-    return !failed;
+    written = failed || !headerWritten ? written : muxed;
+    return result;
 }
 
 }  // namespace Mivra::Tool

@@ -10,12 +10,10 @@
 #include "tools/mivra/FfmpegSupport.h"
 #include "tools/mivra/MediaFile.h"
 #include "tools/mivra/OutputFormat.h"
+#include "tools/mivra/Progress.h"
 #include "tools/mivra/SampleClock.h"
 
 namespace Mivra::Tool {
-
-/// What is told of an output that failed while writing.
-Problem writeProblem(const std::string& path, const std::string& why);
 
 /// One output, put together with libavformat: packets are interleaved by their decoding times and written as
 /// they are. It keeps references to packets until they are written, as many as their pools allow (RelayPool);
@@ -24,8 +22,9 @@ class Muxer {
 public:
     enum class Result { Done, BadPacket, Failed };
 
-    /// Opens the file, which keeps what it holds until Begin. ProblemError when it cannot be opened.
-    Muxer(const std::string& path, const OutputFormat& format);
+    /// Opens the file, which keeps what it holds until Begin. ProblemError when it cannot be opened; the
+    /// signal, which has to outlive this object, ends the wait for a reader.
+    Muxer(const std::string& path, const OutputFormat& format, const StopSignal& stop);
     ~Muxer();
     Muxer(const Muxer&) = delete;
     Muxer& operator=(const Muxer&) = delete;
@@ -37,17 +36,28 @@ public:
     bool Takes(int stream) const;
     /// BadPacket: this one cannot be written, others may; Failed: the file cannot be written any more.
     Result Write(int stream, Common::PacketBuffer& packet);
-    /// Writes what is waiting and what ends the file, and closes it. False when that fails. Nothing is
-    /// written any more once a Write has failed.
-    bool Finish();
+    /// Writes what is waiting and what ends the file, and closes it. BadPacket: it is finished, but some that
+    /// waited could not be written. Nothing is written any more once a Write has failed.
+    Result Finish();
 
     /// Names, after Begin, the streams that it did not take; empty when it took all.
     const std::string& LeftOut() const { return leftOut; }
-    /// Why the last call failed.
+    /// Why the last call had a BadPacket.
     const std::string& ErrorText() const { return error; }
+    /// What to tell after Failed.
+    const Problem& Failure() const { return failure; }
+    /// What the file has got for sure: what waits for its turn, or for the buffer to fill, does not count.
+    MediaCount Written() const { return written; }
 
 private:
+    struct Waiting {
+        int size;
+        std::int64_t dts;
+    };
     struct Stream {
+        std::vector<Waiting> handed;  // to libavformat; what is put together is taken away now and then
+        std::size_t firstWaiting = 0;
+        std::int64_t muxed = 0;  // packets that libavformat has put together
         AVStream* output = nullptr;
         AVRational timeBase{1, 1};  // of the packets' source
         SampleClock clock;          // audio
@@ -67,6 +77,9 @@ private:
     bool setPayload(Common::PacketBuffer& from);
     bool setSideData(Common::PacketBuffer& from);
     Result explain(int code, const std::string& message);
+    Result fail(const Problem& problem);
+    Result drain();
+    void count();
 
     const std::string path;
     const OutputFormat& format;
@@ -79,6 +92,9 @@ private:
     bool failed = false;
     std::string leftOut;
     std::string error;
+    Problem failure;
+    MediaCount muxed;  // put together; the end of it may still be in the file's buffer
+    MediaCount written;
 };
 
 }  // namespace Mivra::Tool

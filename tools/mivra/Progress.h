@@ -14,9 +14,16 @@ struct Progress {
     double elapsed = 0;         ///< seconds since the start
     double position = 0;        ///< seconds of media done
     double duration = 0;        ///< seconds of media in all, 0 when unknown
-    std::uint64_t packets = 0;  ///< taken from the inputs
+    std::uint64_t packets = 0;  ///< taken from the inputs; in a summary, written
     std::uint64_t bytes = 0;    ///< payload of those
     std::uint64_t queued = 0;   ///< packets on their way to the outputs
+};
+
+/// So much media.
+struct MediaCount {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;    ///< payload
+    std::int64_t position = 0;  ///< the latest decoding time in it, in kPacketTimeBase
 };
 
 /// What one output got.
@@ -24,13 +31,12 @@ struct OutputSummary {
     std::string path;
     std::string format;
     std::vector<std::string> streams;  ///< such as "video h264 1280x720"
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;  ///< payload
+    MediaCount written;
 };
 
 struct Summary {
     std::string state;  ///< one word: done, interrupted, damaged, failed
-    Progress progress;
+    Progress progress;  ///< of what was written, into the output that got most
     std::vector<OutputSummary> outputs;
 };
 

@@ -220,8 +220,8 @@ std::vector<std::string> summaryText(const Summary& summary, const LiveStyle& st
             continue;  // it was never opened
         }
         lines.push_back("  " + printable(output.path) + ": " + printable(output.format) + ", " +
-                        printable(joined(output.streams)) + "; " + std::to_string(output.packets) +
-                        " packets, " + scaled(static_cast<double>(output.bytes), "B"));
+                        printable(joined(output.streams)) + "; " + std::to_string(output.written.packets) +
+                        " packets, " + scaled(static_cast<double>(output.written.bytes), "B"));
     }
     return lines;
 }
@@ -233,10 +233,10 @@ std::string keyValueLine(const Progress& progress) {
 std::vector<std::string> keyValueSummary(const Summary& summary) {
     std::vector<std::string> lines;
     for (const OutputSummary& output : summary.outputs) {
-        lines.push_back(
-            "event=output path=" + quotedValue(output.path) + " format=" + quotedValue(output.format) +
-            " streams=" + quotedValue(joined(output.streams)) + " packets=" + std::to_string(output.packets) +
-            " bytes=" + std::to_string(output.bytes));
+        lines.push_back("event=output path=" + quotedValue(output.path) + " format=" +
+                        quotedValue(output.format) + " streams=" + quotedValue(joined(output.streams)) +
+                        " packets=" + std::to_string(output.written.packets) +
+                        " bytes=" + std::to_string(output.written.bytes));
     }
     lines.push_back("event=summary state=" + quotedValue(summary.state) + " " + keyValues(summary.progress));
     return lines;
@@ -254,8 +254,8 @@ std::string jsonSummary(const Summary& summary) {
         object["outputs"].push_back({{"path", output.path},
                                      {"format", output.format},
                                      {"streams", output.streams},
-                                     {"packets", output.packets},
-                                     {"bytes", output.bytes}});
+                                     {"packets", output.written.packets},
+                                     {"bytes", output.written.bytes}});
     }
     return dump(object);
 }

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <system_error>
 
 #include "mivra/common/MivraCommon.h"
 #include "mivra/common/identity/Guid.h"
@@ -115,15 +117,26 @@ private:
                              {error.message, "", timeout ? "is the input slow or stuck?" : ""});
     }
 
+    // Whatever fails on the way, a thread that cannot be started say, the outputs are finished.
     void stop() {
         stopping = true;
         interrupted = Interrupt::IsRequested() && !shared->monitor.FirstFailure().has_value();
+        shared->stop.Raise();
         for (const auto& source : sources) {
-            source->Stop();
+            attempt([&] { source->Stop(); });
         }
-        session.Stop();
+        attempt([&] { session.Stop(); });
         for (const auto& sink : sinks) {
-            sink->Stop();
+            attempt([&] { sink->Stop(); });
+        }
+    }
+
+    template <typename Step>
+    void attempt(Step step) {
+        try {
+            step();
+        } catch (const std::exception& error) {
+            MivraCommonGetLog()->Log(Common::FileLog::Warning, "Relay::stop: %s", error.what());
         }
     }
 
@@ -156,10 +169,16 @@ private:
                         : interrupted       ? "interrupted"
                         : !damages.empty()  ? "damaged"
                                             : "done";
-        summary.progress = progress();
+        MediaCount most;
         for (const auto& sink : sinks) {
             summary.outputs.push_back(sink->GetSummary());
+            most = std::max(most, summary.outputs.back().written,
+                            [](const MediaCount& a, const MediaCount& b) { return a.packets < b.packets; });
         }
+        summary.progress = progress();
+        summary.progress.packets = most.packets;
+        summary.progress.bytes = most.bytes;
+        summary.progress.position = toSeconds(most.position);
         reporter->Finish(summary);
         for (const Problem& damage : damages) {
             console.Error(damage);
@@ -183,6 +202,16 @@ private:
     MediaSession session;
 };
 
+/// What is wrong with the log's place; the log itself would try again and again, in silence.
+std::optional<Problem> checkLogPlace(const RelayOptions& options) {
+    const int error = options.log.empty() || options.logLevel == 0 ? 0 : tryToWrite(options.log);
+    if (error == 0) {
+        return std::nullopt;
+    }
+    return Problem{"cannot write the log: " + std::generic_category().message(error), options.log,
+                   "name a file in a folder that you may write to"};
+}
+
 void startLog(const RelayOptions& options) {
     if (!options.log.empty()) {
         const std::wstring path = widePath(options.log);
@@ -197,6 +226,10 @@ ExitCode relay(const RelayOptions& options) {
         std::find(options.outputs.begin(), options.outputs.end(), kStandardStream) != options.outputs.end();
     Console console(mediaOnOutput ? STDERR_FILENO : STDOUT_FILENO);
     if (const std::optional<Problem> wrong = checkRelayFiles(options.inputs, options.outputs, options.log)) {
+        console.Error(*wrong);
+        return ExitCode::Usage;
+    }
+    if (const std::optional<Problem> wrong = checkLogPlace(options)) {
         console.Error(*wrong);
         return ExitCode::Usage;
     }

@@ -64,7 +64,7 @@ void addRelayCommand(CLI::App& program, Action& action) {
         ->add_option("--log-level", options.logLevel,
                      "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
         ->type_name("N")
-        ->check(numberBetween(0, 5));
+        ->check(wholeNumberBetween(0, 5));
     command->footer(kFooter);
     command->callback([arguments, &action] {
         if (arguments->files.size() < 2) {

@@ -1,9 +1,11 @@
 #include "tools/mivra/RelayFiles.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "tools/mivra/MediaFile.h"
@@ -124,6 +126,23 @@ std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
         }
     }
     return checkLog(log, read, written);
+}
+
+int tryToWrite(const std::string& path) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    int descriptor = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
+    const bool made = descriptor >= 0;
+    if (!made) {
+        descriptor = ::open(path.c_str(), kFlags);
+    }
+    if (descriptor < 0) {
+        return errno;
+    }
+    ::close(descriptor);
+    if (made) {
+        ::unlink(path.c_str());
+    }
+    return 0;
 }
 
 std::wstring widePath(const std::string& path) {

@@ -14,6 +14,10 @@ namespace Mivra::Tool {
 std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
                                        const std::vector<std::string>& outputs, const std::string& log);
 
+/// Whether a log could be written there: 0, or the error. A file that was not there before is not there
+/// afterwards.
+int tryToWrite(const std::string& path);
+
 /// A path in the wide characters that the library's log takes: UTF-8 decoded, other bytes as they are.
 std::wstring widePath(const std::string& path);
 

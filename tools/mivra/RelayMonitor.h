@@ -10,6 +10,7 @@
 #include "tools/mivra/ExitCode.h"
 #include "tools/mivra/PacketBudget.h"
 #include "tools/mivra/SourcePace.h"
+#include "tools/mivra/StopSignal.h"
 
 namespace Mivra::Tool {
 
@@ -75,6 +76,7 @@ struct RelayShared {
     PacketBudget budget;
     SourcePace pace;
     RelayMonitor monitor;
+    StopSignal stop;  ///< raised when the relay is to end: an output waits no more for a reader that is stuck
 };
 
 }  // namespace Mivra::Tool

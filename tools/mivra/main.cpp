@@ -54,6 +54,15 @@ std::string beforeColon(const std::string& text) {
     return text.substr(0, text.find(':'));
 }
 
+/// In our words: the parser's say how many values an option takes and how many there were.
+std::string mismatch(const std::string& text) {
+    if (text.find(':') == text.npos) {
+        return text;
+    }
+    const bool tooMany = text.find("At Most") != text.npos || text.find("xactly") != text.npos;
+    return beforeColon(text) + (tooMany ? " is given more than once" : " needs a value");
+}
+
 ExitCode reportUsage(Console& console, const CLI::App& program, int count, char** words,
                      const std::string& text) {
     std::string unknown;
@@ -121,7 +130,7 @@ ExitCode run(int count, char** words) {
     } catch (const CLI::ExtrasError& error) {
         return reportUsage(console, program, count, words, "unexpected argument" + afterColon(error.what()));
     } catch (const CLI::ArgumentMismatch& error) {
-        return reportUsage(console, program, count, words, beforeColon(error.what()) + " needs a value");
+        return reportUsage(console, program, count, words, mismatch(error.what()));
     } catch (const CLI::Error& error) {
         return reportUsage(console, program, count, words, error.what());
     }
