@@ -11,7 +11,7 @@
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/buffers/PacketBuffer.h"
-#include "mivra/common/buffers/StreamWindow.h"
+#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/VersatileBufferStream.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/Reference.h"
@@ -216,7 +216,7 @@ void Pair::handOver(bool all, Pair& other) {
 }
 
 void Pair::workThroughWindow(OperationSource& source) {
-    StreamWindow* const window = StreamWindow::Of(&stream);
+    StreamWindow* const window = FindStreamWindow(&stream);
     Require(window->length == model.length());
     Require(window->position == model.position && window->bitPosition == model.bit);
     if (window->data == nullptr || window->length == 0) {

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstring>
 
-namespace Mivra::Common {
+namespace Mivra::Common::Internal {
 
-// Big-endian integers in memory at any address. Written on values, not bytes: compilers make one instruction
+// Internal, for the inline parts of the reader and the writer: big-endian integers in memory at any address. Written on values, not bytes: compilers make one instruction
 // of each.
 
 inline std::uint8_t SwapFromBig(std::uint8_t value) {
@@ -48,4 +48,4 @@ inline void StoreBig(T value, unsigned char* bytes) {
     std::memcpy(bytes, &value, sizeof value);
 }
 
-}  // namespace Mivra::Common
+}  // namespace Mivra::Common::Internal

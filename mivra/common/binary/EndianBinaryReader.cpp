@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/buffers/VersatileBufferStream.h"
 #include "mivra/common/runtime/GeneralException.h"
@@ -49,7 +50,7 @@ EndianBinaryReader::~EndianBinaryReader() {
 }
 
 void EndianBinaryReader::attach() {
-    if (StreamWindow* found = stream != nullptr ? StreamWindow::Of(stream.get()) : nullptr) {
+    if (StreamWindow* found = FindStreamWindow(stream.get())) {
         window = found;
     }
     SetEndiannes(g_nGlobalEndiannes);

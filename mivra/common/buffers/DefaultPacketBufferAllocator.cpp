@@ -7,6 +7,7 @@
 #include <new>
 
 #include "mivra/common/buffers/PacketBuffer.h"
+#include "mivra/common/buffers/PoolControl.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/platform/System.h"
@@ -24,6 +25,7 @@ constexpr unsigned char kLent = 0;
 DefaultPacketBufferAllocator::DefaultPacketBufferAllocator(int bufferSize_, int bufferCount_,
                                                            bool allowGrowth_, float growthLimit_)
     : control(new PoolControl(this)),
+      lock(control->lock),
       bufferSize(bufferSize_),
       bufferCount(bufferCount_),
       initialBufferCount(bufferCount_),
@@ -52,7 +54,7 @@ DefaultPacketBufferAllocator::~DefaultPacketBufferAllocator() {
 }
 
 void DefaultPacketBufferAllocator::retire() {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     if (control->pool == nullptr) {
         return;
     }
@@ -135,7 +137,7 @@ inline std::size_t DefaultPacketBufferAllocator::findFree() const {
 }
 
 PacketBuffer* DefaultPacketBufferAllocator::LockBuffer(bool logExhaustion) {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     if (freeBufferCount == 0 && !grow(logExhaustion)) {
         return nullptr;
     }
@@ -202,7 +204,7 @@ bool DefaultPacketBufferAllocator::addBuffers(int increment) {
 }
 
 bool DefaultPacketBufferAllocator::releaseBuffer(PacketBuffer* buffer) {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     if (buffer->generation < generation) {
         if (oldGenerationBuffers.erase(buffer) == 0) {
             LogLine(FileLog::Error,
@@ -228,7 +230,7 @@ bool DefaultPacketBufferAllocator::releaseBuffer(PacketBuffer* buffer) {
 }
 
 void DefaultPacketBufferAllocator::Reallocate(int newSize, int newCount) {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     LogLine(FileLog::Warning,
             "DefaultPacketBufferAllocator::Reallocate[%p/%d/%d]: re-allocating %d buffers of %d bytes",
             static_cast<void*>(this), bufferSize.load(), bufferCount.load(), newCount, newSize);
@@ -281,17 +283,17 @@ int DefaultPacketBufferAllocator::BufferCount() {
 }
 
 int DefaultPacketBufferAllocator::FreeBufferCount() {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     return freeBufferCount;
 }
 
 bool DefaultPacketBufferAllocator::IsAutoGrown() {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     return autoGrown;
 }
 
 int DefaultPacketBufferAllocator::GetAverageUsage() {
-    AutoLock guard(control->lock);
+    AutoLock guard(lock);
     return usageSamples == 0 ? 0 : static_cast<int>(usageSum / usageSamples);
 }
 

@@ -12,24 +12,7 @@
 
 namespace Mivra::Common {
 
-class DefaultPacketBufferAllocator;
-
-/// Internal: what a pool shares with its buffers, so that they find back to it or learn that it has gone.
-/// Freed with the last of them.
-struct PoolControl {
-    explicit PoolControl(DefaultPacketBufferAllocator* owner) : pool(owner) {}
-
-    void AddHolder() { holders.fetch_add(1, std::memory_order_relaxed); }
-    void DropHolder() {
-        if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            delete this;
-        }
-    }
-
-    CritSec lock;
-    DefaultPacketBufferAllocator* pool MIVRA_GUARDED_BY(lock);  // null: gone
-    std::atomic<int> holders{1};                                // the pool and every buffer
-};
+struct PoolControl;  // what a pool shares with its buffers
 
 /// The pool of packet buffers: a table of buffers made up front, lent lowest slot first, that grows in tenths
 /// when it runs dry. Its maker owns it and may destroy it while buffers are out: those stay valid and are
@@ -75,31 +58,32 @@ private:
 
     void makeBuffers(Buffers& made, int count, int ofSize, int ofGeneration);
     static void deleteBuffers(Buffers& made, std::size_t from);
-    bool grow(bool logExhaustion) MIVRA_REQUIRES(control->lock);
-    bool addBuffers(int increment) MIVRA_REQUIRES(control->lock);
-    void renew(int newSize, int newCount) MIVRA_REQUIRES(control->lock);
-    void account() MIVRA_REQUIRES(control->lock);
-    void report(std::int64_t now, int usage) MIVRA_REQUIRES(control->lock);
-    std::size_t findFree() const MIVRA_REQUIRES(control->lock);
+    bool grow(bool logExhaustion) MIVRA_REQUIRES(lock);
+    bool addBuffers(int increment) MIVRA_REQUIRES(lock);
+    void renew(int newSize, int newCount) MIVRA_REQUIRES(lock);
+    void account() MIVRA_REQUIRES(lock);
+    void report(std::int64_t now, int usage) MIVRA_REQUIRES(lock);
+    std::size_t findFree() const MIVRA_REQUIRES(lock);
     std::int64_t growthCeiling() const;
 
     PoolControl* const control;
+    CritSec& lock;  // the control's
     std::atomic<int> bufferSize;
     std::atomic<int> bufferCount;
     const int initialBufferCount;
     const bool allowGrowth;
     const float growthLimit;
-    bool autoGrown MIVRA_GUARDED_BY(control->lock) = false;
-    int freeBufferCount MIVRA_GUARDED_BY(control->lock) = 0;
-    Buffers buffers MIVRA_GUARDED_BY(control->lock);
-    std::vector<unsigned char> freeFlags MIVRA_GUARDED_BY(control->lock);  // 1: free
-    int searchCursor MIVRA_GUARDED_BY(control->lock) = 0;                  // no free slot below it
-    int generation MIVRA_GUARDED_BY(control->lock) = 0;
-    std::set<PacketBuffer*> oldGenerationBuffers MIVRA_GUARDED_BY(control->lock);
-    int peakUsage MIVRA_GUARDED_BY(control->lock) = 0;
-    std::int64_t usageSum MIVRA_GUARDED_BY(control->lock) = 0;
-    std::int64_t usageSamples MIVRA_GUARDED_BY(control->lock) = 0;
-    std::int64_t nextReport MIVRA_GUARDED_BY(control->lock);  // nanoseconds of the coarse clock
+    bool autoGrown MIVRA_GUARDED_BY(lock) = false;
+    int freeBufferCount MIVRA_GUARDED_BY(lock) = 0;
+    Buffers buffers MIVRA_GUARDED_BY(lock);
+    std::vector<unsigned char> freeFlags MIVRA_GUARDED_BY(lock);  // 1: free
+    int searchCursor MIVRA_GUARDED_BY(lock) = 0;                  // no free slot below it
+    int generation MIVRA_GUARDED_BY(lock) = 0;
+    std::set<PacketBuffer*> oldGenerationBuffers MIVRA_GUARDED_BY(lock);
+    int peakUsage MIVRA_GUARDED_BY(lock) = 0;
+    std::int64_t usageSum MIVRA_GUARDED_BY(lock) = 0;
+    std::int64_t usageSamples MIVRA_GUARDED_BY(lock) = 0;
+    std::int64_t nextReport MIVRA_GUARDED_BY(lock);  // nanoseconds of the coarse clock
 };
 
 }  // namespace Mivra::Common

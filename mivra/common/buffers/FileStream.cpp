@@ -315,6 +315,7 @@ void FileStream::Write(const unsigned char* src, int offset, int count) {
     }
     requireWritable("Write");
     const std::int64_t from = position;
+    const std::int64_t oldLength = length;
     std::size_t done = 0;
     const auto wanted = static_cast<std::size_t>(count);
     try {
@@ -329,9 +330,26 @@ void FileStream::Write(const unsigned char* src, int offset, int count) {
         }
     } catch (...) {
         position = from;
+        takeBack(oldLength);
         throw;
     }
     bitPosition = 0;
+}
+
+/// Nothing of a write that failed stays behind the length that was.
+void FileStream::takeBack(std::int64_t oldLength) {
+    length = oldLength;
+    const std::int64_t inside = std::max<std::int64_t>(oldLength - block.start, 0);
+    block.size = std::min(block.size, static_cast<std::size_t>(inside));
+    block.dirtyEnd = std::min(block.dirtyEnd, block.size);
+    if (block.dirtyBegin >= block.dirtyEnd) {
+        block.dirtyBegin = block.dirtyEnd = 0;
+    }
+    if (Platform::System().seek(descriptor, 0, SEEK_END) > oldLength &&
+        retried([&] { return Platform::System().truncate(descriptor, oldLength); }) == -1) {
+        LogLine(FileLog::Error, "FileStream::Write: %s: a part that was written stays: %s", path.c_str(),
+                reason(errno).c_str());
+    }
 }
 
 void FileStream::WriteByte(unsigned char value) {

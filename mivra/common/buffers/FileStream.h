@@ -39,6 +39,7 @@ public:
     int Read(unsigned char* dst, int offset, int count) override;
     int ReadByte() override;
     int PeekByte() override;
+    /// When it fails, the length stays, while bytes inside of it may already be the new ones.
     void Write(const unsigned char* src, int offset, int count) override;
     void WriteByte(unsigned char value) override;
 
@@ -50,6 +51,7 @@ private:
     void store(const char* operation) MIVRA_REQUIRES(lock);
     int byteAtPosition(const char* operation) MIVRA_REQUIRES(lock);
     void moveTo(std::int64_t newPosition) MIVRA_REQUIRES(lock);
+    void takeBack(std::int64_t oldLength) MIVRA_REQUIRES(lock);
     std::size_t put(const unsigned char* src, std::size_t count) MIVRA_REQUIRES(lock);
 
     /// A run of bytes of the file in memory; those of the dirty part are not written yet.

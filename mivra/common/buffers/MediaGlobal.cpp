@@ -206,6 +206,18 @@ PacketBuffer* MediaGlobal::LockBuffer(int size) {
     return pool->LockBuffer(true);
 }
 
+/// A buffer for a stream that lacks so many bytes: a big one while a normal one would not do. Under s_CS,
+/// since a pool that came with a getter may be replaced meanwhile.
+PacketBuffer* MediaGlobal::lockForGrowth(std::int64_t shortfall) {
+    AutoLock guard(s_CS);
+    PacketBufferAllocator* const normal = GetAllocator();
+    if (normal != nullptr && shortfall > normal->BufferSize()) {
+        PacketBufferAllocator* const big = GetBigAllocator();
+        return big == nullptr ? nullptr : big->LockBuffer(true);
+    }
+    return LockBuffer(static_cast<int>(std::min<std::int64_t>(shortfall, INT32_MAX)));
+}
+
 PacketBuffer* MediaGlobal::lockExtraBig(int size) {
     AutoLock guard(s_CS);
     PacketBufferAllocator* pool = s_pExtraBigAllocator;

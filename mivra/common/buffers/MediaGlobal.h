@@ -1,12 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "mivra/common/buffers/AllocatorProperties.h"
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/buffers/PacketBufferAllocator.h"
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/common/runtime/Export.h"
+
+namespace Mivra::Common {
+class VersatileBufferStream;
+}
 
 namespace Mivra::Media {
 
@@ -52,12 +57,15 @@ public:
     static Common::PacketBuffer* LockBuffer(int size);
 
 private:
+    friend class Common::VersatileBufferStream;
+
     using Pool = std::atomic<Common::PacketBufferAllocator*>;
 
     static void create(const AllocatorProperties& small, const AllocatorProperties& normal,
                        const AllocatorProperties& big) MIVRA_REQUIRES(s_CS);
     static Common::PacketBufferAllocator* lazyPool(Pool& pool, int size, int count);
     static Common::PacketBuffer* lockExtraBig(int size) MIVRA_EXCLUDES(s_CS);
+    static Common::PacketBuffer* lockForGrowth(std::int64_t shortfall) MIVRA_EXCLUDES(s_CS);
 
     static std::atomic<bool> s_bIsInitialized;
     static Pool s_pSmallAllocator;

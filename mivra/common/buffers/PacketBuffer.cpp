@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <utility>
 
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/buffers/PacketBufferAllocator.h"
+#include "mivra/common/buffers/PoolControl.h"
 // A look up the floors: a buffer owns a media type, and only this file knows what that is.
 #include "mivra/common/model/MediaType.h"
 #include "mivra/common/runtime/GlobalLog.h"
@@ -140,6 +142,12 @@ bool PacketBuffer::Append(const VersatileBuffer* source, int offset, int count) 
     return true;
 }
 
+/// Whether an address lies in the storage.
+bool PacketBuffer::isInside(const void* address) const {
+    const std::less<> before;
+    return !before(address, data) && before(address, data + size);
+}
+
 bool PacketBuffer::Insert(int offset, const void* source, int count, bool moveCursor) {
     if (!fits(offset, 0) || count < 0 || count > size - actualSize) {
         LogLine(FileLog::Error, "PacketBuffer::Insert: requested size %d is bigger than actual %d", count,
@@ -150,8 +158,16 @@ bool PacketBuffer::Insert(int offset, const void* source, int count, bool moveCu
         return true;
     }
     char* const place = data + offset;
-    std::memmove(place + count, place, static_cast<std::size_t>(actualSize - offset));
-    std::memcpy(place, source, static_cast<std::size_t>(count));
+    char* const end = data + actualSize;
+    const auto bytes = static_cast<std::size_t>(count);
+    if (isInside(source)) {
+        // To make room first would move the source.
+        std::memmove(end, source, bytes);
+        std::rotate(place, end, end + count);
+    } else {
+        std::memmove(place + count, place, static_cast<std::size_t>(end - place));
+        std::memcpy(place, source, bytes);
+    }
     actualSize += count;
     if (moveCursor && position >= offset) {
         position += count;
@@ -196,6 +212,10 @@ bool PacketBuffer::CopyTo(int offset, std::shared_ptr<IStream> destination, int 
     if (!fits(offset, count)) {
         LogLine(FileLog::Error, "PacketBuffer::CopyTo: requested size %d is bigger than actual %d", count,
                 actualSize);
+        return false;
+    }
+    if (destination == nullptr) {
+        LogLine(FileLog::Error, "PacketBuffer::CopyTo: there is no stream");
         return false;
     }
     destination->Write(reinterpret_cast<const unsigned char*>(data), offset, count);

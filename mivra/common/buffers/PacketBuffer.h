@@ -107,6 +107,7 @@ private:
     void dropOwned();
     bool fits(int offset, int count) const;
     bool hasRoom(int count) const;
+    bool isInside(const void* address) const;
 
     PacketBufferAllocator* allocator = nullptr;
     PoolControl* control = nullptr;  // keeps the way to the pool valid, also after its end

@@ -54,7 +54,7 @@ public:
 
     /// Put bytes in front of the valid byte at offset (of the second: at Position) and move what follows.
     /// With moveCursor a cursor at or behind that place stays on its byte; otherwise Position keeps its
-    /// value. False, and nothing changed, when they do not fit.
+    /// value. The bytes may lie in this buffer. False, and nothing changed, when they do not fit.
     virtual bool Insert(int offset, const void* data, int size, bool moveCursor) = 0;
     virtual bool Insert(const void* data, int size, bool moveCursor) = 0;
 
@@ -62,8 +62,8 @@ public:
     /// answers false.
     virtual bool Flush(int bytesToRemove) = 0;
 
-    /// Copy size valid bytes from offset on. False when there are not as many. The stream form lets a
-    /// GeneralException of the stream through.
+    /// Copy size valid bytes from offset on. False when there are not as many, and without a stream. The
+    /// stream form lets a GeneralException of the stream through.
     virtual bool CopyTo(int offset, std::shared_ptr<IStream> destination, int size) const = 0;
     virtual bool CopyTo(int offset, void* destination, int size) const = 0;
 

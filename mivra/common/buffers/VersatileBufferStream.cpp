@@ -2,75 +2,28 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <typeinfo>
-#include <utility>
 
-#include "mivra/common/buffers/MediaGlobal.h"
-#include "mivra/common/buffers/PacketBuffer.h"
+#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/SeekTarget.h"
-#include "mivra/common/runtime/GeneralException.h"
-#include "mivra/common/runtime/Reference.h"
+#include "mivra/common/buffers/StreamChain.h"
 
 namespace Mivra::Common {
 namespace {
 
-[[noreturn]] void failRange(const char* operation) {
-    throw GeneralException("VersatileBufferStream::%s: Argument out of range", operation);
-}
-
-[[noreturn]] void failRange(const char* operation, int number) {
-    throw GeneralException("VersatileBufferStream::%s: Argument out of range #%d", operation, number);
-}
-
 void checkMemory(const char* operation, const void* memory, int offset, int count) {
     if (offset < 0 || count < 0 || (count > 0 && memory == nullptr)) {
-        failRange(operation);
+        FailStreamRange(operation);
     }
 }
 
 }  // namespace
 
-StreamWindow* StreamWindow::Of(IStream* stream) noexcept {
+StreamWindow* FindStreamWindow(IStream* stream) noexcept {
     if (stream == nullptr || typeid(*stream) != typeid(VersatileBufferStream)) {
         return nullptr;
     }
     return &static_cast<VersatileBufferStream*>(stream)->window;
-}
-
-/// Locks a stream and what it copies to, which may be the same or no stream of this kind. Two streams are
-/// locked in the order of their addresses, so that two threads that copy opposite ways never wait for each
-/// other.
-class MIVRA_SCOPED_CAPABILITY VersatileBufferStream::BothLocks {
-public:
-    // The analysis cannot follow a pair whose order is settled at run time; it is told of the source's lock.
-    BothLocks(VersatileBufferStream& source, IStream* destination)
-        MIVRA_ACQUIRE(source.lock) MIVRA_NO_THREAD_SAFETY_ANALYSIS;
-    ~BothLocks() MIVRA_RELEASE() MIVRA_NO_THREAD_SAFETY_ANALYSIS;
-    BothLocks(const BothLocks&) = delete;
-    BothLocks& operator=(const BothLocks&) = delete;
-
-private:
-    VersatileBufferStream* first;
-    VersatileBufferStream* second;
-};
-
-VersatileBufferStream::BothLocks::BothLocks(VersatileBufferStream& source, IStream* destination)
-    : first(&source), second(dynamic_cast<VersatileBufferStream*>(destination)) {
-    if (second != nullptr && std::less<>()(second, first)) {
-        std::swap(first, second);
-    }
-    first->lock.Lock();
-    if (second != nullptr) {
-        second->lock.Lock();
-    }
-}
-
-VersatileBufferStream::BothLocks::~BothLocks() {
-    if (second != nullptr) {
-        second->lock.Unlock();
-    }
-    first->lock.Unlock();
 }
 
 VersatileBufferStream::VersatileBufferStream() : IStream(StreamType::Buffer) {}
@@ -104,184 +57,6 @@ bool VersatileBufferStream::CanWrite() const {
 
 void VersatileBufferStream::Flush() {}
 
-// The chain.
-
-void VersatileBufferStream::Append(VersatileBuffer* buffer, int offset, int count) {
-    AutoLock guard(lock);
-    if (buffer == nullptr || offset < 0 || count < 0 || offset > buffer->Size() ||
-        count > buffer->Size() - offset) {
-        failRange("Append");
-    }
-    append(buffer, offset, count);
-}
-
-void VersatileBufferStream::append(VersatileBuffer* buffer, int offset, int count) {
-    chain.push_back({window.length, buffer, offset, count});
-    buffer->AddRef();
-    window.length += count;
-    updateWindow();
-}
-
-/// Takes the slices, not references on their buffers.
-void VersatileBufferStream::appendChain(const Chain& slices) {
-    chain.reserve(chain.size() + slices.size());
-    for (const Slice& slice : slices) {
-        chain.push_back(slice);
-        chain.back().start = window.length;
-        window.length += slice.count;
-    }
-    updateWindow();
-}
-
-/// Only a packet buffer is known never to move its storage.
-void VersatileBufferStream::updateWindow() {
-    window.data = nullptr;
-    if (chain.size() == 1) {
-        if (auto* const packet = dynamic_cast<PacketBuffer*>(chain.front().buffer)) {
-            window.data = reinterpret_cast<unsigned char*>(packet->Buffer()) + chain.front().offset;
-        }
-    }
-}
-
-/// Gives back what lies behind a length.
-void VersatileBufferStream::cut(std::int64_t length) {
-    while (!chain.empty() && window.length > length) {
-        Slice& last = chain.back();
-        window.length = last.start;
-        if (last.start < length) {
-            last.count = static_cast<int>(length - last.start);
-            window.length = length;
-        } else {
-            last.buffer->Release();
-            chain.pop_back();
-        }
-    }
-    if (window.position > window.length) {
-        moveTo(window.length);
-    }
-    updateWindow();
-}
-
-/// Gives back what lies before an offset.
-void VersatileBufferStream::trim(std::int64_t count) {
-    if (count == 0) {
-        return;
-    }
-    const auto kept = std::find_if(chain.begin(), chain.end(),
-                                   [count](const Slice& slice) { return slice.start + slice.count > count; });
-    for (auto slice = chain.begin(); slice != kept; ++slice) {
-        slice->buffer->Release();
-    }
-    chain.erase(chain.begin(), kept);
-    for (Slice& slice : chain) {
-        slice.start -= count;
-    }
-    if (!chain.empty() && chain.front().start < 0) {
-        const int dropped = static_cast<int>(-chain.front().start);
-        chain.front().offset += dropped;
-        chain.front().count -= dropped;
-        chain.front().start = 0;
-    }
-    window.length -= count;
-    if (window.position >= count) {
-        window.position -= count;
-    } else {
-        moveTo(0);
-    }
-    updateWindow();
-}
-
-void VersatileBufferStream::TrimBegin() {
-    AutoLock guard(lock);
-    trim(window.position);
-}
-
-void VersatileBufferStream::TrimBegin(std::int64_t count) {
-    AutoLock guard(lock);
-    if (count < 0 || count > window.length) {
-        failRange("TrimBegin");
-    }
-    trim(count);
-}
-
-VersatileBuffer* VersatileBufferStream::GetFirstBuffer() {
-    AutoLock guard(lock);
-    return chain.empty() ? nullptr : chain.front().buffer;
-}
-
-/// The slice that holds an offset inside the stream.
-std::size_t VersatileBufferStream::sliceAt(std::int64_t offset) const {
-    const auto next = std::upper_bound(chain.begin(), chain.end(), offset,
-                                       [](std::int64_t at, const Slice& slice) { return at < slice.start; });
-    return static_cast<std::size_t>(next - chain.begin()) - 1;
-}
-
-template <typename Visit>
-void VersatileBufferStream::visitRange(std::int64_t offset, std::int64_t count, Visit visit) const {
-    if (count <= 0) {
-        return;
-    }
-    for (std::size_t index = sliceAt(offset); count > 0; ++index) {
-        const Slice& slice = chain[index];
-        const std::int64_t inside = offset - slice.start;
-        const std::int64_t bytes = std::min(count, slice.count - inside);
-        if (bytes > 0) {
-            char* const storage = slice.buffer->GetPointer() + slice.offset;
-            visit(reinterpret_cast<unsigned char*>(storage + inside), static_cast<std::size_t>(bytes));
-            offset += bytes;
-            count -= bytes;
-        }
-    }
-}
-
-// Growth.
-
-/// Makes room for count bytes from the position on.
-void VersatileBufferStream::reserve(const char* operation, std::int64_t count) {
-    const std::int64_t shortfall = count - (window.length - window.position);
-    if (shortfall <= 0) {
-        return;
-    }
-    if (!autoGrowth) {
-        failRange(operation);
-    }
-    grow(operation, shortfall, shortfall);
-}
-
-/// Adds buffers of the global pools for a shortfall; the first `written` new bytes are the caller's to fill,
-/// the rest is zeroed. Without buffers for all nothing is added.
-void VersatileBufferStream::grow(const char* operation, std::int64_t shortfall, std::int64_t written) {
-    const std::int64_t before = window.length;
-    try {
-        PacketBufferAllocator* const normal = Media::MediaGlobal::GetAllocator();
-        while (normal != nullptr && shortfall > normal->BufferSize()) {
-            PacketBufferAllocator* const big = Media::MediaGlobal::GetBigAllocator();
-            const int bigSize = big == nullptr ? 0 : big->BufferSize();
-            appendNew(operation, bigSize > 0 ? big->LockBuffer(true) : nullptr);
-            shortfall -= bigSize;
-        }
-        if (shortfall > 0) {
-            appendNew(operation, Media::MediaGlobal::LockBuffer(
-                                     static_cast<int>(std::min<std::int64_t>(shortfall, INT32_MAX))));
-        }
-    } catch (...) {
-        cut(before);
-        throw;
-    }
-    const std::int64_t unwritten = before + written;
-    visitRange(unwritten, window.length - unwritten,
-               [](unsigned char* data, std::size_t bytes) { std::memset(data, 0, bytes); });
-}
-
-/// Appends all capacity of a buffer just taken, and gives the caller's reference back.
-void VersatileBufferStream::appendNew(const char* operation, PacketBuffer* taken) {
-    const auto held = Reference<PacketBuffer>::Adopt(taken);
-    if (!held || held->Size() <= 0) {
-        throw GeneralException("VersatileBufferStream::%s: no buffer to grow by", operation);
-    }
-    append(taken, 0, taken->Size());
-}
-
 // Positions.
 
 std::int64_t VersatileBufferStream::GetLength() {
@@ -292,11 +67,11 @@ std::int64_t VersatileBufferStream::GetLength() {
 void VersatileBufferStream::SetLength(std::int64_t length) {
     AutoLock guard(lock);
     if (length < 0) {
-        failRange("SetLength", 1);
+        FailStreamRange("SetLength", 1);
     }
     if (length > window.length) {
         if (!autoGrowth) {
-            failRange("SetLength", 2);
+            FailStreamRange("SetLength", 2);
         }
         grow("SetLength", length - window.length, 0);
     }
@@ -316,7 +91,7 @@ void VersatileBufferStream::moveTo(std::int64_t newPosition) {
 void VersatileBufferStream::SetPosition(std::int64_t newPosition) {
     AutoLock guard(lock);
     if (newPosition < 0 || newPosition > window.length) {
-        failRange("SetPosition", 1);
+        FailStreamRange("SetPosition", 1);
     }
     moveTo(newPosition);
 }
@@ -329,7 +104,7 @@ int VersatileBufferStream::GetBitPosition() {
 void VersatileBufferStream::SetBitPosition(int newBitPosition) {
     AutoLock guard(lock);
     if (newBitPosition < 0 || newBitPosition > 7) {
-        failRange("SetBitPosition");
+        FailStreamRange("SetBitPosition");
     }
     window.bitPosition = newBitPosition;
 }
@@ -348,7 +123,7 @@ std::int64_t VersatileBufferStream::SeekBits(std::int64_t offset, Origin origin)
     const int outside =
         SeekTarget(offset, origin, window.position * 8 + window.bitPosition, window.length * 8, target);
     if (outside != 0) {
-        failRange("SeekBits", outside < 0 ? 1 : 2);
+        FailStreamRange("SeekBits", outside < 0 ? 1 : 2);
     }
     window.position = target / 8;
     window.bitPosition = static_cast<int>(target % 8);
@@ -410,7 +185,7 @@ int VersatileBufferStream::ReadFrom(std::int64_t offset, unsigned char* dst, int
     AutoLock guard(lock);
     checkMemory("ReadFrom", dst, dstOffset, count);
     if (offset < 0 || offset > window.length) {
-        failRange("ReadFrom");
+        FailStreamRange("ReadFrom");
     }
     const std::int64_t bytes = std::min<std::int64_t>(count, window.length - offset);
     unsigned char* out = dst + dstOffset;
@@ -419,79 +194,6 @@ int VersatileBufferStream::ReadFrom(std::int64_t offset, unsigned char* dst, int
         out += size;
     });
     return static_cast<int>(bytes);
-}
-
-// Copies between streams.
-
-void VersatileBufferStream::copyRange(IStream* destination, std::int64_t offset, int count) {
-    if (destination == nullptr || offset < 0 || count < 0 || offset > window.length ||
-        count > window.length - offset) {
-        failRange("CopyTo");
-    }
-    if (count == 0) {
-        return;
-    }
-    auto* const target = dynamic_cast<VersatileBufferStream*>(destination);
-    if (target == this) {
-        std::vector<unsigned char> bytes(static_cast<std::size_t>(count));
-        ReadFrom(offset, bytes.data(), 0, count);
-        Write(bytes.data(), 0, count);
-        return;
-    }
-    if (target != nullptr) {
-        AutoLock guard(target->lock);
-        target->reserve("Write", count);
-    }
-    visitRange(offset, count, [destination](const unsigned char* data, std::size_t size) {
-        destination->Write(data, 0, static_cast<int>(size));
-    });
-}
-
-void VersatileBufferStream::CopyTo(IStream* destination, int count) {
-    BothLocks guard(*this, destination);
-    const std::int64_t offset = window.position;
-    copyRange(destination, offset, count);
-    moveTo(offset + count);
-}
-
-void VersatileBufferStream::CopyTo(IStream* destination, std::int64_t offset, int count, bool movePosition) {
-    BothLocks guard(*this, destination);
-    copyRange(destination, offset, count);
-    if (movePosition) {
-        moveTo(offset + count);
-    }
-}
-
-void VersatileBufferStream::UnlockedCopyTo(IStream* destination, std::int64_t offset, int count) {
-    copyRange(destination, offset, count);
-}
-
-// The lock of the destination is taken together with this one's, beyond what the analysis can follow.
-void VersatileBufferStream::CopyAllTo(VersatileBufferStream* destination) MIVRA_NO_THREAD_SAFETY_ANALYSIS {
-    if (destination == nullptr) {
-        failRange("CopyAllTo");
-    }
-    BothLocks guard(*this, destination);
-    const Chain slices = chain;
-    destination->appendChain(slices);
-    for (const Slice& slice : slices) {
-        slice.buffer->AddRef();
-    }
-}
-
-void VersatileBufferStream::MoveTo(VersatileBufferStream* destination) MIVRA_NO_THREAD_SAFETY_ANALYSIS {
-    if (destination == nullptr) {
-        failRange("MoveTo");
-    }
-    if (destination == this) {
-        return;
-    }
-    BothLocks guard(*this, destination);
-    destination->appendChain(chain);
-    chain.clear();
-    window.length = 0;
-    moveTo(0);
-    updateWindow();
 }
 
 // Bookkeeping.

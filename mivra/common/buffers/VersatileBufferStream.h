@@ -63,7 +63,9 @@ public:
     void CopyTo(IStream* destination, int count);
     /// The same from an offset; this stream's position moves behind what was copied only with movePosition.
     void CopyTo(IStream* destination, std::int64_t offset, int count, bool movePosition);
-    /// The same, position unmoved, for callers that hold this stream's lock through GetLock().
+    /// The same, position unmoved, for callers that hold this stream's lock through GetLock(). It takes the
+    /// destination's lock as well: two threads that hold one stream each and copy into the other's would wait
+    /// for ever, so who copies both ways calls CopyTo or first locks both, the lower address first.
     void UnlockedCopyTo(IStream* destination, std::int64_t offset, int count) MIVRA_REQUIRES(lock);
     /// Adds the whole chain to the end of another stream: the bytes are then shared, not copied.
     void CopyAllTo(VersatileBufferStream* destination);
@@ -86,7 +88,7 @@ public:
     CritSec& GetLock() MIVRA_THREAD_ATTRIBUTE(lock_returned(lock)) { return lock; }
 
 private:
-    friend struct StreamWindow;
+    friend StreamWindow* FindStreamWindow(IStream* stream) noexcept;
 
     /// A run of bytes of one buffer, on which the stream holds a reference.
     struct Slice {

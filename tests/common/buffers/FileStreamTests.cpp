@@ -154,6 +154,14 @@ TEST_F(FileStreamTest, WhatCouldNotBeWrittenGoesOutLater) {
             EXPECT_EQ(stream.GetPosition(), 15);
             EXPECT_THROW(write(stream, bytes), GeneralException);  // more than the buffer holds
             EXPECT_EQ(stream.GetPosition(), 15);
+            EXPECT_EQ(stream.GetLength(), 15);
+        }
+        {
+            // The first of its blocks goes out, the next does not: no part of it stays.
+            const support::FaultPlan full(support::FaultKind::Write, 2);
+            EXPECT_THROW(write(stream, bytes + bytes), GeneralException);
+            EXPECT_EQ(stream.GetLength(), 15);
+            EXPECT_EQ(support::ReadWholeFile(folder / "file"), "flushedbuffered");
         }
         write(stream, bytes);
     }

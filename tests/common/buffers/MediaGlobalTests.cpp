@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <climits>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/VersatileBufferStream.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/LogCapture.h"
 
@@ -137,6 +139,40 @@ TEST_F(MediaGlobalTest, OwnsAPoolThatIsSet) {
     EXPECT_EQ(buffer->Allocator(), own);
     EXPECT_EQ(MediaGlobal::LockBuffer(25), nullptr);
     buffer->Release();
+}
+
+/// While a buffer is wanted of it, another thread makes the standard pools, which replaces this one.
+class ReplacedPool : public DefaultPacketBufferAllocator {
+public:
+    explicit ReplacedPool(std::thread& thread)
+        : DefaultPacketBufferAllocator(1000, 4, false, 1.0F), other(thread) {}
+    ~ReplacedPool() override { EXPECT_FALSE(inUse); }
+
+    PacketBuffer* LockBuffer(bool logExhaustion) override {
+        inUse = true;
+        other = std::thread([] { MediaGlobal::Initialize(10, 1, 20, 1, 30, 1); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        PacketBuffer* const buffer = DefaultPacketBufferAllocator::LockBuffer(logExhaustion);
+        inUse = false;
+        return buffer;
+    }
+
+private:
+    std::thread& other;
+    bool inUse = false;
+};
+
+TEST_F(MediaGlobalTest, APoolThatAStreamGrowsByIsNotReplacedMeanwhile) {
+    std::thread other;
+    MediaGlobal::SetAllocator(new DefaultPacketBufferAllocator(10, 1, false, 1.0F));
+    MediaGlobal::SetBigAllocator(new ReplacedPool(other));
+    Common::VersatileBufferStream stream;
+    stream.SetAutoGrowth(true);
+    const std::vector<unsigned char> bytes(500);
+    stream.Write(bytes.data(), 0, 500);
+    other.join();
+    EXPECT_EQ(stream.GetLength(), 1000);
+    EXPECT_EQ(MediaGlobal::GetBigAllocator()->BufferSize(), 30);
 }
 
 TEST_F(MediaGlobalTest, AnswersNullWhenMemoryRunsOut) {

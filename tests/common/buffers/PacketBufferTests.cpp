@@ -112,6 +112,13 @@ TEST_F(PacketBufferTest, InsertMakesRoomAndMovesTheCursorWhenAsked) {
         EXPECT_EQ(content(buffer), test.result);
         EXPECT_EQ(buffer->Position(), test.newPosition);
     }
+    // Bytes of its own: before the place, across it, behind it.
+    for (const auto& [from, offset, result] :
+         {std::tuple{0, 4, "0123012345"}, {1, 3, "0121234345"}, {2, 0, "2345012345"}, {2, 6, "0123452345"}}) {
+        Buffer buffer = take("012345");
+        EXPECT_TRUE(buffer->Insert(offset, buffer->Buffer() + from, 4, false));
+        EXPECT_EQ(content(buffer), result);
+    }
     Buffer buffer = take("012345");
     buffer->Position() = 1;
     EXPECT_TRUE(buffer->Insert("XY", 2, true));
@@ -135,6 +142,8 @@ TEST_F(PacketBufferTest, CopiesAndMovesOnlyWhatIsThere) {
         EXPECT_FALSE(buffer->CopyTo(offset, std::make_shared<VersatileBufferStream>(), size));
     }
     EXPECT_EQ(log.Errors().at(0), "PacketBuffer::CopyTo: requested size 3 is bigger than actual 10");
+    EXPECT_FALSE(buffer->CopyTo(0, std::shared_ptr<IStream>(), 1));
+    EXPECT_TRUE(log.Contains("PacketBuffer::CopyTo: there is no stream"));
 
     Buffer other = take(std::string(24, 'x'));
     auto stream = std::make_shared<VersatileBufferStream>(other.get());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/runtime/GeneralException.h"
@@ -204,7 +205,7 @@ TEST_F(VersatileBufferStreamTest, CopiesBytesAndSharesChains) {
 TEST_F(VersatileBufferStreamTest, WindowShowsOneRunAndIsTheCursor) {
     const auto buffer = take("0123456789");
     VersatileBufferStream stream(buffer.get(), 2, 4);
-    StreamWindow* const window = StreamWindow::Of(&stream);
+    StreamWindow* const window = FindStreamWindow(&stream);
     ASSERT_NE(window, nullptr);
     EXPECT_EQ(reinterpret_cast<char*>(window->data), buffer->Buffer() + 2);
     EXPECT_EQ(window->length, 4);
@@ -224,8 +225,8 @@ TEST_F(VersatileBufferStreamTest, WindowShowsOneRunAndIsTheCursor) {
 
     struct Derived : VersatileBufferStream {};
     Derived derived;
-    EXPECT_EQ(StreamWindow::Of(&derived), nullptr);
-    EXPECT_EQ(StreamWindow::Of(nullptr), nullptr);
+    EXPECT_EQ(FindStreamWindow(&derived), nullptr);
+    EXPECT_EQ(FindStreamWindow(nullptr), nullptr);
 }
 
 TEST_F(VersatileBufferStreamTest, GrowsWholeOrNotAtAll) {
