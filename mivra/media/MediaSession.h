@@ -36,11 +36,14 @@ public:
     void AddSource(IMediaSource* source);
     void AddSink(IMediaSink* sink);
 
-    /// Begins, live; on a session that is buffering, lets the output begin.
+    /// Begins, live; on a session that is buffering, lets the output begin: with what is buffered, in the
+    /// order of its arrival, then live. While no sink is open yet, that waits for the first. A sink that
+    /// comes later begins with a key frame.
     void Start();
-    /// Begins, and keeps the last seconds of media until Start. GeneralException when seconds is below 1 or
-    /// type is None. Nothing when the session runs already. There is no cache yet: the session fails with
-    /// "Buffering is not available".
+    /// Begins, and keeps the last seconds of media until Start: at most as many by the samples' time stamps,
+    /// as many as begin with a key frame of each source that has video. What goes wrong with that (a full
+    /// disk, no memory) costs what is buffered and is a non-fatal error. GeneralException when seconds is
+    /// below 1 or type is None. Nothing when the session runs already.
     void StartBuffering(int seconds, BufferingType type);
     /// Ends the session and lets go of all sources and sinks, each released on a short thread of its own.
     /// Waits for the session's thread, and so for a PushMedia that has not returned.

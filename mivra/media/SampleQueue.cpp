@@ -61,9 +61,20 @@ bool SampleQueue::Take(Item& item) {
     }
     item.sender = slots[first].sender;
     item.sample = Reference<PacketBuffer>::Adopt(slots[first].sample);
+    item.number = taken++;
     first = (first + 1) & (capacity - 1);
     count.store(queued - 1, std::memory_order_relaxed);
     return true;
+}
+
+std::uint64_t SampleQueue::AppendedCount() {
+    AutoLock guard(lock);
+    return taken + count.load(std::memory_order_relaxed);
+}
+
+std::uint64_t SampleQueue::TakenCount() {
+    AutoLock guard(lock);
+    return taken;
 }
 
 void SampleQueue::grow() {

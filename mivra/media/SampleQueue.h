@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/runtime/CritSec.h"
@@ -20,6 +21,7 @@ public:
     struct Item {
         const IMediaSource* sender = nullptr;  // names the source; it may be gone when the item is taken
         Common::Reference<Common::PacketBuffer> sample;
+        std::uint64_t number = 0;  // samples appended to the queue before it
     };
     enum class Appended { First, Behind, Closed };
 
@@ -40,6 +42,9 @@ public:
     bool Take(Item& item);
     /// A snapshot, without the lock.
     bool Empty() const noexcept { return count.load(std::memory_order_relaxed) == 0; }
+    /// Samples that were ever appended, and how many of them were taken.
+    std::uint64_t AppendedCount();
+    std::uint64_t TakenCount();
 
 private:
     struct Slot {
@@ -54,6 +59,7 @@ private:
     std::size_t capacity MIVRA_GUARDED_BY(lock) = 0;  // a power of two, or 0
     std::size_t first MIVRA_GUARDED_BY(lock) = 0;
     bool open MIVRA_GUARDED_BY(lock) = false;
+    std::uint64_t taken MIVRA_GUARDED_BY(lock) = 0;
     std::atomic<std::size_t> count{0};  // changed under the lock
 };
 

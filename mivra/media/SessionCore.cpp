@@ -106,6 +106,9 @@ void SessionCore::Start() {
     }
     SessionLock held(*this);
     LogLine(FileLog::Debug, "MediaSession::Start: Starting media session");
+    if (!outputStarted) {
+        firstLive = queue.AppendedCount();
+    }
     const bool before = outputStarted.exchange(true);
     if (running) {
         work.Notify();
@@ -136,11 +139,13 @@ void SessionCore::StartBuffering(int seconds, MediaSession::BufferingType type) 
         throw GeneralException("Memory or disk buffering must be specified");
     }
     bufferDuration = seconds * kTimescale;
+    bufferingType = type;
+    // An earlier run may have been started: this one only buffers until Start.
+    outputStarted = false;
+    firstLive = UINT64_MAX;
     startThread();
     LogLine(FileLog::Debug, "MediaSession::StartBuffering: Started buffering %d seconds in %d", seconds,
             static_cast<int>(type));
-    // There is no cache yet. The thread has opened nothing so far: it waits for the lock.
-    fail({"Buffering is not available"}, currentEpoch);
 }
 
 void SessionCore::Stop() {
@@ -177,8 +182,8 @@ void SessionCore::Dispose() {
         SessionLock held(*this);
         leftSources.swap(sources);
         leftSinks.swap(sinks);
+        cleanupBuffer();
     }
-    cleanupBuffer();
 }
 
 std::int64_t SessionCore::AddErrorListener(ErrorCallback callback) {
@@ -332,6 +337,7 @@ void SessionCore::stopSources() {
         unhook(record);
     }
     lastSender = nullptr;
+    sourcesByPlace.clear();
     retiredSources.merge(sources);
 }
 
@@ -351,7 +357,8 @@ void SessionCore::unhookSources() MIVRA_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void SessionCore::cleanupBuffer() {
-    LogLine(FileLog::Debug, "MediaSession::cleanupBuffer: Released %d buffers", queue.Close());
+    const int released = queue.Close() + dropCache();
+    LogLine(FileLog::Debug, "MediaSession::cleanupBuffer: Released %d buffers", released);
 }
 
 void SessionCore::onError(std::string message, bool fatal) {

@@ -19,6 +19,7 @@
 #include "mivra/media/IMediaSource.h"
 #include "mivra/media/ListenerMap.h"
 #include "mivra/media/MediaSession.h"
+#include "mivra/media/SampleCache.h"
 #include "mivra/media/SampleQueue.h"
 
 namespace Mivra::Media {
@@ -33,6 +34,9 @@ struct MediaSourceState {
     std::int64_t createdTime = 0;
     std::int64_t lastSampleTime = 0;
     std::vector<int> streamMap;  // output index of each stream
+    std::size_t place = 0;       // among the session's sources
+    std::vector<Common::Rational> timescales;
+    int videoStream = -1;  // the first stream that is video; -1: none
 };
 
 /// What a session knows of one sink. The reference is the session's.
@@ -44,6 +48,10 @@ struct MediaSinkState {
     bool starting = false;  // from the first AddStream on
     bool started = false;
     bool reportedOpened = false;
+    /// Of a sink that was started after what was buffered had begun to go out: the sources, by place, of
+    /// which it has seen no key frame yet. Empty: it takes everything.
+    std::vector<bool> awaitsKey;
+    bool begun = false;  // it has taken a sample meanwhile
 };
 
 /// The session itself, behind the public shell. Owned together by the shell, the session's thread and the
@@ -118,7 +126,7 @@ private:
     void stopSources() MIVRA_REQUIRES(lock);
     void stopSinks() MIVRA_REQUIRES(lock);
     void unhookSources();
-    void cleanupBuffer();
+    void cleanupBuffer() MIVRA_REQUIRES(lock);
     void onError(std::string message, bool fatal);
 
     // The session's thread. Each step that calls sources or sinks ends when one of them has stopped the
@@ -126,7 +134,8 @@ private:
     static void runThread(std::shared_ptr<SessionCore> core, std::uint32_t epoch);
     void mainThread(const OwnThread& own);
     void loop(std::uint32_t epoch);
-    void pass(std::uint32_t epoch);
+    /// True: there is more to do at once.
+    bool pass(std::uint32_t epoch);
     void openMembers();
     bool openSources(const SessionLock& held) MIVRA_REQUIRES(lock);
     bool openSinks(const SessionLock& held) MIVRA_REQUIRES(lock);
@@ -141,12 +150,25 @@ private:
     void checkSinkTimeouts(std::int64_t now) MIVRA_REQUIRES(lock);
     void checkSourceTimeouts(std::int64_t now) MIVRA_REQUIRES(lock);
     void processSourceSamples(std::uint32_t epoch);
-    void processSourceSample(const IMediaSource* sender, Common::PacketBuffer* sample);
+    /// False: the sample has to wait, for want of memory to buffer it.
+    bool processSourceSample(const SampleQueue::Item& item);
     MediaSourceState* findSender(const IMediaSource* sender) MIVRA_REQUIRES(lock);
-    void pushToSinks(int outputIndex, Common::PacketBuffer* sample, const SessionLock& held)
+    void pushToSinks(const MediaSourceState& source, Common::PacketBuffer* sample, const SessionLock& held)
         MIVRA_REQUIRES(lock);
-    void writeBuffer();
     void reportFailure();
+
+    // Buffering, on the session's thread.
+    void makeCache() MIVRA_REQUIRES(lock);
+    bool bufferSample(const MediaSourceState& source, const SampleQueue::Item& item, std::int64_t now)
+        MIVRA_REQUIRES(lock);
+    enum class Drain { Goes, Waits, Ends };
+    bool writeBuffer(std::uint32_t epoch);
+    Drain writeSample();
+    Drain finishWriting() MIVRA_REQUIRES(lock);
+    bool someSinkMayTake() const MIVRA_REQUIRES(lock);
+    void reportBufferProblem(std::uint32_t epoch);
+    static bool takes(MediaSinkState& sink, const MediaSourceState& source, Common::PacketBuffer& sample);
+    int dropCache();
 
     static thread_local OwnThread* s_ownThread;  // on a session's thread
 
@@ -166,6 +188,12 @@ private:
     std::multimap<Common::Guid, MediaSinkState> retiredSinks MIVRA_GUARDED_BY(lock);
     std::thread* thread MIVRA_GUARDED_BY(lock) = nullptr;
     std::int64_t bufferDuration MIVRA_GUARDED_BY(lock) = 0;  // 100 ns
+    MediaSession::BufferingType bufferingType MIVRA_GUARDED_BY(lock) = MediaSession::BufferingType::None;
+    /// From the step that numbers the streams until what was buffered has gone out.
+    std::unique_ptr<SampleCache> cache MIVRA_GUARDED_BY(lock);
+    bool writing MIVRA_GUARDED_BY(lock) = false;  // since what was buffered began to go out
+    int written MIVRA_GUARDED_BY(lock) = 0;
+    std::vector<MediaSourceState*> sourcesByPlace MIVRA_GUARDED_BY(lock);
     // The sender of the last sample, and its record.
     const IMediaSource* lastSender MIVRA_GUARDED_BY(lock) = nullptr;
     Common::Guid lastSenderId MIVRA_GUARDED_BY(lock);
@@ -184,6 +212,9 @@ private:
     Common::WakeEvent work;         // a sample queued, a state changed, an end asked for
     std::int64_t lastTimeoutCheck;  // the session's thread only
     SampleQueue queue;
+    /// Samples with this number in the queue and later ones came after Start: they are live.
+    std::atomic<std::uint64_t> firstLive{UINT64_MAX};
+    SampleQueue::Item stalled;  // taken from the queue and not to be buffered; the session's thread only
 
     std::atomic<MediaSession*> shell;
     Common::CritSec listenerLock;

@@ -119,6 +119,7 @@ void SessionCore::mainThread(const OwnThread& own) {
     // Once it has been stopped from here, all this is another thread's.
     if (!own.detached && state == MediaState::Stopped) {
         queue.Close();
+        dropCache();
         reportFailure();
     }
     LogLine(FileLog::Debug, "MediaSession::mainThread: Stopping sources in main thread");
@@ -131,18 +132,15 @@ void SessionCore::loop(std::uint32_t epoch) {
     WorkLooks looks;
     while (active(epoch)) {
         const std::uint32_t seen = work.Sequence();
-        pass(epoch);
-        const MediaState reached = state;
-        const bool takesSamples = reached == MediaState::Started || reached == MediaState::Running;
-        if (active(epoch) && !(takesSamples && !queue.Empty())) {
-            if (!looks.Find(work, seen)) {
-                work.Wait(seen, kPassSleep);
-            }
+        const bool more = pass(epoch);
+        if (active(epoch) && !more && !looks.Find(work, seen)) {
+            work.Wait(seen, kPassSleep);
         }
     }
 }
 
-void SessionCore::pass(std::uint32_t epoch) {
+bool SessionCore::pass(std::uint32_t epoch) {
+    bool more = false;
     switch (state.load()) {
         case MediaState::Opening:
             checkSourcesOpened();
@@ -153,9 +151,11 @@ void SessionCore::pass(std::uint32_t epoch) {
         case MediaState::Started:
             checkTimeouts();
             processSourceSamples(epoch);
-            if (outputStarted) {
-                writeBuffer();
+            // What came before Start decides where the output begins.
+            if (outputStarted && queue.TakenCount() >= firstLive) {
+                more = writeBuffer(epoch);
             }
+            reportBufferProblem(epoch);
             break;
         case MediaState::Running:
             checkTimeouts();
@@ -164,6 +164,9 @@ void SessionCore::pass(std::uint32_t epoch) {
         default:
             break;
     }
+    const MediaState reached = state;
+    const bool takesSamples = reached == MediaState::Started || reached == MediaState::Running;
+    return more || (takesSamples && !queue.Empty());
 }
 
 void SessionCore::openMembers() {
@@ -273,6 +276,9 @@ void SessionCore::assignStreams() {
         }
     }
     const MediaState next = outputStarted ? MediaState::Running : MediaState::Started;
+    if (next == MediaState::Started) {
+        makeCache();
+    }
     if (advance(MediaState::Opened, next)) {
         LogLine(FileLog::Debug, "MediaSession::mainThread: State changed to %d", static_cast<int>(next));
     }
@@ -280,11 +286,21 @@ void SessionCore::assignStreams() {
 
 void SessionCore::numberStreams(const SessionLock& held) {
     int next = 0;
+    writing = false;
+    sourcesByPlace.clear();
     for (auto& [id, record] : sources) {
         record.streamMap.clear();
+        record.timescales.clear();
+        record.place = sourcesByPlace.size();
+        record.videoStream = -1;
+        sourcesByPlace.push_back(&record);
         const int count = record.source->GetStreamCount();
         for (int stream = 0; stream < count && !held.Stopped(); ++stream) {
-            static_cast<void>(record.source->GetMediaType(stream));
+            const Common::MediaType type = record.source->GetMediaType(stream);
+            if (type.ContentType() == Common::ContentType_t::Video && record.videoStream < 0) {
+                record.videoStream = stream;
+            }
+            record.timescales.push_back(type.Timescale());
             record.streamMap.push_back(next++);
         }
         if (held.Stopped()) {
@@ -313,6 +329,9 @@ void SessionCore::onStartSink(MediaSinkState& record, const SessionLock& held) {
             }
         }
         record.sink->Start(!outputStarted);
+        if (writing) {
+            record.awaitsKey.assign(sourcesByPlace.size(), true);
+        }
         record.started = true;
     } catch (...) {
         failByException("MediaSession::onStartSink", "Sink start");
@@ -359,39 +378,47 @@ void SessionCore::checkSourceTimeouts(std::int64_t time) {
 void SessionCore::processSourceSamples(std::uint32_t epoch) {
     for (int taken = 0; taken < kSamplesPerPass && active(epoch); ++taken) {
         SampleQueue::Item item;
-        if (!queue.Take(item)) {
+        if (stalled.sample) {
+            std::swap(item, stalled);
+        } else if (!queue.Take(item)) {
             return;
         }
-        processSourceSample(item.sender, item.sample.get());
+        if (!processSourceSample(item)) {
+            std::swap(item, stalled);
+            return;
+        }
     }
 }
 
-void SessionCore::processSourceSample(const IMediaSource* sender, Common::PacketBuffer* sample) {
+bool SessionCore::processSourceSample(const SampleQueue::Item& item) {
     if (lockWanted.load(std::memory_order_relaxed) != 0) [[unlikely]] {
         giveWay();
     }
     if (!acquire(OnBusy::GiveUpWhenEnded)) {
-        return;
+        return true;
     }
     SessionLock held(*this);
     const MediaState reached = state;
     if (reached != MediaState::Started && reached != MediaState::Running) {
-        return;
+        return true;
     }
-    MediaSourceState* record = findSender(sender);
+    MediaSourceState* record = findSender(item.sender);
     if (record == nullptr) {
-        return;
+        return true;
     }
-    record->lastSampleTime = now();
-    const int stream = sample->StreamIndex();
+    const std::int64_t time = now();
+    record->lastSampleTime = time;
+    const int stream = item.sample->StreamIndex();
     if (stream < 0 || static_cast<std::size_t>(stream) >= record->streamMap.size()) {
         LogLine(FileLog::Warning, "MediaSession::processSourceSample: Source %s has no stream %d",
-                sender->UniqueId().ToString().c_str(), stream);
-        return;
+                record->source->UniqueId().ToString().c_str(), stream);
+        return true;
     }
-    if (reached == MediaState::Running) {
-        pushToSinks(record->streamMap[static_cast<std::size_t>(stream)], sample, held);
+    if (reached == MediaState::Started) {
+        return bufferSample(*record, item, time);
     }
+    pushToSinks(*record, item.sample.get(), held);
+    return true;
 }
 
 // Known by address first: the sender of a sample that arrived late may be gone, and only its record keeps it.
@@ -412,10 +439,12 @@ MediaSourceState* SessionCore::findSender(const IMediaSource* sender) {
     return lastSenderState;
 }
 
-void SessionCore::pushToSinks(int outputIndex, Common::PacketBuffer* sample, const SessionLock& held) {
+void SessionCore::pushToSinks(const MediaSourceState& source, Common::PacketBuffer* sample,
+                              const SessionLock& held) {
+    const int outputIndex = source.streamMap[static_cast<std::size_t>(sample->StreamIndex())];
     try {
         for (auto& [id, record] : sinks) {
-            if (record.started) {
+            if (record.started && (record.awaitsKey.empty() || takes(record, source, *sample))) {
                 record.sink->PushMedia(outputIndex, sample);
                 if (held.Stopped()) {
                     return;
@@ -424,18 +453,6 @@ void SessionCore::pushToSinks(int outputIndex, Common::PacketBuffer* sample, con
         }
     } catch (...) {
         failByException("MediaSession::processSourceSample", "Sample delivery");
-    }
-}
-
-// Where what was buffered goes out before the output is live.
-void SessionCore::writeBuffer() {
-    if (!acquire(OnBusy::GiveUpWhenEnded)) {
-        return;
-    }
-    SessionLock held(*this);
-    if (advance(MediaState::Started, MediaState::Running)) {
-        LogLine(FileLog::Debug, "MediaSession::writeBuffer: State changed to %d",
-                static_cast<int>(MediaState::Running));
     }
 }
 

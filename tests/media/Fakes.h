@@ -70,6 +70,7 @@ public:
         onGetMediaType();
         MediaType type;
         type.Width() = 100 + stream;
+        type.ContentType() = content;
         return type;
     }
     void Discard(std::map<int, bool>) override {}
@@ -81,12 +82,13 @@ public:
     }
 
     /// One sample of a stream, with this time stamp. Waits while the pool has few left.
-    void Send(int stream, std::int64_t pts = 0) {
+    void Send(int stream, std::int64_t pts = 0, bool key = false) {
         while (SmallPool().FreeBufferCount() < 10)
             std::this_thread::yield();
         const auto sample = Reference<PacketBuffer>::Adopt(Media::MediaGlobal::LockBuffer(100));
         sample->StreamIndex() = stream;
         sample->Pts() = pts;
+        sample->KeyFrame() = key;
         onNewSample(stream, sample.get());
     }
     void Store(MediaState value) { state = value; }
@@ -100,6 +102,7 @@ public:
     using IMediaSource::setStateInThread;
 
     int streams;
+    Common::ContentType_t content = Common::ContentType_t::Unknown;  // of every stream
     Media::ActionRequiredEventArgs lastAction;
     std::function<void()> onOpen;
     std::function<void()> onStart;

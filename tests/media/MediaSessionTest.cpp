@@ -145,15 +145,6 @@ TEST_F(MediaSessionTest, RefusesMisuse) {
     EXPECT_TRUE(session->IsRunning());
 }
 
-TEST_F(MediaSessionTest, FailsWhenBuffering) {
-    const auto source = AddSource();
-    source->onOpen = [] { ADD_FAILURE(); };
-    session->StartBuffering(5, BufferingType::Disk);
-    EXPECT_TRUE(Fails("Buffering is not available"));
-    EXPECT_TRUE(session->IsRunning());
-    EXPECT_TRUE(log.Contains("MediaSession::StartBuffering: Started buffering 5 seconds in 2"));
-}
-
 TEST_F(MediaSessionTest, RunsAgainAfterStopAndLeavesNothingOnItsMembers) {
     std::vector<Reference<FakeSource>> sources;
     const auto captured = std::make_shared<int>(0);
