@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace Mivra::Common::Internal {
+namespace Mivra::Common {
 
 // Internal, for the inline parts of the reader and the writer: big-endian integers in memory at any address. Written on values, not bytes: compilers make one instruction
 // of each.
@@ -48,4 +48,4 @@ inline void StoreBig(T value, unsigned char* bytes) {
     std::memcpy(bytes, &value, sizeof value);
 }
 
-}  // namespace Mivra::Common::Internal
+}  // namespace Mivra::Common

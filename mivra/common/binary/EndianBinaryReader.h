@@ -161,7 +161,7 @@ inline T EndianBinaryReader::readWhole() {
     if (!hasRun(sizeof(T)) || !isBig) [[unlikely]] {
         return static_cast<T>(readBytes(sizeof(T), *converter));
     }
-    const T value = Internal::LoadBig<T>(window->data + window->position);
+    const T value = LoadBig<T>(window->data + window->position);
     moveTo(window->position + static_cast<std::int64_t>(sizeof(T)), 0);
     return value;
 }
@@ -171,7 +171,7 @@ inline std::int64_t EndianBinaryReader::ReadBits(int count) {
     if (bits > MaxFieldBits || !isBig || !hasRun(8)) [[unlikely]] {
         return readBits(count, *converter);
     }
-    const std::uint64_t word = Internal::LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
+    const std::uint64_t word = LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
     skipBits(bits);
     return static_cast<std::int64_t>((word >> 1) >> (63 - bits));
 }
@@ -180,7 +180,7 @@ inline std::uint64_t EndianBinaryReader::readExpGolomb() {
     if (!hasRun(8)) [[unlikely]] {
         return readExpGolombSlowly();
     }
-    const std::uint64_t word = Internal::LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
+    const std::uint64_t word = LoadBig<std::uint64_t>(window->data + window->position) << window->bitPosition;
     const unsigned zeros = static_cast<unsigned>(std::countl_zero(word));
     if (2 * zeros + 1 > MaxFieldBits) [[unlikely]] {
         return readExpGolombSlowly();

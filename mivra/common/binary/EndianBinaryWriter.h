@@ -161,7 +161,7 @@ inline void EndianBinaryWriter::writeWhole(T value) {
         writeBytes(static_cast<std::int64_t>(value), sizeof(T), *converter);
         return;
     }
-    Internal::StoreBig(value, window->data + window->position);
+    StoreBig(value, window->data + window->position);
     moveTo(window->position + static_cast<std::int64_t>(sizeof(T)), 0);
     touch(window->position);
 }
@@ -192,7 +192,7 @@ inline bool EndianBinaryWriter::writeRun(std::uint64_t value, int count) {
 inline void EndianBinaryWriter::mergeWord(unsigned char* bytes, std::uint64_t field, std::uint64_t mask) {
     std::uint64_t word;
     std::memcpy(&word, bytes, sizeof word);
-    word = (word & ~Internal::SwapFromBig(mask)) | Internal::SwapFromBig(field);
+    word = (word & ~SwapFromBig(mask)) | Internal::SwapFromBig(field);
     std::memcpy(bytes, &word, sizeof word);
 }
 
