@@ -192,7 +192,7 @@ inline bool EndianBinaryWriter::writeRun(std::uint64_t value, int count) {
 inline void EndianBinaryWriter::mergeWord(unsigned char* bytes, std::uint64_t field, std::uint64_t mask) {
     std::uint64_t word;
     std::memcpy(&word, bytes, sizeof word);
-    word = (word & ~SwapFromBig(mask)) | Internal::SwapFromBig(field);
+    word = (word & ~SwapFromBig(mask)) | SwapFromBig(field);
     std::memcpy(bytes, &word, sizeof word);
 }
 
