@@ -1,12 +1,10 @@
 // Start codes and emulation prevention: every path that this processor has, against loops that follow the
 // standard byte by byte.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -14,45 +12,12 @@
 #include "mivra/codecs/h264/AnnexB.h"
 #include "mivra/codecs/h264/ByteKernels.h"
 #include "mivra/codecs/h264/EmulationPrevention.h"
+#include "tests/support/NalReference.h"
 
 namespace {
 
 using namespace Mivra::Codecs::H264;
-using Bytes = std::vector<unsigned char>;
-
-std::size_t referencePrefix(const Bytes& in) {
-    const unsigned char prefix[] = {0, 0, 1};
-    return static_cast<std::size_t>(std::search(in.begin(), in.end(), prefix, prefix + 3) - in.begin());
-}
-
-/// nal_unit() of 7.3.1.
-Bytes referenceRemoved(const Bytes& in) {
-    Bytes out;
-    for (std::size_t i = 0; i < in.size(); ++i) {
-        if (i + 2 < in.size() && in[i] == 0 && in[i + 1] == 0 && in[i + 2] == 3) {
-            out.insert(out.end(), {0, 0});
-            i += 2;
-        } else {
-            out.push_back(in[i]);
-        }
-    }
-    return out;
-}
-
-/// The encapsulation of 7.4.1.1, without the byte behind a last zero.
-Bytes referenceInserted(const Bytes& in) {
-    Bytes out;
-    int zeros = 0;
-    for (const unsigned char byte : in) {
-        if (zeros == 2 && byte <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
-        zeros = byte == 0 ? zeros + 1 : 0;
-        out.push_back(byte);
-    }
-    return out;
-}
+using Bytes = Mivra::Test::NalBytes;
 
 /// Memory between two pages that nobody may touch; what is placed ends at the second, or begins behind the
 /// first.
@@ -85,12 +50,13 @@ class PathCheck {
 public:
     void operator()(const ByteKernels& path, const Bytes& in) {
         SCOPED_TRACE(std::string(path.name) + ", " + std::to_string(in.size()) + " bytes");
-        const Bytes removed = referenceRemoved(in);
-        const Bytes inserted = referenceInserted(in);
+        const Bytes removed = Mivra::Test::ReferenceRemoved(in);
+        const Bytes inserted = Mivra::Test::ReferenceInserted(in);
         for (const bool atEnd : {false, true}) {
             const unsigned char* begin = input.Place(in, atEnd);
             const unsigned char* end = begin + in.size();
-            ASSERT_EQ(static_cast<std::size_t>(path.findPrefix(begin, end) - begin), referencePrefix(in));
+            ASSERT_EQ(static_cast<std::size_t>(path.findPrefix(begin, end) - begin),
+                      Mivra::Test::ReferencePrefix(in));
             unsigned char* out = output.Place(in.size(), atEnd);
             ASSERT_EQ(path.removePrevention(begin, end, out), removed.size());
             ASSERT_TRUE(std::equal(removed.begin(), removed.end(), out));
