@@ -1,11 +1,12 @@
 // What a media type tells of its codec's private data. This is the one source file of the model that may know
-// codec parsers. There is none for H.264, MPEG-2 and MPEG-4 yet: for these every parse counts as failed.
+// codec parsers. There is none for MPEG-2 and MPEG-4: for these every parse counts as failed.
 
 #include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/common/model/MediaType.h"
 #include "mivra/crypto/CryptoHelper.h"
 
@@ -13,14 +14,11 @@ namespace Mivra::Common {
 
 namespace {
 
-/// One parse of H.264 private data.
-struct H264Configuration {
-    std::uint64_t profileLevel = 0;
-    int reorderingQueueDepth = 0;
-};
+using Codecs::H264::H264ConfigurationParser;
 
-std::optional<H264Configuration> parseH264(const MediaType&) {
-    return std::nullopt;
+/// Reads the sets of H.264 private data; false when that fails.
+bool parseH264(H264ConfigurationParser& parser, char* data, std::int32_t size) {
+    return parser.Parse(reinterpret_cast<unsigned char*>(data), size, 0) >= 0;
 }
 
 /// The private data as an AVC decoder configuration record (ISO/IEC 14496-15 5.3.3.1); what is none already
@@ -97,8 +95,9 @@ std::uint64_t MediaType::GetProfileLevel() const {
     if (codecId == Codec_t::AAC || codecId == Codec_t::AAC_LATM) {
         profileLevel = audioObjectType();
     } else if (codecId == Codec_t::H264) {
-        if (const auto configuration = parseH264(*this)) {
-            profileLevel = configuration->profileLevel;
+        H264ConfigurationParser parser;
+        if (parseH264(parser, codecPrivateData, codecPrivateDataSize)) {
+            profileLevel = static_cast<std::uint64_t>(std::int64_t{parser.GetProfileLevel()});
         }
     }
     return profileLevel;
@@ -110,8 +109,9 @@ int MediaType::GetReorderingQueueDepth() const {
     }
     reorderingQueueDepth = 0;
     if (hasPrivateData() && codecId == Codec_t::H264) {
-        if (const auto configuration = parseH264(*this)) {
-            reorderingQueueDepth = configuration->reorderingQueueDepth;
+        H264ConfigurationParser parser;
+        if (parseH264(parser, codecPrivateData, codecPrivateDataSize)) {
+            reorderingQueueDepth = parser.GetReorderingQueueDepth();
         }
     }
     return reorderingQueueDepth;
