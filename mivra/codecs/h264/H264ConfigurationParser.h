@@ -115,37 +115,48 @@ public:
     static bool FindSpsPpsInInitString(unsigned char* data, int size, UnitList& spsList, UnitList& ppsList);
 
     // Packets. From in's position to its actual size; out is appended to, takes in's attributes, and is as
-    // before when the result is false: malformed input, or too little room.
+    // before when the result is false: malformed input (no start code in front, or a wrong length), or too
+    // little room. Nothing is allocated. Sets are in Annex B form; null and 0 for none.
 
-    /// Length prefixes of lengthSize (1 to 4) bytes become start codes; with sets (Annex B form) those go in
-    /// front.
+    /// Length prefixes of lengthSize (1 to 4) bytes become start codes of four bytes, empty units are left
+    /// out. With sets, the first slice of an IDR picture that has none gets them in front, or those of the
+    /// one kind that it lacks; start codes then have three bytes but for the first unit and parameter sets
+    /// (B.1.2). Unlike h264_mp4toannexb each packet is judged by itself.
     static bool ConvertToAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out, int lengthSize);
     static bool ConvertToAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out, int lengthSize,
                                          const unsigned char* sets, int setsSize);
-    /// Start codes become length prefixes; parameter sets are left out on request.
+    /// Start codes become length prefixes; units of types 7 and 8 are left out on request. A unit too long
+    /// for its prefix is malformed.
     static bool ConvertToAvcBitstream(unsigned char* data, int size, int lengthSize,
                                       Common::PacketBuffer* out, bool dropParameterSets);
-    /// One form of start code, the sets (Annex B form) in front of a key frame that has none, none of them
-    /// twice.
+    /// One form of everything: start codes of four bytes without padding, of each access unit one delimiter,
+    /// in front, no filler data, no parameter set that repeats the last one of its id. A key frame (as below)
+    /// without sets of a kind gets the given ones: sequence parameter sets behind the delimiter, picture
+    /// parameter sets behind the sequence parameter sets.
     static bool RefineAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out,
                                       const unsigned char* sets, int setsSize);
-    /// Whether the access unit (Annex B) is one to begin at (IDR, or a recovery point at once), and whether
-    /// other pictures refer to it. False when it holds no slice.
+    /// Whether the access unit (Annex B) is one to begin at: IDR, or with a recovery point message whose
+    /// recovery_frame_cnt is 0 (with more, what a decoder shows at first is broken); and whether other
+    /// pictures refer to it. Looks no further than the first slice. All false when there is none.
     static bool DetectFrameType(Common::PacketBuffer* packet, bool& keyFrame, bool& reference);
     /// Offset of the header byte of the first unit of the type in Annex B data, -1 for none.
     static int FindNalUnit(unsigned char* data, int size, NalUnitTypes type);
     /// Offset of the first start code, and its length: 3, or 4 with a zero in front; -1 and 0 for none.
     static int FindNextStartCode(unsigned char* data, int size, int& codeLength);
-    /// The first access unit at or behind from that a decoder can begin with; length size 0 for Annex B.
-    /// False and -1 for none.
+    /// Where the first access unit (7.4.1.2.3) begins at or behind from that is a key frame as above: offset
+    /// of its first start code or length prefix. Data is walked from its beginning, which is that of a unit;
+    /// length size 0 for Annex B. False and -1 for none.
     static bool FindVideoStart(unsigned char* data, int size, int from, int lengthSize, int& offset);
-    /// The first message of the type in the access unit (Annex B), its payload without emulation prevention.
+    /// The first message of the type in front of the first slice (Annex B), its payload without emulation
+    /// prevention. A message that promises more than there is ends its unit.
     static std::optional<std::vector<unsigned char>> FindSei(Common::PacketBuffer* packet,
                                                              SeiPayloadTypes type);
-    /// Adds a message in a unit of its own in front of the first slice, in place.
+    /// Adds a message in a unit of its own in front of the first slice, in place; a buffering period, which
+    /// has to come first, in front of the other messages. False, and nothing changed, without slice or room.
     static bool InsertSei(Common::PacketBuffer* packet, SeiPayloadTypes type, const unsigned char* payload,
                           int size);
-    /// One line a unit, for logs; length size 0 for Annex B.
+    /// One line a unit, for logs, each with its line feed: "21: SliceIdr, 5 bytes, ref 3, I", the offset of
+    /// the header byte, nal_ref_idc and, of slices, slice_type. Length size 0 for Annex B.
     static std::string PrintNalUnits(unsigned char* data, int size, int lengthSize);
     static bool IsSpsEqual(const SPS264struct& left, const SPS264struct& right);
     static bool IsPpsEqual(const PPS264struct& left, const PPS264struct& right);

@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <random>
+
+#include "mivra/codecs/h264/H264ConfigurationParser.h"
+#include "tests/codecs/h264/Packets.h"
+#include "tests/support/LogCapture.h"
+
+namespace Mivra::Codecs::H264 {
+namespace {
+
+using namespace Testing;
+using Parser = H264ConfigurationParser;
+
+const Bytes Sets = coded(Sps) + coded(Pps);
+
+bool toAnnexB(const Bytes& in, Packet& out, int lengthSize) {
+    return Parser::ConvertToAnnexBBitstream(Packet(in).get(), out.get(), lengthSize);
+}
+
+bool toAnnexBWithSets(const Bytes& in, Packet& out, const Bytes& sets, int lengthSize = 4) {
+    return Parser::ConvertToAnnexBBitstream(Packet(in).get(), out.get(), lengthSize, sets.data(),
+                                            static_cast<int>(sets.size()));
+}
+
+bool toAvc(Bytes in, Packet& out, int lengthSize, bool drop = false) {
+    return Parser::ConvertToAvcBitstream(in.data(), static_cast<int>(in.size()), lengthSize, out.get(), drop);
+}
+
+bool refine(const Bytes& in, Packet& out, const Bytes& sets = Sets) {
+    return Parser::RefineAnnexBBitstream(Packet(in).get(), out.get(), sets.data(),
+                                         static_cast<int>(sets.size()));
+}
+
+Bytes avc(std::initializer_list<Bytes> units, int lengthSize = 4) {
+    Bytes packet;
+    for (const Bytes& unit : units) {
+        packet = packet + prefixed(unit, lengthSize);
+    }
+    return packet;
+}
+
+Bytes annexB(std::initializer_list<Bytes> units) {
+    Bytes packet;
+    for (const Bytes& unit : units) {
+        packet = packet + coded(unit);
+    }
+    return packet;
+}
+
+TEST(PacketConversion, EveryLengthSizeGoesBothWaysByteForByte) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 400; ++round) {
+        const int lengthSize = round % 4 + 1;
+        Bytes prefix;
+        Bytes stream;
+        for (unsigned units = random() % 6; units > 0; --units) {
+            Bytes unit(1 + random() % (lengthSize == 1 ? 255 : 700));
+            for (unsigned char& byte : unit) {
+                byte = static_cast<unsigned char>(random() | 8);  // looks like no start code
+            }
+            prefix = prefix + prefixed(unit, lengthSize) +
+                     (random() % 4 == 0 ? prefixed({}, lengthSize) : Bytes{});
+            stream = stream + coded(unit);
+        }
+        Packet there({}, stream.size());
+        ASSERT_TRUE(toAnnexB(prefix, there, lengthSize));
+        ASSERT_EQ(there.Content(), stream);
+        Packet back({}, prefix.size());
+        ASSERT_TRUE(toAvc(stream, back, lengthSize));
+        Packet again({}, stream.size());
+        ASSERT_TRUE(toAnnexB(back.Content(), again, lengthSize));
+        ASSERT_EQ(again.Content(), stream);
+        if (!stream.empty()) {
+            Packet tooSmall({7}, stream.size() - 1);
+            ASSERT_FALSE(toAnnexB(prefix, tooSmall, lengthSize));
+            Packet alsoTooSmall({7}, back.Content().size() - 1);
+            ASSERT_FALSE(toAvc(stream, alsoTooSmall, lengthSize));
+            ASSERT_EQ(tooSmall.Content(), Bytes{7});
+            ASSERT_EQ(alsoTooSmall.Content(), Bytes{7});
+        }
+    }
+}
+
+TEST(PacketConversion, StartCodesOfEveryFormEndUnits) {
+    const struct {
+        Bytes in;
+        Bytes units;
+    } cases[] = {
+        {{}, {}},
+        {coded(P1, false) + coded(P2), avc({P1, P2})},
+        {Bytes{0, 0} + coded(P1) + Bytes{0, 0, 0, 0} + coded(P2, false) + Bytes{0}, avc({P1, P2})},
+        // Empty units, and one whose header byte is 0.
+        {coded({}) + coded({0}) + coded({0, 5}) + coded({}), avc({{0, 5}})},
+        {coded(P1) + Bytes{0, 0, 1}, avc({P1})},
+    };
+    for (const auto& [in, units] : cases) {
+        Packet out({}, 64);
+        EXPECT_TRUE(toAvc(in, out, 4));
+        EXPECT_EQ(out.Content(), units);
+    }
+    for (const Bytes& in :
+         {Bytes{0}, Bytes{0, 0, 0}, Bytes{9, 0, 0, 1, 0x41}, Bytes{0, 0, 2, 0, 0, 1, 0x41}}) {
+        Packet out({}, 64);
+        EXPECT_FALSE(toAvc(in, out, 4)) << in.size();
+    }
+    Packet dropped({}, 64);
+    EXPECT_TRUE(toAvc(annexB({Aud, Sps, Pps, Idr}), dropped, 2, true));
+    EXPECT_EQ(dropped.Content(), avc({Aud, Idr}, 2));
+}
+
+TEST(PacketConversion, LengthsAreCheckedBeforeAByteIsRead) {
+    Mivra::Test::LogCapture log;
+    for (const int lengthSize : {1, 2, 3, 4}) {
+        const Bytes whole = avc({P1, P2}, lengthSize);
+        const std::size_t second = whole.size() - P2.size() - static_cast<std::size_t>(lengthSize);
+        for (std::size_t cut = 0; cut < whole.size(); ++cut) {
+            Packet out({7}, 64);
+            const bool between = cut == 0 || cut == second;
+            EXPECT_EQ(
+                toAnnexB({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut)}, out, lengthSize),
+                between);
+            if (!between) {
+                EXPECT_EQ(out.Content(), Bytes{7}) << cut;
+            }
+        }
+        for (const std::size_t length : {P2.size() + 1, std::size_t{0x7FFFFFFF}, std::size_t{0xFFFFFFFF}}) {
+            Bytes wrong = whole;
+            for (int i = 0; i < lengthSize; ++i) {
+                wrong[second + static_cast<std::size_t>(i)] =
+                    static_cast<unsigned char>(length >> (lengthSize - 1 - i) * 8);
+            }
+            Packet out({7}, 64);
+            EXPECT_FALSE(toAnnexB(wrong, out, lengthSize));
+            EXPECT_EQ(out.Content(), Bytes{7});
+        }
+    }
+    // The longest unit that a prefix can tell, and one byte more.
+    for (const int lengthSize : {1, 2, 3}) {
+        const std::size_t longest = (std::size_t{1} << lengthSize * 8) - 1;
+        for (const std::size_t size : {longest, longest + 1}) {
+            Packet out({}, size + 4);
+            EXPECT_EQ(toAvc(coded(Bytes(size, 0x41)), out, lengthSize), size == longest);
+        }
+    }
+    Packet in(avc({P1}));
+    Packet out({}, 64);
+    unsigned char byte = 0;
+    for (const int lengthSize : {INT_MIN, -1, 0, 5, INT_MAX}) {
+        EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), out.get(), lengthSize));
+        EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), out.get(), lengthSize, &byte, 0));
+        EXPECT_FALSE(Parser::ConvertToAvcBitstream(&byte, 1, lengthSize, out.get(), false));
+    }
+    for (const int size : {INT_MIN, -1}) {
+        EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), out.get(), 4, &byte, size));
+        EXPECT_FALSE(Parser::ConvertToAvcBitstream(&byte, size, 4, out.get(), false));
+        EXPECT_FALSE(Parser::RefineAnnexBBitstream(in.get(), out.get(), &byte, size));
+    }
+    EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(nullptr, out.get(), 4));
+    EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), nullptr, 4));
+    EXPECT_FALSE(Parser::ConvertToAvcBitstream(nullptr, 1, 4, out.get(), false));
+    EXPECT_FALSE(Parser::ConvertToAvcBitstream(&byte, 1, 4, nullptr, false));
+    EXPECT_FALSE(Parser::RefineAnnexBBitstream(in.get(), nullptr, nullptr, 0));
+    for (const int position : {-1, in->ActualSize() + 1}) {
+        in->Position() = position;
+        EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), out.get(), 4));
+    }
+    EXPECT_TRUE(out.Content().empty());
+    EXPECT_FALSE(log.Lines().empty());
+}
+
+TEST(PacketConversion, BeginsAtThePositionAndHandsTheAttributesOn) {
+    Packet in(Bytes{1, 2, 3} + avc({P1}), 0, 3);
+    in->Pts() = 40;
+    in->KeyFrame() = true;
+    Packet out({9}, 64);
+    EXPECT_TRUE(Parser::ConvertToAnnexBBitstream(in.get(), out.get(), 4));
+    EXPECT_EQ(out.Content(), Bytes{9} + coded(P1));
+    EXPECT_EQ(out->Pts(), 40);
+    EXPECT_TRUE(out->KeyFrame());
+    EXPECT_EQ(in->Position(), 3);
+    in->Pts() = 50;
+    Packet full({9});
+    EXPECT_FALSE(Parser::ConvertToAnnexBBitstream(in.get(), full.get(), 4));
+    EXPECT_EQ(full->Pts(), 0);
+}
+
+TEST(PacketConversion, SetsGoInFrontOfTheFirstSliceOfAnIdrPictureThatHasNone) {
+    const Bytes secondSlice = unitOfBits(0x65, "011 0001000 1 0000 1");
+    const struct {
+        Bytes in;
+        Bytes out;
+    } cases[] = {
+        {avc({P1, P2}), coded(P1) + coded(P2, false)},
+        {avc({Idr, secondSlice}), Sets + coded(Idr, false) + coded(secondSlice, false)},
+        {avc({Aud, Recovery, Idr}), coded(Aud) + coded(Recovery, false) + Sets + coded(Idr, false)},
+        {avc({Sps, Pps, Idr}), Sets + coded(Idr, false)},
+        {avc({Sps, Idr}), Sets + coded(Idr, false)},
+        {avc({Pps, Idr}), Sets + coded(Idr, false)},
+        // Pictures one after the other.
+        {avc({Idr, Idr}), Sets + coded(Idr, false) + Sets + coded(Idr, false)},
+        {avc({Sps, Pps, Idr, P1, Idr}),
+         Sets + coded(Idr, false) + coded(P1, false) + Sets + coded(Idr, false)},
+        {avc({{}, {0x65}}), Sets + coded({0x65}, false)},
+    };
+    for (const auto& [in, expected] : cases) {
+        Packet out({}, expected.size());
+        EXPECT_TRUE(toAnnexBWithSets(in, out, Sets));
+        EXPECT_EQ(out.Content(), expected);
+        Packet tooSmall({}, expected.size() - 1);
+        EXPECT_FALSE(toAnnexBWithSets(in, tooSmall, Sets));
+        EXPECT_TRUE(tooSmall.Content().empty());
+    }
+    Packet out({}, 64);
+    EXPECT_FALSE(toAnnexBWithSets(avc({Idr}), out, avc({Sps, Pps})));
+    EXPECT_TRUE(toAnnexBWithSets(avc({Idr}), out, {}));
+    EXPECT_EQ(out.Content(), coded(Idr));
+}
+
+TEST(PacketConversion, RefiningLeavesOneFormOfEverything) {
+    Bytes otherPps = Pps;
+    otherPps.back() ^= 0x40;
+    const Bytes broken{0x67};
+    const Bytes strangeSps{0x67, 0x42, 0x00, 0x0A, 0x00, 0x81};  // of an id that is out of range
+    const struct {
+        const char* what;
+        Bytes in;
+        Bytes out;
+    } cases[] = {
+        {"nothing", {}, {}},
+        {"padding and short codes", Bytes{0} + coded(P1, false) + Bytes{0, 0} + coded(P2, false) + Bytes{0},
+         annexB({P1, P2})},
+        {"filler data", annexB({Filler, P1, Filler}), annexB({P1})},
+        {"a key frame without sets", annexB({Aud, Recovery, Idr}), annexB({Aud, Sps, Pps, Recovery, Idr})},
+        {"a recovery point", annexB({Recovery, P1}), annexB({Sps, Pps, Recovery, P1})},
+        {"gradual refresh", annexB({LateRecovery, P1}), annexB({LateRecovery, P1})},
+        {"no delimiter", annexB({Idr}), annexB({Sps, Pps, Idr})},
+        {"no picture set", annexB({Sps, Recovery, Idr}), annexB({Sps, Pps, Recovery, Idr})},
+        {"no sequence set", annexB({Aud, otherPps, Idr}), annexB({Aud, Sps, otherPps, Idr})},
+        {"sets are there", annexB({Sps, otherPps, Idr}), annexB({Sps, otherPps, Idr})},
+        {"sets twice", annexB({Sps, Pps, Sps, Pps, Idr}), annexB({Sps, Pps, Idr})},
+        {"another set of the same id", annexB({Sps, Pps, otherPps, Pps, Idr}),
+         annexB({Sps, Pps, otherPps, Pps, Idr})},
+        {"sets that cannot be read", annexB({broken, broken, strangeSps, strangeSps, Pps, Idr}),
+         annexB({broken, broken, strangeSps, strangeSps, Pps, Idr})},
+        {"delimiters in the middle", annexB({Recovery, Aud, Sps, Aud, Pps, Idr}),
+         annexB({Aud, Recovery, Sps, Pps, Idr})},
+        {"two pictures", annexB({Aud, Idr, Aud, P1, Sps, Pps, Idr}),
+         annexB({Aud, Sps, Pps, Idr, Aud, P1, Sps, Pps, Idr})},
+        {"no picture", annexB({Sps, Sps, Aud}), annexB({Aud, Sps})},
+    };
+    for (const auto& [what, in, expected] : cases) {
+        Packet out({}, expected.size());
+        EXPECT_TRUE(refine(in, out)) << what;
+        EXPECT_EQ(out.Content(), expected) << what;
+        Packet again({}, expected.size());
+        EXPECT_TRUE(refine(expected, again)) << what;
+        EXPECT_EQ(again.Content(), expected) << what << ", again";
+        if (!expected.empty()) {
+            Packet tooSmall({}, expected.size() - 1);
+            EXPECT_FALSE(refine(in, tooSmall)) << what;
+            EXPECT_TRUE(tooSmall.Content().empty()) << what;
+        }
+    }
+    Packet out({}, 64);
+    EXPECT_FALSE(refine(avc({P1}), out));
+    EXPECT_FALSE(refine(annexB({P1}), out, avc({Sps})));
+}
+
+}  // namespace
+}  // namespace Mivra::Codecs::H264
