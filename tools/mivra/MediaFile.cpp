@@ -221,6 +221,9 @@ void OutputFile::Discard() {
 }
 
 void OutputFile::Close() {
+    if (behind != nullptr) {
+        noteError(behind->Drain());
+    }
     if (descriptor >= 0 && ::close(descriptor) != 0 && writeError == 0 && errno != EINTR) {
         writeError = errno;
     }
@@ -244,33 +247,77 @@ bool OutputFile::waitWritable() {
     }
 }
 
-int OutputFile::failWrite(int error) {
-    writeError = error;
-    return AVERROR(error);
+/// For libavformat: 0, or its number of the error, which is kept when it is the first.
+int OutputFile::noteError(int error) {
+    writeError = writeError == 0 ? error : writeError;
+    return error == 0 ? 0 : AVERROR(error);
 }
 
 int OutputFile::write(void* self, std::uint8_t* data, int size) {
     auto& file = *static_cast<OutputFile*>(self);
-    const bool careful = file.mayBlock && !file.regular;
-    for (int done = 0; done < size;) {
-        if (careful && !file.waitWritable()) {
-            return file.failWrite(errno);
-        }
-        const int most = careful ? PIPE_BUF : INT_MAX;  // so much does not block a pipe that has room
-        const auto part = static_cast<std::size_t>(std::min(size - done, most));
-        const ssize_t written = ::write(file.descriptor, data + done, part);
-        if (written >= 0) {
-            done += static_cast<int>(written);
-        } else if (errno == EAGAIN ? !file.waitWritable() : errno != EINTR) {
-            return file.failWrite(errno);
+    const int error = file.regular ? file.writeRegular(data, size) : file.writeOther(data, size);
+    file.sent += 1;
+    return error == 0 ? size : file.noteError(error);
+}
+
+int OutputFile::writeRegular(const std::uint8_t* data, int size) {
+    const std::int64_t offset = standard ? WriteBehind::kWhereItStands : position;
+    position += size;
+    if (behind == nullptr && sent == 0) {
+        try {
+            behind = std::make_unique<WriteBehind>(descriptor);
+        } catch (const std::system_error&) {  // no thread to be had: it is done here
         }
     }
-    ++file.writes;
-    return size;
+    if (behind == nullptr) {
+        return writeAll(descriptor, data, static_cast<std::size_t>(size), offset);
+    }
+    return behind->Write(data, size, offset);
+}
+
+int OutputFile::writeOther(const std::uint8_t* data, int size) {
+    for (int done = 0; done < size;) {
+        if (mayBlock && !waitWritable()) {
+            return errno;
+        }
+        const int most = mayBlock ? PIPE_BUF : INT_MAX;  // so much does not block a pipe that has room
+        const auto part = static_cast<std::size_t>(std::min(size - done, most));
+        const ssize_t put = ::write(descriptor, data + done, part);
+        if (put >= 0) {
+            done += static_cast<int>(put);
+        } else if (errno == EAGAIN ? !waitWritable() : errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+std::int64_t OutputFile::currentSize() {
+    if (behind != nullptr) {
+        behind->Drain();
+    }
+    return seekIn(descriptor, 0, AVSEEK_SIZE);
 }
 
 std::int64_t OutputFile::seek(void* self, std::int64_t offset, int whence) {
-    return seekIn(static_cast<OutputFile*>(self)->descriptor, offset, whence);
+    auto& file = *static_cast<OutputFile*>(self);
+    std::int64_t from = 0;
+    switch (whence & ~AVSEEK_FORCE) {
+        case AVSEEK_SIZE:
+            return file.currentSize();
+        case SEEK_CUR:
+            from = file.position;
+            break;
+        case SEEK_END:
+            from = file.currentSize();
+            break;
+        default:
+            break;
+    }
+    if (from < 0 || from + offset < 0) {
+        return AVERROR(EINVAL);
+    }
+    return file.position = from + offset;
 }
 
 }  // namespace Mivra::Tool

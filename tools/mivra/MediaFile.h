@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "tools/mivra/FfmpegSupport.h"
 #include "tools/mivra/StopSignal.h"
+#include "tools/mivra/WriteBehind.h"
 
 namespace Mivra::Tool {
 
@@ -42,7 +44,8 @@ private:
     AVIOContext* context = nullptr;
 };
 
-/// Writes a file, or standard output, for libavformat. One thread. A reader of a pipe may let it wait; once
+/// Writes a file, or standard output, for libavformat. One thread uses it; to a regular file another one, its
+/// own, does the writing. A reader of a pipe may let it wait; once
 /// the signal is raised, one that takes nothing for kGraceMilliseconds counts as a failure, ECANCELED.
 class OutputFile {
 public:
@@ -62,9 +65,11 @@ public:
     AVIOContext* Context() { return context; }
     /// errno of the first write that failed; 0: none.
     int WriteError() const { return writeError; }
-    /// How often the system has taken what was buffered.
-    std::uint64_t Writes() const { return writes; }
-    /// Closes the descriptor; a failure, which some file systems report only here, counts as a write error.
+    /// How many pieces have left the buffer, and how many of those the system has taken.
+    std::uint64_t PiecesSent() const { return sent; }
+    std::uint64_t PiecesWritten() const { return behind != nullptr ? behind->Written() : sent; }
+    /// Waits until all is written and closes the descriptor; a failure, which some file systems report only
+    /// here, counts as a write error.
     void Close();
 
 private:
@@ -74,7 +79,10 @@ private:
     void openNamed();
     bool awaitReader();
     bool waitWritable();
-    int failWrite(int error);
+    int writeRegular(const std::uint8_t* data, int size);
+    int writeOther(const std::uint8_t* data, int size);
+    int noteError(int error);
+    std::int64_t currentSize();
 
     const std::string path;
     const StopSignal& stop;
@@ -84,7 +92,9 @@ private:
     bool created = false;
     bool mayBlock = false;  // the descriptor is shared with others, who may want it to block
     int writeError = 0;
-    std::uint64_t writes = 0;
+    std::uint64_t sent = 0;
+    std::int64_t position = 0;  // of a regular file that is not standard output
+    std::unique_ptr<WriteBehind> behind;
     AVIOContext* context = nullptr;
 };
 

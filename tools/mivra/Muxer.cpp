@@ -227,15 +227,24 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
         return explain(AVERROR(ENOMEM), "");
     }
     stream.handed.push_back({from.ActualSize(), from.Dts()});
-    const std::uint64_t writes = file.Writes();
+    const std::uint64_t sent = file.PiecesSent();
     const MediaCount before = muxed;
     const FfmpegErrorWatch watch(context.get());
     const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), packet.get());
     count();
-    if (file.Writes() != writes) {
-        written = before;  // at least what was there before this one has gone out
+    if (file.PiecesSent() != sent) {
+        onTheirWay.push_back({file.PiecesSent(), before});  // at least what was there before this one
     }
+    settle();
     return code < 0 ? explain(code, watch.FirstError()) : Result::Done;
+}
+
+/// Notes what the file has got meanwhile.
+void Muxer::settle() {
+    while (!onTheirWay.empty() && onTheirWay.front().pieces <= file.PiecesWritten()) {
+        written = onTheirWay.front().media;
+        onTheirWay.erase(onTheirWay.begin());
+    }
 }
 
 /// Takes what libavformat has put together since the last time out of the waiting.
@@ -393,6 +402,7 @@ Muxer::Result Muxer::Finish() {
     if (file.WriteError() != 0) {
         result = fail(writeProblem(path, file.WriteError()));
     }
+    settle();
     written = failed || !headerWritten ? written : muxed;
     return result;
 }

@@ -80,6 +80,7 @@ private:
     Result fail(const Problem& problem);
     Result drain();
     void count();
+    void settle();
 
     const std::string path;
     const OutputFormat& format;
@@ -94,6 +95,11 @@ private:
     std::string error;
     Problem failure;
     MediaCount muxed;  // put together; the end of it may still be in the file's buffer
+    struct Sent {
+        std::uint64_t pieces;  // of the file that hold all of
+        MediaCount media;
+    };
+    std::vector<Sent> onTheirWay;
     MediaCount written;
 };
 

@@ -9,29 +9,11 @@
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/runtime/CritSec.h"
+#include "tools/mivra/Doorbell.h"
 
 namespace Mivra::Tool {
 
 class PacketBudget;
-
-/// Lets one thread sleep until a number that other threads change is right.
-class Doorbell {
-public:
-    /// Sleeps until `isRight` holds, which it looks at after every Ring.
-    template <typename Condition>
-    void WaitUntil(Condition isRight) {
-        for (std::uint32_t before = rings.load(); !isRight(); before = rings.load()) {
-            rings.wait(before);
-        }
-    }
-    void Ring() {
-        rings.fetch_add(1);
-        rings.notify_all();
-    }
-
-private:
-    std::atomic<std::uint32_t> rings{0};
-};
 
 /// Bytes (capacity) that are on their way: lent, and neither given back nor held by a muxer. One thread, that
 /// of the source, may wait until they are few.
