@@ -1,0 +1,267 @@
+// Forms of input, and input that is wrong: the result is defined, the object is as good as new, memory stays
+// small.
+
+#include <cstdint>
+#include <functional>
+#include <random>
+
+#include "mivra/codecs/h264/AnnexB.h"
+#include "mivra/codecs/h264/ParameterSetCoding.h"
+#include "mivra/codecs/h264/PictureParameterSetSyntax.h"
+#include "mivra/codecs/h264/SequenceParameterSetSyntax.h"
+#include "mivra/codecs/h264/SyntaxWriter.h"
+#include "tests/codecs/h264/ParameterSetFixture.h"
+#include "tests/support/FaultInjection.h"
+
+namespace {
+
+using namespace Mivra::Test;
+using namespace Mivra::Codecs::H264;
+
+const char* const Small = "674d0028ed02c12c80";   // id 0, 352 x 288
+const char* const Other = "674d001e5b4142b2";     // id 1, 160 x 160
+const char* const Pps = "68dae3882d80";           // id 0
+const char* const OtherPps = "6800805ae3882d80";  // id 255
+
+Bytes joined(std::initializer_list<Bytes> parts) {
+    Bytes whole;
+    for (const Bytes& part : parts) {
+        append(whole, part);
+    }
+    return whole;
+}
+
+TEST(Parse, ChoosesTheFormByTheFirstByte) {
+    const Bytes sps = fromHex(Small);
+    const Bytes pps = fromHex(Pps);
+    const Bytes other = fromHex(Other);
+    const Bytes otherPps = fromHex(OtherPps);
+    Bytes twoOfEach =
+        joined({{1, 77, 0, 40, 0xFF, 0xE2, 0, 9}, sps, {0, 8}, other, {2, 0, 6}, pps, {0, 8}, otherPps});
+    struct Case {
+        const char* name;
+        Bytes bytes;
+        int flags;
+        int result;
+        int spsId, width;  // 0: no sequence set
+        int ppsRefs;       // num_ref_idx_l0_default_active_minus1 is 1 in both picture sets
+        int ppsId;
+    };
+    const Case cases[] = {
+        {"Annex B, first of each", joined({annexB(sps, pps), {0, 0, 1}, other, {0, 0, 1}, otherPps}), 0, 1, 0,
+         352, 1, 0},
+        {"picture set first", annexB(pps, sps), 0, 1, 0, 352, 1, 0},
+        {"Annex B without sets", {0, 0, 1, 9, 0xF0}, 0, 1, 0, 0, 0, 0},
+        {"zeros", {0, 0, 0, 0}, 0, 1, 0, 0, 0, 0},
+        {"record of two, the first of each", twoOfEach, 0, 1, 0, 352, 1, 0},
+        {"record without sequence set", joined({{1, 77, 0, 40, 0xFF, 0xE0, 1, 0, 6}, pps}), 0, 1, 0, 0, 1, 0},
+        {"record without sets", {1, 77, 0, 40, 0xFF, 0xE0, 0}, 0, 1, 0, 0, 0, 0},
+        {"record of one byte", {1}, 0, 1, 0, 0, 0, 0},
+        {"sets in each other's place", record(pps, sps), 0, 1, 0, 0, 0, 0},
+        {"empty sets", {1, 77, 0, 40, 0xFF, 0xE1, 0, 0, 1, 0, 0}, 0, 1, 0, 0, 0, 0},
+        {"one sequence set", other, 0, 1, 1, 160, 0, 0},
+        {"one picture set", otherPps, 0, 1, 0, 0, 1, 255},
+        {"another unit", {0x65, 0x88, 0x84}, 0, 1, 0, 0, 0, 0},
+        {"negative flags are none", other, -1, 1, 1, 160, 0, 0},
+        // Only the third byte of a prefix counts; every set is read, the last one stays.
+        {"prefixed", joined({{2, 3, 9}, sps, {4, 5, 2}, {0x65, 0x88}, {0, 1, 8}, other, {9, 9, 0}, otherPps}),
+         1, 1, 1, 160, 1, 255},
+        {"prefix of nothing", joined({{2, 0, 9}, sps, {0, 0, 0}}), 1, 1, 0, 352, 0, 0},
+        {"prefix too long", joined({{2, 0, 10}, sps}), 1, -1, 0, 0, 0, 0},
+        {"prefix cut off", joined({{2, 0, 9}, sps, {0, 0}}), 1, -1, 0, 352, 0, 0},
+        // Emulation prevention goes before lengths are looked at: these eleven bytes count as ten.
+        {"prefix of what is left",
+         fromHex("02000b"
+                 "674d0028ec00000300be2259"),
+         1, -1, 0, 0, 0, 0},
+        {"malformed", {0x67, 0x4D}, 0, -1, 0, 0, 0, 0},
+        {"malformed picture set", joined({{2, 0, 9}, sps, {2, 0, 2}, {0x68, 0x00}}), 1, -1, 0, 352, 0, 0},
+        {"malformed in Annex B", annexB({0x67, 0x4D}, pps), 0, 1, 0, 0, 1, 0},
+        {"malformed in a record", record({0x67, 0x4D}, pps), 0, 1, 0, 0, 1, 0},
+        // Zeros behind the trailing bits do no harm, anything else does.
+        {"trailing zeros", joined({sps, {0, 0}}), 0, 1, 0, 352, 0, 0},
+        {"trailing bytes", joined({sps, {1}}), 0, -1, 0, 0, 0, 0},
+    };
+    H264ConfigurationParser parser;
+    for (const Case& wanted : cases) {
+        SCOPED_TRACE(wanted.name);
+        EXPECT_EQ(parse(parser, wanted.bytes, wanted.flags), wanted.result);
+        EXPECT_EQ(parser.GetSpsId(), wanted.spsId);
+        EXPECT_EQ(parser.GetWidth(), wanted.width);
+        EXPECT_EQ(parser.GetPps().num_ref_idx_l0_default_active_minus1, wanted.ppsRefs);
+        EXPECT_EQ(parser.GetPpsId(), wanted.ppsId);
+        EXPECT_EQ(parser.GetPpsSpsId(), 0);
+    }
+    unsigned char byte = 0x67;
+    EXPECT_EQ(parser.Parse(nullptr, 10, 0), -1);
+    EXPECT_EQ(parser.Parse(&byte, 0, 0), -1);
+    EXPECT_EQ(parser.Parse(&byte, -1, 0), -1);
+}
+
+TEST(Parse, RefusesCountsThatTheStandardDoesNotHave) {
+    const std::pair<const char*, const char*> sets[] = {
+        {"seq_parameter_set_id 32", "6742001e043b405808f2"},
+        {"chroma_format_idc 4", "6764001e973680b011e4"},
+        {"bit_depth_luma_minus8 7", "6764001ea113680b011e40"},
+        {"bit_depth_chroma_minus8 7", "6764001ea883680b011e40"},
+        {"max_num_ref_frames 17", "6742001eec2405808f20"},
+        {"pic_order_cnt_type 3", "6742001ec880b011e4"},
+        {"256 frames in the cycle",
+         "6742001ed30080ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffa02c0479"},
+        {"33 schedules", "6742001eed016023d0410806db6db6db6db6db6db6db6db6bbcb8280"},
+        {"nine slice groups", "68d12971c416c0"},
+        {"slice_group_map_type 7", "68d42171c416c0"},
+        {"139265 map units", "68d47000044002b8e20b60"},
+        {"2^32 - 1 map units", "68d470000003001fffffffeb8e20b6"},
+    };
+    for (const auto& [name, set] : sets) {
+        H264ConfigurationParser parser;
+        EXPECT_EQ(parse(parser, fromHex(set)), -1) << name;
+        EXPECT_TRUE(H264ConfigurationParser::IsSpsEqual(parser.GetSps(), SPS264struct()));
+        EXPECT_TRUE(H264ConfigurationParser::IsPpsEqual(parser.GetPps(), PPS264struct()));
+    }
+}
+
+/// Parses what may be anything; a good set then reads as if nothing had been.
+void survives(const Bytes& bytes, int flags) {
+    const std::int64_t allowed =
+        static_cast<std::int64_t>(bytes.size()) * 2 + 65536;  // the copy of the caller too
+    H264ConfigurationParser parser;
+    const AllocationMeter meter;
+    const int result = parse(parser, bytes, flags);
+    ASSERT_TRUE(result == 1 || (result == -1 && (bytes.empty() || bytes[0] > 1)));
+    ASSERT_LE(meter.Peak(), allowed);
+    ASSERT_GE(parser.GetWidth(), 0);
+    ASSERT_GE(parser.GetReorderingQueueDepth(), 0);
+    ASSERT_LE(parser.GetBitrate(), parser.GetMaxBitrate());
+    parser.GetFrameRate();
+    const Bytes good = fromHex(Small);
+    ASSERT_EQ(parse(parser, good), 1);
+    ASSERT_EQ(written(parser), good);
+}
+
+/// Every configuration among the seeds of the fuzz target, which are real and made ones of all kinds.
+void forEachSeed(const std::function<void(const Bytes&)>& body) {
+    int seeds = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(MIVRA_SOURCE_DIR "/fuzz/corpus/h264_parse")) {
+        SCOPED_TRACE(entry.path().filename());
+        body(contentOf(entry.path()));
+        ++seeds;
+    }
+    EXPECT_GE(seeds, 50);
+}
+
+TEST(Parse, SurvivesEveryCut) {
+    forEachSeed([](const Bytes& seed) {
+        for (std::size_t size = 0; size < seed.size(); ++size) {
+            survives({seed.begin(), seed.begin() + static_cast<std::ptrdiff_t>(size)}, 1);
+        }
+    });
+}
+
+TEST(Parse, SurvivesTenThousandMutations) {
+    std::vector<Bytes> seeds;
+    forEachSeed([&](const Bytes& seed) { seeds.push_back(seed); });
+    std::mt19937 random(20260);
+    for (int i = 0; i < 10000; ++i) {
+        Bytes bytes = seeds[random() % seeds.size()];
+        for (unsigned change = random() % 4; change < 4; ++change) {
+            bytes[random() % bytes.size()] ^= static_cast<unsigned char>(1u << random() % 8);
+        }
+        survives(bytes, static_cast<int>(random() % 2));
+    }
+}
+
+/// Writes a set with one of its ue(v) distorted: 2^32 - 1, 0, one more, or the largest.
+class Distorter : public SyntaxWriter {
+public:
+    enum Change { MinusOne, Zero, OneMore, Largest, ChangeCount };
+
+    Distorter(Mivra::Common::EndianBinaryWriter& destination, int target, Change change)
+        : SyntaxWriter(destination), countdown(target), way(change) {}
+
+    void ue(ElementName name, std::int64_t value, std::int64_t max) {
+        if (countdown-- == 0) {
+            const std::int64_t values[] = {0xFFFFFFFF, 0, value + 1, 0xFFFFFFFE};
+            value = values[way];
+        }
+        SyntaxWriter::ue(name, value, max);
+    }
+    bool Done() const { return countdown < 0; }
+
+private:
+    int countdown;
+    Change way;
+};
+
+template <typename Syntax>
+void distortEach(Syntax syntax, unsigned char header) {
+    Bytes bytes(65536);
+    for (int i = 0; i < 4 * Distorter::ChangeCount * 1000; ++i) {
+        auto* packet = new Mivra::Common::PacketBuffer(reinterpret_cast<char*>(bytes.data()), 65536);
+        Mivra::Common::EndianBinaryWriter writer(packet);
+        packet->Release();
+        writer.Write(header);
+        Distorter coder(writer, i / Distorter::ChangeCount,
+                        static_cast<Distorter::Change>(i % Distorter::ChangeCount));
+        syntax(coder);
+        if (!coder.Done()) {
+            return;
+        }
+        coder.trailingBits();
+        survives({bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(writer.Position())}, 0);
+    }
+    FAIL() << "no end of elements";
+}
+
+TEST(Parse, SurvivesEveryWrongCountAndLength) {
+    forEachSeed([](const Bytes& seed) {
+        H264ConfigurationParser parser;
+        parse(parser, seed, 1);
+        const SPS264struct sps = parser.GetSps();
+        const PPS264struct pps = parser.GetPps();
+        distortEach([&](Distorter& coder) { seq_parameter_set_data(coder, sps); }, 0x67);
+        distortEach([&](Distorter& coder) { pic_parameter_set_data(coder, pps, sps.chroma_format_idc); },
+                    0x68);
+    });
+    const Bytes good = joined({{1, 77, 0, 40, 0xFF, 0xE1, 0, 9}, fromHex(Small), {1, 0, 6}, fromHex(Pps)});
+    const Bytes prefixed = joined({{2, 0, 9}, fromHex(Small), {2, 0, 6}, fromHex(Pps)});
+    for (std::size_t at = 0; at < good.size(); ++at) {
+        for (int value = 0; value < 256; ++value) {
+            Bytes wrong = good;
+            wrong[at] = static_cast<unsigned char>(value);
+            survives(wrong, 0);
+            wrong = prefixed;
+            wrong[at % wrong.size()] = static_cast<unsigned char>(value);
+            survives(wrong, 1);
+        }
+    }
+}
+
+TEST(Parse, TakesLittleMemory) {
+    // The largest slice group map, 139264 ids of three bits, as it comes and with a start code in front.
+    PPS264struct pps;
+    pps.num_slice_groups_minus1 = 7;
+    pps.slice_group_map_type = 6;
+    pps.pic_size_in_map_units_minus1 = MaxMapUnits - 1;
+    for (int i = 0; i < MaxMapUnits; ++i) {
+        pps.slice_group_id.Append(i * 5 % 8);
+    }
+    Bytes unit(65536);
+    unit[0] = 0x68;
+    unit.resize(1 + writePictureParameterSet(pps, 1, std::span(unit).subspan(1)));
+    for (const Bytes& bytes : {unit, annexB(fromHex(Small), unit), Bytes(1 << 20, 0x67), Bytes(1 << 20, 0)}) {
+        H264ConfigurationParser parser;
+        Bytes copy = bytes;
+        const AllocationMeter meter;
+        parser.Parse(copy.data(), static_cast<int>(copy.size()), 0);
+        EXPECT_LE(meter.Peak(), static_cast<std::int64_t>(bytes.size()) + 65536);
+        EXPECT_EQ(bytes.size() > 60000 || H264ConfigurationParser::IsPpsEqual(parser.GetPps(), pps), true);
+    }
+    H264ConfigurationParser parser;
+    const FaultPlan noMemory(FaultKind::Allocate, 1);
+    EXPECT_EQ(parser.Parse(unit.data(), static_cast<int>(unit.size()), 0), -1);
+}
+
+}  // namespace
