@@ -41,17 +41,8 @@ struct FirstSets {
 };
 
 FirstSets setsOfStream(Bytes stream) {
-    FirstSets sets;
-    AnnexBUnits units(stream);
-    for (auto unit = units.Next(); unit && (sets.sps.empty() || sets.pps.empty()); unit = units.Next()) {
-        const NalUnitTypes type = nalUnitType(*unit);
-        if (type == NalUnitTypes::SequenceParameterSet && sets.sps.empty()) {
-            sets.sps = *unit;
-        } else if (type == NalUnitTypes::PictureParameterSet && sets.pps.empty()) {
-            sets.pps = *unit;
-        }
-    }
-    return sets;
+    return {findNalUnit(stream, NalUnitTypes::SequenceParameterSet),
+            findNalUnit(stream, NalUnitTypes::PictureParameterSet)};
 }
 
 /// Takes count bytes off the front; empty, and nothing is left, when there are not as many.

@@ -2,6 +2,7 @@
 // codec parsers. There is none for MPEG-2 and MPEG-4: for these every parse counts as failed.
 
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,15 +22,8 @@ bool parseH264(H264ConfigurationParser& parser, char* data, std::int32_t size) {
     return parser.Parse(reinterpret_cast<unsigned char*>(data), size, 0) >= 0;
 }
 
-/// The private data as an AVC decoder configuration record (ISO/IEC 14496-15 5.3.3.1); what is none already
-/// would have to be converted by a parser.
-std::optional<std::string_view> avcRecord(std::string_view privateData) {
-    constexpr char RecordVersion = 1;
-    if (privateData.empty() || privateData.front() != RecordVersion) {
-        return std::nullopt;
-    }
-    return privateData;
-}
+/// First byte of an AVC decoder configuration record (ISO/IEC 14496-15 5.3.3.1).
+constexpr char RecordVersion = 1;
 
 /// Takes one unit behind its 16-bit length off the front; nothing when it is cut off.
 std::optional<std::string_view> takeUnit(std::string_view& data) {
@@ -122,18 +116,26 @@ unsigned MediaType::audioObjectType() const {
     return static_cast<unsigned char>(codecPrivateData[0]) >> 3;
 }
 
-// A record that cannot be made or holds no sequence parameter set leaves its piece out.
+// The sets are told from a record, for which other private data is converted: in a copy, the type's own
+// stays. A record that cannot be made or holds no sequence parameter set leaves the piece out.
 std::string MediaType::codecParameters() const {
     if (codecId != Codec_t::H264) {
         return {};
     }
-    std::string pieces;
-    const std::string_view data(codecPrivateData, static_cast<std::size_t>(codecPrivateDataSize));
-    if (const auto record = avcRecord(data)) {
-        const std::string sets = sdpParameterSets(*record);
-        if (!sets.empty()) {
-            pieces.append("&privateDataSdp=").append(sets);
+    MediaType converted;
+    std::string_view record(codecPrivateData, static_cast<std::size_t>(codecPrivateDataSize));
+    if (record.front() != RecordVersion) {
+        char* copied = allocatePrivateData(codecPrivateDataSize);
+        std::memcpy(copied, codecPrivateData, record.size());
+        converted.replacePrivateData(copied, codecPrivateDataSize);
+        if (H264ConfigurationParser::ConvertPrivateDataToAvc(converted)) {
+            record = {converted.codecPrivateData, static_cast<std::size_t>(converted.codecPrivateDataSize)};
         }
+    }
+    std::string pieces;
+    const std::string sets = record.front() == RecordVersion ? sdpParameterSets(record) : std::string();
+    if (!sets.empty()) {
+        pieces.append("&privateDataSdp=").append(sets);
     }
     return pieces.append("&profileLevel=").append(sixHexDigits(GetProfileLevel()));
 }

@@ -13,6 +13,7 @@ namespace Mivra::Test {
 namespace {
 
 using namespace Common;
+using namespace std::string_literals;
 
 void setPrivateData(MediaType& type, const std::string& bytes) {
     std::free(type.CodecPrivateData());
@@ -228,6 +229,23 @@ TEST(MediaType, DerivesTheProfileLevelFromPrivateData) {
     EXPECT_EQ(type.GetProfileLevel(), 18u) << "cached";
     type.SetProfileLevel(0);
     EXPECT_EQ(type.GetProfileLevel(), 2u) << "0 is not cached";
+    // High 4.0, 1920 x 1080, 68 map units: 32768 / 120 / 68. A set that is cut off tells nothing.
+    const std::string sps = "\x67\x64\x00\x28\xAC\xDA\x01\xE0\x08\x9F\x95"s;
+    for (const std::string& form : {sps, "\0\0\1"s + sps, "\1\x64\0\x28\xFF\xE1\0\x0B"s + sps + "\0"s}) {
+        MediaType video;
+        video.CodecId() = Codec_t::H264;
+        setPrivateData(video, form);
+        EXPECT_EQ(video.GetProfileLevel(), 0x640028u);
+        EXPECT_EQ(video.GetReorderingQueueDepth(), 4);
+        EXPECT_EQ(privateDataOf(video), form);
+        MediaType cut;
+        cut.CodecId() = Codec_t::H264;
+        setPrivateData(cut, sps.substr(0, 10));
+        EXPECT_EQ(cut.GetProfileLevel(), 0u);
+        EXPECT_EQ(cut.GetReorderingQueueDepth(), 0);
+        setPrivateData(cut, form);
+        EXPECT_EQ(cut.GetReorderingQueueDepth(), 0) << "computed once";
+    }
 }
 
 TEST(MediaType, ComputesTheReorderingDepthOnce) {

@@ -205,6 +205,13 @@ TEST(MediaTypeText, WritesTheParameterString) {
          "contentType=Unknown&codecId=H264&bitrate=0&privateData=01&profileLevel=000000"},
         {"codecId=H264&privateData=00000001674d",
          "contentType=Unknown&codecId=H264&bitrate=0&privateData=00000001674d&profileLevel=000000"},
+        // Annex B tells the sets of a record, and stays what it is; a unit alone tells no sets.
+        {"codecId=H264&privateData=0000000167640028acda01e0089f9500000168dae3882d80",
+         "contentType=Unknown&codecId=H264&bitrate=0&privateData="
+         "0000000167640028acda01e0089f9500000168dae3882d80"
+         "&privateDataSdp=Z2QAKKzaAeAIn5U=,aNrjiC2A&profileLevel=640028"},
+        {"codecId=H264&privateData=67640028acda01e0089f95",
+         "contentType=Unknown&codecId=H264&bitrate=0&privateData=67640028acda01e0089f95&profileLevel=640028"},
     };
     for (const Case& c : Cases) {
         const std::string written = MediaType::FromParameterString(c.parameters).ToParameterString();
@@ -225,6 +232,7 @@ TEST(MediaTypeText, NamesTheCodecForContainers) {
     MediaType video = fromHex("H264", "01");
     video.SetProfileLevel(0x640029);
     EXPECT_EQ(video.ToBucketMediaType(), "avc1.640029");
+    EXPECT_EQ(fromHex("H264", "67640028acda01e0089f95").ToBucketMediaType(), "avc1.640028");
 }
 
 // A locale that groups digits and writes a comma changes no text.
