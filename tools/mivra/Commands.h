@@ -14,5 +14,6 @@ using Action = std::function<ExitCode()>;
 
 void addRelayCommand(CLI::App& program, Action& action);
 void addDoctorCommand(CLI::App& program, Action& action);
+void addProbeCommand(CLI::App& program, Action& action);
 
 }  // namespace Mivra::Tool

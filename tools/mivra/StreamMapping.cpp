@@ -47,7 +47,6 @@ void visitEnumerations(Parameters& parameters, Visit visit) {
 }
 
 constexpr const char* kBitRate = "BitRate";
-constexpr const char* kAspectUnknown = "AspectUnknown";
 constexpr const char* kRealFramerateNum = "RealFramerateNum";
 constexpr const char* kRealFramerateDen = "RealFramerateDen";
 constexpr const char* kStreamDuration = "StreamDuration";  // in the input's time base
@@ -95,7 +94,7 @@ void takeVideo(const AVStream& stream, MediaType& type) {
     if (aspect.num > 0 && aspect.den > 0) {
         type.PixelAspectRatio() = Rational(aspect.num, aspect.den);
     } else {
-        type.CodecMetadata()[kAspectUnknown] = 1;
+        type.CodecMetadata()[Key::kAspectUnknown] = 1;
     }
     type.CodecMetadata()[kRealFramerateNum] = stream.r_frame_rate.num;
     type.CodecMetadata()[kRealFramerateDen] = stream.r_frame_rate.den;
@@ -167,7 +166,7 @@ void giveVideo(const MediaType& type, AVStream& stream) {
     }
     stream.r_frame_rate = {static_cast<int>(numberOf(type, kRealFramerateNum, 0)),
                            static_cast<int>(numberOf(type, kRealFramerateDen, 0))};
-    if (numberOf(type, kAspectUnknown, 0) == 0) {
+    if (numberOf(type, Key::kAspectUnknown, 0) == 0) {
         to.sample_aspect_ratio = toAvRational(type.PixelAspectRatio());
     }
     stream.sample_aspect_ratio = to.sample_aspect_ratio;

@@ -13,6 +13,7 @@ inline constexpr const char* kTimeBaseNum = "TimeBaseNum";  ///< Time base of th
 inline constexpr const char* kTimeBaseDen = "TimeBaseDen";
 inline constexpr const char* kCodecTag = "CodecTag";
 inline constexpr const char* kDisposition = "Disposition";  ///< FFmpeg's bits.
+inline constexpr const char* kAspectUnknown = "AspectUnknown";  ///< Not 0: the picture has no aspect ratio.
 }  // namespace Key
 
 /// A description of an input's stream; times are in kPacketTimeBase.

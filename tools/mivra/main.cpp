@@ -119,6 +119,7 @@ ExitCode run(int count, char** words) {
     Action action;
     addRelayCommand(program, action);
     addDoctorCommand(program, action);
+    addProbeCommand(program, action);
     for (CLI::App* command : program.get_subcommands(nullptr)) {
         command->group("Commands");
     }
