@@ -9,6 +9,7 @@
 #include <vector>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 }
 
