@@ -158,14 +158,16 @@ void AvcToAnnexB_filter(benchmark::State& state) {
     countBytes(state, pictures);
 }
 
+/// Into a buffer of the pools, too.
 void copy(benchmark::State& state) {
     const std::vector<Bytes> pictures = group(false, static_cast<int>(state.range(0)));
-    Bytes out(pictures.front().size());
     for (auto _ : state) {
         for (const Bytes& picture : pictures) {
-            std::memcpy(out.data(), picture.data(), picture.size());
-            benchmark::DoNotOptimize(out.data());
+            PacketBuffer* const out = MediaGlobal::LockBuffer(static_cast<int>(picture.size()) + 64);
+            std::memcpy(out->Buffer(), picture.data(), picture.size());
+            benchmark::DoNotOptimize(out->Buffer());
             benchmark::ClobberMemory();
+            out->Release();
         }
     }
     countBytes(state, pictures);

@@ -12,6 +12,10 @@ struct ByteKernels {
     const char* name;
     /// The first 00 00 01 in [begin, end), or end.
     const unsigned char* (*findPrefix)(const unsigned char* begin, const unsigned char* end);
+    /// The same, and copies what is in front of it; may write anything into the first end - begin bytes of
+    /// out.
+    const unsigned char* (*copyToPrefix)(const unsigned char* begin, const unsigned char* end,
+                                         unsigned char* out);
     /// Copies what is not a 03 behind 00 00; may write anything into the first end - begin bytes of out. The
     /// size of the result.
     std::size_t (*removePrevention)(const unsigned char* begin, const unsigned char* end, unsigned char* out);

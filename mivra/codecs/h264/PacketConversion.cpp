@@ -1,10 +1,14 @@
 #include "mivra/codecs/h264/PacketConversion.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
+#include "mivra/codecs/h264/ByteKernels.h"
 #include "mivra/codecs/h264/NalUnitHeader.h"
 #include "mivra/codecs/h264/UnitWalk.h"
 #include "mivra/codecs/h264/UnitWriter.h"
+#include "mivra/common/binary/ByteSwap.h"
 
 namespace Mivra::Codecs::H264 {
 
@@ -78,10 +82,64 @@ private:
     bool pictureSeen = false;
 };
 
+/// Where prefixes are as long as start codes: copies everything at once, and then puts the codes in place.
+/// False when a unit is empty, something is wrong or there is too little room; nothing is taken then.
+bool copyAndRecode(std::span<const unsigned char> in, UnitWriter& writer) {
+    const std::span<unsigned char> copy = writer.RoomBehind(0);
+    if (in.empty() || copy.size() < in.size()) {
+        return false;
+    }
+    std::memcpy(copy.data(), in.data(), in.size());
+    for (std::size_t position = 0; position < in.size();) {
+        if (in.size() - position < LongCode) {
+            return false;
+        }
+        unsigned char* const prefix = copy.data() + position;
+        const std::size_t size = Common::LoadBig<std::uint32_t>(prefix);
+        position += LongCode;
+        if (size == 0 || size > in.size() - position) {
+            return false;
+        }
+        Common::StoreBig<std::uint32_t>(1, prefix);
+        position += size;
+    }
+    writer.TakeWritten(in.size());
+    return true;
+}
+
+struct CopiedUnit {
+    std::size_t size;
+    /// Offset of the next unit, the size of the data when there is none.
+    std::size_t next;
+};
+
+/// Copies the unit that the data begins with as far as there is room, in one look at the bytes; without
+/// trailing zeros it ends at the next start code.
+CopiedUnit copyUnit(std::span<const unsigned char> data, std::span<unsigned char> room) {
+    constexpr std::size_t PrefixSize = 3;
+    const unsigned char* const begin = data.data();
+    const unsigned char* const end = begin + data.size();
+    const unsigned char* const limit = begin + std::min(data.size(), room.size());
+    const unsigned char* prefix = byteKernels().copyToPrefix(begin, limit, room.data());
+    if (prefix == limit && limit != end) {
+        const std::ptrdiff_t across = std::min<std::ptrdiff_t>(limit - begin, PrefixSize - 1);
+        prefix = byteKernels().findPrefix(limit - across, end);
+    }
+    auto size = static_cast<std::size_t>(prefix - begin);
+    const std::size_t next = prefix == end ? data.size() : size + PrefixSize;
+    while (size > 0 && begin[size - 1] == 0) {
+        --size;
+    }
+    return {size, next};
+}
+
 }  // namespace
 
 Conversion convertToAnnexB(std::span<const unsigned char> in, int lengthSize, Common::PacketBuffer& out) {
     UnitWriter writer(out);
+    if (lengthSize == LongCode && copyAndRecode(in, writer)) {
+        return finish(writer, false);
+    }
     UnitWalk units(in, lengthSize);
     while (const auto unit = units.Next()) {
         writer.StartCoded(unit->rest, LongCode);
@@ -107,16 +165,25 @@ Conversion convertToAnnexB(std::span<const unsigned char> in, int lengthSize,
 
 Conversion convertToAvc(std::span<const unsigned char> in, int lengthSize, bool dropParameterSets,
                         Common::PacketBuffer& out) {
-    bool malformed = !beginsWithStartCode(in);
-    UnitWriter writer(out);
-    AnnexBUnits units(in);
-    while (const auto unit = malformed ? std::nullopt : units.Next()) {
-        malformed = std::uint64_t{unit->size()} >> lengthSize * 8 != 0;
-        if (!dropParameterSets || !isParameterSet(nalUnitType(*unit))) {
-            writer.Prefixed(*unit, lengthSize);
-        }
+    if (!beginsWithStartCode(in)) {
+        return Conversion::Malformed;
     }
-    return finish(writer, malformed);
+    const auto prefix = static_cast<std::size_t>(lengthSize);
+    UnitWriter writer(out);
+    const auto first = findStartCode(in);
+    std::span<const unsigned char> rest = first ? in.subspan(first->offset + first->length) : in;
+    while (!rest.empty() && !writer.Full()) {
+        const auto [size, next] = copyUnit(rest, writer.RoomBehind(prefix));
+        const bool dropped = size == 0 || (dropParameterSets && isParameterSet(nalUnitType(rest)));
+        if (!dropped && std::uint64_t{size} >> lengthSize * 8 != 0) {
+            return Conversion::Malformed;
+        }
+        if (!dropped) {
+            writer.PrefixWritten(size, prefix);
+        }
+        rest = rest.subspan(next);
+    }
+    return finish(writer, false);
 }
 
 }  // namespace Mivra::Codecs::H264

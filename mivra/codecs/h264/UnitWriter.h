@@ -28,14 +28,25 @@ public:
         static constexpr unsigned char Code[] = {0, 0, 0, 1};
         put({Code + sizeof Code - codeLength, codeLength}, unit);
     }
-    /// The unit's size fits the prefix of 1 to 4 bytes.
-    void Prefixed(NalUnit unit, int lengthSize) {
-        unsigned char prefix[4];
-        for (int i = 0; i < lengthSize; ++i) {
-            prefix[i] = static_cast<unsigned char>(unit.size() >> (lengthSize - 1 - i) * 8);
-        }
-        put({prefix, static_cast<std::size_t>(lengthSize)}, unit);
+    /// What is left of the room behind a prefix of so many bytes, for the caller to write a unit into.
+    std::span<unsigned char> RoomBehind(std::size_t prefixSize) const {
+        const std::size_t left = room - written;
+        return left > prefixSize ? std::span(next + written + prefixSize, left - prefixSize)
+                                 : std::span<unsigned char>();
     }
+    /// Puts the length in front of a unit that was written into RoomBehind(lengthSize) as far as there was
+    /// room.
+    void PrefixWritten(std::size_t size, std::size_t lengthSize) {
+        full = full || size > RoomBehind(lengthSize).size();
+        if (!full) {
+            for (std::size_t i = lengthSize; i > 0; --i) {
+                next[written++] = static_cast<unsigned char>(size >> (i - 1) * 8);
+            }
+            written += size;
+        }
+    }
+    /// Takes what was written into RoomBehind(0) as it is.
+    void TakeWritten(std::size_t size) { written += size; }
     /// Makes what was written valid data.
     void Commit() {
         out.ActualSize() += static_cast<int>(written);

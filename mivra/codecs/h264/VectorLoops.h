@@ -57,6 +57,7 @@ struct WordVector {
 struct NoOutput {
     template <typename Vector>
     void Put(typename Vector::Register, std::ptrdiff_t) {}
+    void Put(Byte) {}
 };
 
 struct Writer {
@@ -154,17 +155,16 @@ void forEachRegister(Input& in, Output& out, Part part) {
     }
 }
 
-/// Leaves in.next at the third byte of a prefix, or at less than a register.
-template <typename Vector>
-bool findThirdByte(Input& in) {
+/// Leaves in.next at the third byte of a prefix, or at less than a register; what is in front of it goes out.
+template <typename Vector, typename Output>
+bool findThirdByte(Input& in, Output& out) {
     bool found = false;
-    NoOutput none;
-    forEachRegister<Vector, 0xFE>(in, none, [&] {
+    forEachRegister<Vector, 0xFE>(in, out, [&] {
         const std::uint64_t mask = thirdBytes<Vector, 0xFF, 1>(in.next);
-        if (mask != 0) {
-            found = true;
-            in.next += firstPlace<Vector>(mask);
-        }
+        found = mask != 0;
+        const std::ptrdiff_t count = found ? firstPlace<Vector>(mask) : Vector::Width;
+        out.template Put<Vector>(Vector::Load(in.next), count);
+        in.next += found ? count : 0;
         return !found;
     });
     return found;
@@ -227,20 +227,29 @@ Input begin(const Byte* first, const Byte* end, Output& out) {
 /// The kernels made of vectors, each dealing with what the one before has left, the last bytes one by one.
 template <typename... Vectors>
 struct Loops {
-    static const Byte* FindPrefix(const Byte* first, const Byte* end) {
-        if (end - first < 3) {
-            return end;
-        }
-        Input in{first + 2, end, nullptr};
-        if ((findThirdByte<Vectors>(in) || ...)) {
+    template <typename Output>
+    static const Byte* Find(const Byte* first, const Byte* end, Output& out) {
+        Input in = begin(first, end, out);
+        if ((findThirdByte<Vectors>(in, out) || ...)) {
             return in.next - 2;
         }
         for (; in.next != end; ++in.next) {
             if (in.BehindZeros() && *in.next == 1) {
                 return in.next - 2;
             }
+            out.Put(*in.next);
         }
         return end;
+    }
+
+    static const Byte* FindPrefix(const Byte* first, const Byte* end) {
+        NoOutput none;
+        return Find(first, end, none);
+    }
+
+    static const Byte* CopyToPrefix(const Byte* first, const Byte* end, Byte* memory) {
+        Writer out{memory};
+        return Find(first, end, out);
     }
 
     static std::size_t RemovePrevention(const Byte* first, const Byte* end, Byte* memory) {
@@ -281,7 +290,7 @@ struct Loops {
     }
 
     static constexpr ByteKernels Kernels(const char* name) {
-        return {name, FindPrefix, RemovePrevention, PreventedSize, InsertPrevention};
+        return {name, FindPrefix, CopyToPrefix, RemovePrevention, PreventedSize, InsertPrevention};
     }
 };
 

@@ -58,6 +58,9 @@ public:
             ASSERT_EQ(static_cast<std::size_t>(path.findPrefix(begin, end) - begin),
                       Mivra::Test::ReferencePrefix(in));
             unsigned char* out = output.Place(in.size(), atEnd);
+            ASSERT_EQ(static_cast<std::size_t>(path.copyToPrefix(begin, end, out) - begin),
+                      Mivra::Test::ReferencePrefix(in));
+            ASSERT_TRUE(std::equal(begin, begin + Mivra::Test::ReferencePrefix(in), out));
             ASSERT_EQ(path.removePrevention(begin, end, out), removed.size());
             ASSERT_TRUE(std::equal(removed.begin(), removed.end(), out));
             ASSERT_EQ(path.preventedSize(begin, end), inserted.size());
