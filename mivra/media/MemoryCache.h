@@ -11,7 +11,7 @@ public:
     using SampleCache::SampleCache;
 
 protected:
-    bool store(Held& held, Common::PacketBuffer* sample) override {
+    bool store(const Track&, Held& held, Common::PacketBuffer* sample) override {
         hold(held, sample);
         return true;
     }

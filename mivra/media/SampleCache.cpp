@@ -1,6 +1,7 @@
 #include "mivra/media/SampleCache.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -14,10 +15,19 @@ using Common::LogLine;
 using Common::PacketBuffer;
 using Common::Reference;
 
+namespace {
+
+constexpr std::size_t kLongestName = 512;  // in the log
+
+}  // namespace
+
 SampleCache::SampleCache(std::int64_t longest, const std::vector<Source>& sources) : duration(longest) {
     tracks.reserve(sources.size());
     for (const Source& source : sources) {
-        tracks.push_back({SourceClock(source.timescales), source.videoStream, {}});
+        tracks.push_back({SourceClock(source.timescales),
+                          source.videoStream,
+                          static_cast<int>(source.timescales.size()),
+                          {}});
         hasVideo = hasVideo || source.videoStream >= 0;
     }
 }
@@ -28,12 +38,15 @@ void SampleCache::Append(std::size_t source, PacketBuffer* sample, std::int64_t 
     Track& track = tracks[source];
     Held held = arrive(track, *sample, now);
     trim(track);
-    const bool begins = held.entry && (track.videoStream >= 0 || !hasVideo || firstKey() != nullptr);
-    if (track.samples.empty() && !begins) {
+    if (!mayKeep(track, held)) {
         return;
     }
     try {
-        if (!store(held, sample)) {
+        if (!store(track, held, sample)) {
+            return;
+        }
+        if (!mayKeep(track, held)) {  // what it follows had to go
+            forget(held);
             return;
         }
         track.samples.push_back(std::move(held));
@@ -70,7 +83,7 @@ SampleCache::Take SampleCache::TakeFirst(Taken& taken) {
             LogLine(FileLog::Error, "MediaSession::writeBuffer: buffer exhaustion");
             return Take::NoMemory;
         }
-        if (sample) {
+        if (sample && sample->StreamIndex() >= 0 && sample->StreamIndex() < track->streamCount) {
             dropFirst(*track);
             taken.source = static_cast<std::size_t>(track - tracks.data());
             taken.sample = std::move(sample);
@@ -81,14 +94,17 @@ SampleCache::Take SampleCache::TakeFirst(Taken& taken) {
     return Take::Empty;
 }
 
-CacheTime SampleCache::FirstTime() const {
-    const Held* first = nullptr;
+void SampleCache::LogTaking() const {
+    CacheTime from = 0;
+    std::uint64_t first = UINT64_MAX;
     for (const Track& track : tracks) {
-        if (!track.samples.empty() && (first == nullptr || track.samples.front().number < first->number)) {
-            first = &track.samples.front();
+        if (!track.samples.empty() && track.samples.front().number < first) {
+            first = track.samples.front().number;
+            from = track.samples.front().time;
         }
     }
-    return first == nullptr ? 0 : first->time;
+    LogLine(FileLog::Debug, "MediaSession::writeBuffer: Writing cached buffer from %lld to the end",
+            static_cast<long long>(from));
 }
 
 std::string SampleCache::TakeProblem() {
@@ -112,9 +128,9 @@ void SampleCache::dropGroup(Track& track) {
         return;
     }
     const CacheTime time = track.samples.front().time;
-    std::string name;
+    char name[kLongestName] = "";
     if (track.videoStream >= 0) {
-        name = nameOf(track.samples.front());
+        std::snprintf(name, sizeof name, "%s", nameOf(track.samples.front()));
     }
     int dropped = 0;
     do {
@@ -124,7 +140,7 @@ void SampleCache::dropGroup(Track& track) {
     if (track.videoStream >= 0) {
         LogLine(FileLog::Debug,
                 "MediaSession::processSourceSample: Remove keyframe %lld, file %s, flushed %d frames",
-                static_cast<long long>(time), name.c_str(), dropped);
+                static_cast<long long>(time), name, dropped);
     }
 }
 
@@ -142,14 +158,23 @@ void SampleCache::alignOthers() {
     }
 }
 
-void SampleCache::report(std::string text) {
+void SampleCache::report(std::string_view text) noexcept {
     if (problem.empty()) {
-        problem = std::move(text);
+        try {
+            problem = text;
+        } catch (const std::bad_alloc&) {
+            problem = "Out of memory";  // short enough to need none
+        }
     }
 }
 
 bool SampleCache::isEntry(const Track& track, PacketBuffer& sample) const {
     return track.videoStream < 0 || (sample.StreamIndex() == track.videoStream && sample.KeyFrame());
+}
+
+// Only an entry may be the first of its track, and where video leads, only behind a key frame.
+bool SampleCache::mayKeep(const Track& track, const Held& held) const {
+    return !track.samples.empty() || leads(track, held) || (held.entry && firstKey() != nullptr);
 }
 
 SampleCache::Held SampleCache::arrive(Track& track, PacketBuffer& sample, std::int64_t now) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "mivra/common/buffers/PacketBuffer.h"
@@ -55,8 +56,8 @@ public:
     Take TakeFirst(Taken& taken);
     /// Samples that are held.
     std::size_t Count() const { return count; }
-    /// The moment of the earliest sample on its source's clock; 0 when there is none.
-    CacheTime FirstTime() const;
+    /// Tells the log that the samples will be taken now.
+    virtual void LogTaking() const;
     /// What went wrong since the last call, in words for the application; empty when nothing did.
     std::string TakeProblem();
 
@@ -75,12 +76,13 @@ protected:
     struct Track {
         SourceClock clock;
         int videoStream;
+        int streamCount;
         std::deque<Held> samples;
     };
 
     /// Puts a sample away; std::bad_alloc when there is no memory. False: it is lost, and the kind has
     /// already dropped what cannot stay without it.
-    virtual bool store(Held& held, Common::PacketBuffer* sample) = 0;
+    virtual bool store(const Track& track, Held& held, Common::PacketBuffer* sample) = 0;
     /// The sample itself; null when it is lost. std::bad_alloc when there is no memory.
     virtual Common::Reference<Common::PacketBuffer> load(const Held& held) = 0;
     /// A sample has left the cache, or is about to be destroyed.
@@ -96,8 +98,13 @@ protected:
     /// without video keep step only after alignOthers.
     void dropGroup(Track& track);
     void alignOthers();
-    void report(std::string text);
+    void report(std::string_view text) noexcept;
     bool isLive(const Held& held) const { return held.number >= firstLive; }
+    /// Whether the whole may begin with this sample.
+    bool leads(const Track& track, const Held& held) const {
+        return held.entry && (track.videoStream >= 0 || !hasVideo);
+    }
+    Track* earliest();
 
     std::vector<Track> tracks;
 
@@ -105,8 +112,8 @@ private:
     bool isEntry(const Track& track, Common::PacketBuffer& sample) const;
     Held arrive(Track& track, Common::PacketBuffer& sample, std::int64_t now);
     void trim(Track& track);
+    bool mayKeep(const Track& track, const Held& held) const;
     void dropFirst(Track& track);
-    Track* earliest();
     const Held* firstKey() const;
 
     const std::int64_t duration;

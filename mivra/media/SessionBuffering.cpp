@@ -4,6 +4,7 @@
 
 #include "mivra/common/model/MediaTime.h"
 #include "mivra/common/runtime/GlobalLog.h"
+#include "mivra/media/DiskCache.h"
 #include "mivra/media/MemoryCache.h"
 #include "mivra/media/Notification.h"
 #include "mivra/media/SessionCore.h"
@@ -30,7 +31,11 @@ void SessionCore::makeCache() {
         kinds.push_back({record->timescales, record->videoStream});
     }
     written = 0;
-    cache = std::make_unique<MemoryCache>(bufferDuration, kinds);
+    if (bufferingType == MediaSession::BufferingType::Disk) {
+        cache = std::make_unique<DiskCache>(bufferDuration, kinds, bufferFolder);
+    } else {
+        cache = std::make_unique<MemoryCache>(bufferDuration, kinds);
+    }
 }
 
 bool SessionCore::bufferSample(const MediaSourceState& source, const SampleQueue::Item& item,
@@ -71,8 +76,7 @@ SessionCore::Drain SessionCore::writeSample() {
             return Drain::Waits;
         }
         writing = true;
-        LogLine(FileLog::Debug, "MediaSession::writeBuffer: Writing cached buffer from %lld to the end",
-                static_cast<long long>(cache->FirstTime()));
+        cache->LogTaking();
     }
     SampleCache::Taken taken;
     switch (cache->TakeFirst(taken)) {

@@ -8,6 +8,7 @@
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/common/runtime/ThreadHelper.h"
+#include "mivra/media/CacheFiles.h"
 #include "mivra/media/SessionTime.h"
 #include "mivra/platform/System.h"
 
@@ -52,7 +53,9 @@ void unhook(MediaSinkState& record) {
 }  // namespace
 
 SessionCore::SessionCore(MediaSession* session)
-    : lastTimeoutCheck(Common::MediaTime::Get(kTimescale)), shell(session) {}
+    : bufferFolder(CacheFiles::DefaultFolder()),
+      lastTimeoutCheck(Common::MediaTime::Get(kTimescale)),
+      shell(session) {}
 
 SessionCore::~SessionCore() = default;
 

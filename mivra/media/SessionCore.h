@@ -176,8 +176,9 @@ private:
     Common::CritSec lock;
     std::atomic<int> lockWanted{0};
     const Common::Guid uniqueId = Common::Guid::NewGuid();
-    Common::WakeEvent lockFree;   // the lock was given back, or the session ends
-    Common::WakeEvent lockTaken;  // somebody who wanted it has it
+    const std::string bufferFolder;  // empty: there is none to be had
+    Common::WakeEvent lockFree;      // the lock was given back, or the session ends
+    Common::WakeEvent lockTaken;     // somebody who wanted it has it
 
     int lockDepth MIVRA_GUARDED_BY(lock) = 0;
     std::map<Common::Guid, MediaSourceState> sources MIVRA_GUARDED_BY(lock);

@@ -1,5 +1,6 @@
 #include "mivra/platform/System.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
@@ -10,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace Mivra::Platform {
 namespace {
@@ -33,11 +35,25 @@ int openFile(const char* path, int flags, mode_t mode) {
 
 int lockFileRange(int descriptor, RangeLock operation, off_t start, off_t length) {
     struct flock range {};
-    range.l_type = operation == RangeLock::Exclusive ? F_WRLCK : F_UNLCK;
+    range.l_type = operation == RangeLock::Unlock ? F_UNLCK : F_WRLCK;
     range.l_whence = SEEK_SET;
     range.l_start = start;
     range.l_len = length;
-    return ::fcntl(descriptor, F_OFD_SETLKW, &range);
+    return ::fcntl(descriptor, operation == RangeLock::TryExclusive ? F_OFD_SETLK : F_OFD_SETLKW, &range);
+}
+
+int listEntries(const char* path, void (*visit)(const char* name, void* context), void* context) {
+    DIR* const folder = ::opendir(path);
+    if (folder == nullptr) {
+        return -1;
+    }
+    // readdir is safe where every thread has a stream of its own.
+    while (const dirent* const entry = ::readdir(folder)) {  // NOLINT(concurrency-mt-unsafe)
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            visit(entry->d_name, context);
+        }
+    }
+    return ::closedir(folder);
 }
 
 // dlerror keeps its text for each thread.
@@ -84,6 +100,8 @@ constinit SystemTable g_system = {
     .read = ::read,
     .write = ::write,
     .readAt = ::pread,
+    .readPairAt = [](int descriptor, const iovec* pair,
+                     off_t offset) { return ::preadv(descriptor, pair, 2, offset); },
     .writeAt = ::pwrite,
     .seek = ::lseek,
     .truncate = ::ftruncate,
@@ -93,6 +111,7 @@ constinit SystemTable g_system = {
     .rename = ::rename,
     .unlink = ::unlink,
     .makeDirectory = ::mkdir,
+    .listDirectory = listEntries,
     .lockRange = lockFileRange,
     .openLibrary = ::dlopen,
     .findSymbol = ::dlsym,

@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cstddef>
@@ -17,7 +18,7 @@
 namespace Mivra::Platform {
 
 /// What lockRange does with a range of bytes of an open file.
-enum class RangeLock { Exclusive, Unlock };
+enum class RangeLock { Exclusive, TryExclusive, Unlock };
 
 struct SystemTable {
     // Files. Descriptors are opened close-on-exec by the default entry.
@@ -26,6 +27,8 @@ struct SystemTable {
     ssize_t (*read)(int descriptor, void* data, std::size_t size);
     ssize_t (*write)(int descriptor, const void* data, std::size_t size);
     ssize_t (*readAt)(int descriptor, void* data, std::size_t size, off_t offset);
+    /// Into first, then into second, without a gap in the file.
+    ssize_t (*readPairAt)(int descriptor, const iovec* pair, off_t offset);
     ssize_t (*writeAt)(int descriptor, const void* data, std::size_t size, off_t offset);
     off_t (*seek)(int descriptor, off_t offset, int whence);
     int (*truncate)(int descriptor, off_t length);
@@ -35,7 +38,10 @@ struct SystemTable {
     int (*rename)(const char* from, const char* to);
     int (*unlink)(const char* path);
     int (*makeDirectory)(const char* path, mode_t mode);
-    /// An open-file-description lock; waits until the range is free. 0 or -1 with errno.
+    /// Calls visit(name, context) for every entry of a folder but "." and "..". 0 or -1 with errno.
+    int (*listDirectory)(const char* path, void (*visit)(const char* name, void* context), void* context);
+    /// An open-file-description lock; waits until the range is free, but TryExclusive, which fails with
+    /// EAGAIN then. 0 or -1 with errno.
     int (*lockRange)(int descriptor, RangeLock operation, off_t start, off_t length);
 
     // Dynamic libraries.

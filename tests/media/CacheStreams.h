@@ -3,7 +3,10 @@
 // Random streams for a cache, and what a cache must make of them, worked out the slow way.
 
 #include <algorithm>
+#include <any>
+#include <array>
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>

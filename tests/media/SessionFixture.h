@@ -1,15 +1,31 @@
 #pragma once
 
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "tests/media/Fakes.h"
+#include "tests/support/TempFolder.h"
 
 namespace Mivra::Test {
 
 /// A session with scripted members, numbered ids in the order in which they are made, and what it reports.
 class SessionTest : public MediaTest {
 protected:
-    SessionTest() { Renew(); }
+    SessionTest() {
+        ::setenv("XDG_DATA_HOME", dataHome.Path().c_str(), 1);
+        Renew();
+    }
+    ~SessionTest() override {
+        session.reset();
+        EXPECT_EQ(BufferFiles(), 0);
+    }
+    /// Files in the folder in which sessions buffer on disk.
+    int BufferFiles() const {
+        const std::string folder = dataHome / "Mivrasoft/buffer";
+        if (!std::filesystem::exists(folder)) return 0;
+        return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
+    }
 
     enum class Timeouts { Default, Never };
     /// A fresh session without members; one that never times out bears a machine that is busy for seconds.
@@ -62,6 +78,7 @@ protected:
                session->State() == MediaState::Stopped;
     }
 
+    const TempFolder dataHome;
     std::unique_ptr<Media::MediaSession> session;
     std::vector<std::string> nonFatal;
 

@@ -115,8 +115,10 @@ const bool s_installed = [] {
     using T = SystemTable;
     using enum FaultKind;
     Stand<Open, &T::open>::install();
+    Stand<Open, &T::listDirectory>::install();
     Stand<Read, &T::read>::install();
     Stand<Read, &T::readAt>::install();
+    Stand<Read, &T::readPairAt>::install();
     Stand<Write, &T::write>::install();
     Stand<Write, &T::writeAt>::install();
     Stand<Seek, &T::seek>::install();

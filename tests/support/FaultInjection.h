@@ -10,8 +10,8 @@
 namespace Mivra::Test {
 
 enum class FaultKind {
-    Open,
-    Read,   // read and readAt
+    Open,   // open and listDirectory
+    Read,   // read, readAt and readPairAt
     Write,  // write and writeAt
     Seek,
     Truncate,
