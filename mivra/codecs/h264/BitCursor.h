@@ -3,7 +3,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <span>
 
 #include "mivra/common/binary/ByteSwap.h"
@@ -15,7 +14,7 @@ namespace Mivra::Codecs::H264 {
 class BitCursor {
 public:
     explicit BitCursor(std::span<const unsigned char> bytes, unsigned startBit = 0)
-        : data(bytes.data()), size(bytes.size()), position(startBit) {}
+        : data(bytes.data()), size(bytes.size()), position(startBit), tail(lastBytes(bytes)) {}
 
     bool Failed() const { return failed; }
     void Fail() {
@@ -55,20 +54,20 @@ private:
         const std::size_t byte = position >> 3;
         const std::size_t left = size - byte;
         const std::uint64_t word =
-            left >= 8 ? Common::LoadBig<std::uint64_t>(data + byte) : lastBytes(byte, left);
+            left >= 8 ? Common::LoadBig<std::uint64_t>(data + byte) : (tail << 8) << (56 - 8 * left);
         return word << (position & 7);
     }
 
-    std::uint64_t lastBytes(std::size_t byte, std::size_t left) const {
-        if (left == 0) {
-            return 0;
+    /// The last eight bytes, or as many as there are, the last one lowest.
+    static std::uint64_t lastBytes(std::span<const unsigned char> bytes) {
+        if (bytes.size() >= 8) [[likely]] {
+            return Common::LoadBig<std::uint64_t>(bytes.data() + bytes.size() - 8);
         }
-        if (size >= 8) {
-            return Common::LoadBig<std::uint64_t>(data + size - 8) << (64 - 8 * left);
+        std::uint64_t word = 0;
+        for (const unsigned char byte : bytes) {
+            word = word << 8 | byte;
         }
-        unsigned char bytes[8] = {};
-        std::memcpy(bytes, data + byte, left);
-        return Common::LoadBig<std::uint64_t>(bytes);
+        return word;
     }
 
     bool advance(unsigned count) {
@@ -103,6 +102,7 @@ private:
     const unsigned char* data;
     std::size_t size;
     std::size_t position;
+    std::uint64_t tail;
     bool failed = false;
 };
 

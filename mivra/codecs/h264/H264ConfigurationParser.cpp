@@ -158,9 +158,9 @@ bool isIntraOnly(const SPS264struct& sps) {
 }  // namespace
 
 int H264ConfigurationParser::Parse(unsigned char* data, int size, int flags) {
-    sps = NoSps;
+    clear(sps);
+    clear(pps);
     spsHeader = DefaultSpsHeader;
-    pps = NoPps;
     input = data;
     inputSize = size;
     if (data == nullptr || size < 1) {

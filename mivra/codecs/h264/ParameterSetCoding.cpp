@@ -1,9 +1,9 @@
 #include "mivra/codecs/h264/ParameterSetCoding.h"
 
-#include "mivra/codecs/h264/ParameterSetElements.h"
+#include <cstring>
+
 #include "mivra/codecs/h264/PictureParameterSetSyntax.h"
 #include "mivra/codecs/h264/SequenceParameterSetSyntax.h"
-#include "mivra/codecs/h264/SyntaxLister.h"
 #include "mivra/codecs/h264/SyntaxReader.h"
 #include "mivra/codecs/h264/SyntaxWriter.h"
 #include "mivra/common/buffers/PacketBuffer.h"
@@ -11,10 +11,17 @@
 
 namespace Mivra::Codecs::H264 {
 
+namespace {
+
 const SPS264struct NoSps;
 const PPS264struct NoPps;
 
-namespace {
+/// Copies plain members back from the default record, from an offset to another.
+template <typename Set>
+void restore(Set& set, const Set& standard, std::size_t from, std::size_t to) {
+    std::memcpy(reinterpret_cast<char*>(&set) + from, reinterpret_cast<const char*>(&standard) + from,
+                to - from);
+}
 
 template <typename Body>
 std::size_t writeBits(std::span<unsigned char> bytes, Body body) {
@@ -30,23 +37,53 @@ std::size_t writeBits(std::span<unsigned char> bytes, Body body) {
 
 }  // namespace
 
-bool readSequenceParameterSet(std::span<const unsigned char> rbsp, SPS264struct& sps) {
-    sps = NoSps;
+void clear(SPS264struct& sps) {
+    using Sps = SPS264struct;
+    if (sps.vui_parameters_present_flag != 0) {
+        sps.vui_parameters = NoSps.vui_parameters;
+    }
+    if (sps.num_ref_frames_in_pic_order_cnt_cycle != 0) {
+        restore(sps, NoSps, offsetof(Sps, offset_for_ref_frame), offsetof(Sps, max_num_ref_frames));
+    }
+    if (sps.seq_scaling_matrix_present_flag != 0) {
+        restore(sps, NoSps, offsetof(Sps, delta_scale_4x4), offsetof(Sps, log2_max_frame_num_minus4));
+    }
+    restore(sps, NoSps, 0, offsetof(Sps, delta_scale_4x4));
+    restore(sps, NoSps, offsetof(Sps, log2_max_frame_num_minus4), offsetof(Sps, offset_for_ref_frame));
+    restore(sps, NoSps, offsetof(Sps, max_num_ref_frames), offsetof(Sps, vui_parameters));
+}
+
+void clear(PPS264struct& pps) {
+    using Pps = PPS264struct;
+    if (pps.slice_group_id.Size() != 0) {
+        pps.slice_group_id = SliceGroupIds();
+    }
+    if (pps.pic_scaling_matrix_present_flag != 0) {
+        restore(pps, NoPps, offsetof(Pps, delta_scale_4x4), offsetof(Pps, second_chroma_qp_index_offset));
+    }
+    restore(pps, NoPps, 0, offsetof(Pps, slice_group_id));
+    restore(pps, NoPps, offsetof(Pps, num_ref_idx_l0_default_active_minus1), offsetof(Pps, delta_scale_4x4));
+    pps.second_chroma_qp_index_offset = 0;
+}
+
+// In one piece, so that the cursor stays in registers: a fifth of the time.
+[[gnu::flatten]] bool readSequenceParameterSet(std::span<const unsigned char> rbsp, SPS264struct& sps) {
+    clear(sps);
     SyntaxReader coder(rbsp);
     seq_parameter_set_data(coder, sps);
     if (!coder.IsWhole()) {
-        sps = NoSps;
+        clear(sps);
         return false;
     }
     return true;
 }
 
 bool readPictureParameterSet(std::span<const unsigned char> rbsp, int chroma_format_idc, PPS264struct& pps) {
-    pps = NoPps;
+    clear(pps);
     SyntaxReader coder(rbsp);
     pic_parameter_set_data(coder, pps, chroma_format_idc);
     if (!coder.IsWhole()) {
-        pps = NoPps;
+        clear(pps);
         return false;
     }
     return true;
@@ -60,20 +97,6 @@ std::size_t writePictureParameterSet(const PPS264struct& pps, int chroma_format_
                                      std::span<unsigned char> rbsp) {
     return writeBits(rbsp,
                      [&](SyntaxWriter& coder) { pic_parameter_set_data(coder, pps, chroma_format_idc); });
-}
-
-std::vector<ParameterSetElement> ElementsOf(const SPS264struct& sps) {
-    std::vector<ParameterSetElement> list;
-    SyntaxLister coder(list);
-    seq_parameter_set_data(coder, sps);
-    return list;
-}
-
-std::vector<ParameterSetElement> ElementsOf(const PPS264struct& pps, int chroma_format_idc) {
-    std::vector<ParameterSetElement> list;
-    SyntaxLister coder(list);
-    pic_parameter_set_data(coder, pps, chroma_format_idc);
-    return list;
 }
 
 }  // namespace Mivra::Codecs::H264

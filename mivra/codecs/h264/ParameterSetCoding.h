@@ -9,9 +9,10 @@ namespace Mivra::Codecs::H264 {
 
 // Parameter sets from and to payloads: without header byte and emulation prevention, with trailing bits.
 
-/// Sets that were not read, to copy from.
-extern const SPS264struct NoSps;
-extern const PPS264struct NoPps;
+/// Makes a default record of one that these functions filled: the large arrays, which few sets use, are
+/// touched only where the set says that it does.
+void clear(SPS264struct& sps);
+void clear(PPS264struct& pps);
 
 /// False when the payload is malformed; the set is then a default one. Zero bytes behind the trailing bits do
 /// no harm.

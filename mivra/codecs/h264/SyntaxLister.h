@@ -36,13 +36,7 @@ public:
     void infer(std::int32_t, std::int32_t) {}
 
 private:
-    void add(ElementName name, std::int64_t value) {
-        std::string text = name.name;
-        if (name.index != ElementName::NoIndex) {
-            text.append("[").append(std::to_string(name.index)).append("]");
-        }
-        list.push_back({std::move(text), value});
-    }
+    void add(ElementName name, std::int64_t value);
 
     std::vector<ParameterSetElement>& list;
 };
