@@ -11,18 +11,21 @@ import aac_checks
 import comparison
 import h264_checks
 import streams
+import tool_checks
 
 
 def main():
     program, tool, folder, document = map(pathlib.Path, sys.argv[1:])
     compare, driver = comparison.Comparison(), comparison.Driver(program)
-    every = streams.make(folder)
-    for stream, place in every:
-        checks = h264_checks if isinstance(stream, streams.Video) else aac_checks
-        checks.check(compare, driver, checks.Stream(stream, place))
+    videos, audios = [], []
+    for stream, place in streams.make(folder):
+        checks, kind = (h264_checks, videos) if isinstance(stream, streams.Video) else (aac_checks, audios)
+        kind.append(checks.Stream(stream, place))
+        checks.check(compare, driver, kind[-1])
     compare.same("the driver", "exit code", driver.end(), 0)
-    print(len(every), "streams")
-    return compare.finish(document, least=100 * len(every))
+    tool_checks.check(compare, tool_checks.Tool(tool), videos, audios)
+    print(len(videos) + len(audios), "streams")
+    return compare.finish(document, least=100 * len(videos))
 
 
 sys.exit(main())

@@ -38,6 +38,13 @@ def codecs(folder):
     return re.search(r'codecs="([^"]*)"', (folder / "stream.mpd").read_text())[1]
 
 
+def session(lines):
+    """{parameter: value} of the media of a session description, its coding among them."""
+    attributes = dict(line[2:].split(":", 1) for line in lines if line.startswith("a="))
+    told = dict(one.strip().split("=", 1) for one in attributes["fmtp"].split(" ", 1)[1].split(";"))
+    return {"coding": attributes["rtpmap"].split(" ")[1].lower(), **told}
+
+
 def _box(body, name):
     """The payload of the first box of the name; what FFmpeg writes for one track holds each name once."""
     at = body.index(name) + 4

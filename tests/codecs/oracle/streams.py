@@ -1,16 +1,16 @@
 """The streams that the oracle tests read, and what FFmpeg says of each: made once, kept in the build folder.
 
 A folder a stream. H.264: stream.h264, stream.mp4, again.h264 (the MP4 taken back to a byte stream), bare.mp4
-(without parameter sets in the samples), filled.h264 (that taken back), stream.mpd, trace.txt (trace_headers),
-probe.json, cropped.h264 and aspect.h264 (edits by h264_metadata). AAC: stream.m4a,
-stream.aac (ADTS), again.m4a (the
-ADTS taken back), stream.mpd, probe.json. MIVRA_SOAK=1 makes a wider matrix."""
+(without parameter sets in the samples), filled.h264 (that taken back), trace.txt (trace_headers), cropped.h264 and
+aspect.h264 (edits by h264_metadata). AAC: stream.m4a, stream.aac (ADTS), again.m4a (the ADTS taken back). Both:
+stream.mpd, stream.sdp, probe.json. MIVRA_SOAK=1 makes a wider matrix."""
 
 import hashlib
 import itertools
 import os
 import pathlib
 import shutil
+import socket
 import subprocess
 import tempfile
 from dataclasses import dataclass, field
@@ -159,6 +159,18 @@ def _copies(made, source, outputs):
     return ffmpeg(*inputs, *words, level="info")
 
 
+def _describe_sessions(made, source):
+    """What the RTP muxer would tell receivers; its packets go to a socket of ours."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver:
+        receiver.bind(("127.0.0.1", 0))
+        port = receiver.getsockname()[1]
+        description = made[0][1] / "sessions.sdp"
+        _copies(made, source, lambda _, folder: [
+            ("-f", "rtp", "-sdp_file", description, f"rtp://127.0.0.1:{port}?rtcpport={port}")])
+    for (_, folder), media in zip(made, description.read_text().split("\nm=")[1:], strict=True):
+        (folder / "stream.sdp").write_text("m=" + media)
+
+
 def _make_videos(made):
     inputs = [word for video, _ in made for word in
               ("-f", "lavfi", "-i", f"testsrc=s={video.size}:r={video.rate},trim=end_frame=5")]
@@ -185,6 +197,7 @@ def _make_videos(made):
     for source, target in (("stream", "again"), ("bare", "filled")):
         _copies(made, source + ".mp4", lambda _, folder: [
             ("-bsf:v", "h264_mp4toannexb", "-f", "h264", folder / (target + ".h264"))])
+    _describe_sessions(made, "stream.h264")
     for _, folder in made:
         _probe(folder / "stream.h264")
 
@@ -198,6 +211,7 @@ def _make_audios(made):
     _copies(made, "stream.m4a", lambda _, folder: [
         ("-f", "adts", folder / "stream.aac"), ("-f", "dash", folder / "stream.mpd")])
     _copies(made, "stream.aac", lambda _, folder: [("-bsf:a", "aac_adtstoasc", folder / "again.m4a")])
+    _describe_sessions(made, "stream.m4a")
     for _, folder in made:
         _probe(folder / "stream.m4a")
 
