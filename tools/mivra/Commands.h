@@ -15,5 +15,7 @@ using Action = std::function<ExitCode()>;
 void addRelayCommand(CLI::App& program, Action& action);
 void addDoctorCommand(CLI::App& program, Action& action);
 void addProbeCommand(CLI::App& program, Action& action);
+void addConvertCommand(CLI::App& program, Action& action);
+void addSpsCommand(CLI::App& program, Action& action);
 
 }  // namespace Mivra::Tool

@@ -42,6 +42,7 @@ constexpr OutputFormat kFormats[] = {
     {".flv", "flv", 1, 1, kFlashCodecs},
     {".h264", "h264", 1, 0, kH264},
     {".aac", "adts", 0, 1, kAac},
+    {".m4a", "ipod", 0, kAny, kAac},
 };
 
 constexpr std::int64_t kDefaultStreamBonus = 5000000;

@@ -120,6 +120,8 @@ ExitCode run(int count, char** words) {
     addRelayCommand(program, action);
     addDoctorCommand(program, action);
     addProbeCommand(program, action);
+    addConvertCommand(program, action);
+    addSpsCommand(program, action);
     for (CLI::App* command : program.get_subcommands(nullptr)) {
         command->group("Commands");
     }

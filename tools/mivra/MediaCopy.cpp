@@ -1,0 +1,162 @@
+#include "tools/mivra/MediaCopy.h"
+
+#include <vector>
+
+#include "mivra/common/runtime/GeneralException.h"
+#include "tools/mivra/Interrupt.h"
+#include "tools/mivra/MediaRuntime.h"
+#include "tools/mivra/Muxer.h"
+#include "tools/mivra/OutputFormat.h"
+#include "tools/mivra/PacketFlags.h"
+#include "tools/mivra/ProblemError.h"
+#include "tools/mivra/RelayFiles.h"
+
+namespace Mivra::Tool {
+namespace {
+
+using Common::MediaType;
+using Common::PacketBuffer;
+
+/// How far is looked for the first packets of the streams that are transformed.
+constexpr std::size_t kMostWaiting = 500;
+
+class MediaCopy {
+public:
+    MediaCopy(const MediaCopyOptions& what, Console& where)
+        : options(what),
+          console(where),
+          input(what.input),
+          output(what.output, *findOutputFormat(what.output), stop) {}
+
+    ExitCode Run() {
+        input.Open();
+        makeTransforms();
+        readFirstPackets();
+        begin();
+        for (const Packet& packet : waiting) {
+            write(packet);
+        }
+        waiting.clear();
+        while (readOn()) {
+            write(copyPacket(input));
+        }
+        check(output.Finish());
+        if (damage.empty()) {
+            damage = input.Damage();
+        }
+        if (!damage.empty() && !Interrupt::IsRequested()) {
+            console.Error(
+                {"the input is damaged: " + damage, options.input, "what could be read is written"});
+            return ExitCode::Damaged;
+        }
+        return ExitCode::Done;
+    }
+
+private:
+    struct Stream {
+        std::unique_ptr<PacketTransform> transform;
+        Packet first;
+    };
+
+    void makeTransforms() {
+        streams.resize(static_cast<std::size_t>(input.StreamCount()));
+        for (int i = 0; i < input.StreamCount(); ++i) {
+            Stream& stream = streams[static_cast<std::size_t>(i)];
+            stream.transform = options.transform(input.Type(i));
+            toSee += stream.transform != nullptr ? 1 : 0;
+        }
+        if (toSee == 0) {
+            throw ProblemError(ExitCode::CannotOpen, {"the input has " + options.wanted, options.input,
+                                                      "'mivra probe' tells what is in it"});
+        }
+    }
+
+    bool readOn() { return !Interrupt::IsRequested() && input.Read() == Demuxer::Result::Packet; }
+
+    void readFirstPackets() {
+        while (toSee > 0 && waiting.size() < kMostWaiting && readOn()) {
+            waiting.push_back(copyPacket(input));
+            Stream& stream = streams[static_cast<std::size_t>(waiting.back()->StreamIndex())];
+            if (stream.transform != nullptr && !stream.first) {
+                stream.first = waiting.back();
+                --toSee;
+            }
+        }
+    }
+
+    void begin() {
+        std::vector<MediaType> types;
+        for (int i = 0; i < input.StreamCount(); ++i) {
+            Stream& stream = streams[static_cast<std::size_t>(i)];
+            types.push_back(stream.transform != nullptr
+                                ? stream.transform->Begin(input.Type(i), stream.first.get())
+                                : input.Type(i));
+        }
+        output.Begin(types);
+        if (!output.LeftOut().empty()) {
+            console.Warning(output.LeftOut());
+        }
+    }
+
+    void write(const Packet& packet) {
+        const int index = packet->StreamIndex();
+        Stream& stream = streams[static_cast<std::size_t>(index)];
+        if (!output.Takes(index)) {
+            return;
+        }
+        Packet out = stream.transform != nullptr ? stream.transform->Apply(packet) : packet;
+        if (!out) {
+            noteDamage("a packet of stream " + std::to_string(index) + " is malformed");
+            return;
+        }
+        setPacketFlags(*out.get(), packetFlags(*packet.get()));
+        check(output.Write(index, *out.get()));
+    }
+
+    void check(Muxer::Result result) {
+        if (result == Muxer::Result::Failed) {
+            throw ProblemError(ExitCode::WriteFailed, output.Failure());
+        }
+        if (result == Muxer::Result::BadPacket) {
+            noteDamage(output.ErrorText());
+        }
+    }
+
+    void noteDamage(const std::string& text) {
+        if (damage.empty()) {
+            damage = text;
+        }
+    }
+
+    const MediaCopyOptions& options;
+    Console& console;
+    StopSignal stop;
+    Demuxer input;
+    Muxer output;
+    std::vector<Stream> streams;
+    std::vector<Packet> waiting;  // read before the output could begin
+    int toSee = 0;                // transformed streams without a packet yet
+    std::string damage;
+};
+
+}  // namespace
+
+ExitCode copyMedia(const MediaCopyOptions& options, Console& console) {
+    if (const auto wrong = checkRelayFiles({options.input}, {options.output}, "")) {
+        console.Error(*wrong);
+        return ExitCode::Usage;
+    }
+    const Interrupt interrupt;
+    try {
+        const MediaRuntime runtime;
+        return MediaCopy(options, console).Run();
+    } catch (const ProblemError& error) {
+        console.Error(error.problem);
+        return error.code;
+    } catch (const Common::GeneralException& error) {
+        console.Error({error.what(), options.input, ""});
+        return ExitCode::Failed;
+    }
+}
+
+}  // namespace Mivra::Tool
