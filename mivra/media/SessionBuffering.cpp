@@ -109,6 +109,11 @@ bool SessionCore::someSinkMayTake() const {
            std::any_of(sinks.begin(), sinks.end(), [](const auto& entry) { return entry.second.started; });
 }
 
+bool SessionCore::hasVideo() const {
+    return std::any_of(sourcesByPlace.begin(), sourcesByPlace.end(),
+                       [](const MediaSourceState* record) { return record->videoStream >= 0; });
+}
+
 void SessionCore::reportBufferProblem(std::uint32_t epoch) {
     std::string problem;
     {

@@ -166,6 +166,7 @@ private:
     Drain writeSample();
     Drain finishWriting() MIVRA_REQUIRES(lock);
     bool someSinkMayTake() const MIVRA_REQUIRES(lock);
+    bool hasVideo() const MIVRA_REQUIRES(lock);
     void reportBufferProblem(std::uint32_t epoch);
     static bool takes(MediaSinkState& sink, const MediaSourceState& source, Common::PacketBuffer& sample);
     int dropCache();

@@ -329,7 +329,7 @@ void SessionCore::onStartSink(MediaSinkState& record, const SessionLock& held) {
             }
         }
         record.sink->Start(!outputStarted);
-        if (writing) {
+        if (writing && hasVideo()) {
             record.awaitsKey.assign(sourcesByPlace.size(), true);
         }
         record.started = true;

@@ -8,6 +8,8 @@
 namespace Mivra::Test {
 namespace {
 
+using BufferingType = Media::MediaSession::BufferingType;
+
 class SessionRaceTest : public SessionTest {
 protected:
     /// A thread that floods a source with samples until it is asked to end.
@@ -65,6 +67,9 @@ TEST_F(SessionRaceTest, StartsAndStopsWithFourSourcesAndFourSinks) {
         }
         {
             const Flood flood(sources[0]);
+            if (cycle % 3 != 0) {
+                session->StartBuffering(1, cycle % 3 == 1 ? BufferingType::Memory : BufferingType::Disk);
+            }
             session->Start();
             if (cycle % 2 == 0) {
                 EXPECT_TRUE(Eventually([&] { return !sinks[3]->Samples().empty(); }));
@@ -80,6 +85,7 @@ using Place = std::function<void(FakeSource&, RecordingSink&, std::function<void
 struct Callback {
     const char* name;
     Place place;
+    bool outputs = false;  // only once the output has started
 };
 
 const Callback kCallbacks[] = {
@@ -95,7 +101,7 @@ const Callback kCallbacks[] = {
          sink.onOpen = [&sink] { sink.Store(MediaState::Opening); };
          sink.onStart = act;
      }},
-    {"PushMedia", [](auto&, auto& sink, auto act) { sink.onPush = act; }},
+    {"PushMedia", [](auto&, auto& sink, auto act) { sink.onPush = act; }, true},
     {"SampleListener",
      [](auto& source, auto&, auto act) { source.AddNewSampleListener([act](auto...) { act(); }); }},
     {"StateListener",
@@ -107,14 +113,16 @@ const Callback kCallbacks[] = {
          sink.onPush = [&sink] {
              if (sink.Samples().empty()) sink.raiseErrorInThread("minor", false);
          };
-     }},
+     },
+     true},
 };
 
 class SessionStopTest : public SessionRaceTest,
-                        public testing::WithParamInterface<std::tuple<Callback, bool>> {};
+                        public testing::WithParamInterface<std::tuple<Callback, bool, BufferingType>> {};
 
 TEST_P(SessionStopTest, StopsFromTheCallback) {
-    const auto& [callback, destroys] = GetParam();
+    const auto& [callback, destroys, buffering] = GetParam();
+    const bool buffers = buffering != BufferingType::None;
     const auto source = AddSource();
     const auto sink = AddSink();
     std::atomic<bool> acted{false};
@@ -134,11 +142,14 @@ TEST_P(SessionStopTest, StopsFromTheCallback) {
         [&, destroy = destroys](void*, Media::ErrorEventArgs*) { EXPECT_FALSE(destroy); });
     callback.place(*source.get(), *sink.get(), act);
     {
-        session->Start();
+        buffers ? session->StartBuffering(1, buffering) : session->Start();
         const Flood flood(source);
         if (std::string(callback.name) == "SinkStartFromItsThread") {
-            EXPECT_TRUE(Reaches(MediaState::Running));
+            EXPECT_TRUE(Reaches(buffers ? MediaState::Started : MediaState::Running));
             sink->setStateInThread(MediaState::Opened);
+        } else if (buffers && callback.outputs) {
+            EXPECT_TRUE(Reaches(MediaState::Started));
+            session->Start();
         }
         EXPECT_TRUE(Eventually([&] { return finished.load(); }));
     }
@@ -149,10 +160,14 @@ TEST_P(SessionStopTest, StopsFromTheCallback) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SessionStopTest,
-                         testing::Combine(testing::ValuesIn(kCallbacks), testing::Bool()),
+                         testing::Combine(testing::ValuesIn(kCallbacks), testing::Bool(),
+                                          testing::Values(BufferingType::None, BufferingType::Memory,
+                                                          BufferingType::Disk)),
                          [](const auto& test) {
+                             const char* const buffers[] = {"", "FromMemory", "FromDisk"};
                              return std::string(std::get<0>(test.param).name) +
-                                    (std::get<1>(test.param) ? "Destroys" : "Stops");
+                                    (std::get<1>(test.param) ? "Destroys" : "Stops") +
+                                    buffers[static_cast<int>(std::get<2>(test.param))];
                          });
 
 TEST_F(SessionRaceTest, StopsOnTwoThreadsAtOnce) {

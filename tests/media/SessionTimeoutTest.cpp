@@ -13,6 +13,7 @@ struct Timeout {
     bool network;
     std::int64_t setting;  // 100 ns; the minimum: the default
     std::int64_t seconds;  // when it fails
+    bool buffers = false;
 };
 
 const Timeout kTimeouts[] = {
@@ -25,6 +26,11 @@ const Timeout kTimeouts[] = {
     {"Capture", Timeout::Capture, false, INT64_MIN, 10},
     {"CaptureNetwork", Timeout::Capture, true, INT64_MIN, 60},
     {"CaptureSet", Timeout::Capture, true, 70'000'000, 7},
+    {"SourceOpenBuffering", Timeout::SourceOpen, false, INT64_MIN, 10, true},
+    {"SinkOpenBuffering", Timeout::SinkOpen, false, INT64_MIN, 1, true},
+    {"SinkOpenNetworkBuffering", Timeout::SinkOpen, true, INT64_MIN, 60, true},
+    {"CaptureBuffering", Timeout::Capture, false, INT64_MIN, 10, true},
+    {"CaptureSetBuffering", Timeout::Capture, true, 70'000'000, 7, true},
 };
 
 /// A clock that stands still, and counts how often it is looked at.
@@ -78,11 +84,12 @@ TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     } else {
         session->SetNoCaptureTimeout(timeout.setting);
     }
-    session->Start();
+    const MediaState runs = timeout.buffers ? MediaState::Started : MediaState::Running;
+    timeout.buffers ? session->StartBuffering(5, Media::MediaSession::BufferingType::Disk) : session->Start();
     const bool opens = timeout.kind != Timeout::SourceOpen;
-    ASSERT_TRUE(opens ? Reaches(MediaState::Running) : Eventually([&] { return asked.load(); }));
+    ASSERT_TRUE(opens ? Reaches(runs) : Eventually([&] { return asked.load(); }));
     if (timeout.kind == Timeout::Capture) {
-        ASSERT_TRUE(Runs(*sink.get()));
+        ASSERT_TRUE(Eventually([&] { return sink->Starts() == 1; }));
     }
     if (opens && timeout.seconds > 1) {
         clock.Advance((timeout.seconds - 1) * kSecond);  // looked at now, and next a second later
@@ -94,6 +101,7 @@ TEST_P(SessionTimeoutTest, ComesAtItsEdgeAndNotBefore) {
     EXPECT_TRUE(Fatal().empty());
     clock.Advance(kMicrosecond);
     EXPECT_TRUE(Fails(text));
+    EXPECT_EQ(BufferFiles(), 0);
     expectedErrors = {"MediaSession::" + line};
     session.reset();
 }
