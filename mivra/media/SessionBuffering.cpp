@@ -1,6 +1,7 @@
 // How a session keeps what arrives before Start, and hands it to its sinks.
 
 #include <algorithm>
+#include <utility>
 
 #include "mivra/common/model/MediaTime.h"
 #include "mivra/common/runtime/GlobalLog.h"
@@ -94,6 +95,7 @@ SessionCore::Drain SessionCore::writeSample() {
 
 SessionCore::Drain SessionCore::finishWriting() {
     LogLine(FileLog::Debug, "MediaSession::writeBuffer: Written %d samples", written);
+    bufferProblem = cache->TakeProblem();
     cache.reset();
     if (advance(MediaState::Started, MediaState::Running)) {
         LogLine(FileLog::Debug, "MediaSession::writeBuffer: State changed to %d",
@@ -121,10 +123,10 @@ void SessionCore::reportBufferProblem(std::uint32_t epoch) {
             return;
         }
         SessionLock held(*this);
-        if (!cache || !active(epoch)) {
+        if (!active(epoch)) {
             return;
         }
-        problem = cache->TakeProblem();
+        problem = cache ? cache->TakeProblem() : std::exchange(bufferProblem, {});
     }
     if (problem.empty()) {
         return;

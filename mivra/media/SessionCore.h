@@ -195,6 +195,7 @@ private:
     std::unique_ptr<SampleCache> cache MIVRA_GUARDED_BY(lock);
     bool writing MIVRA_GUARDED_BY(lock) = false;  // since what was buffered began to go out
     int written MIVRA_GUARDED_BY(lock) = 0;
+    std::string bufferProblem MIVRA_GUARDED_BY(lock);  // of the cache that has gone
     std::vector<MediaSourceState*> sourcesByPlace MIVRA_GUARDED_BY(lock);
     // The sender of the last sample, and its record.
     const IMediaSource* lastSender MIVRA_GUARDED_BY(lock) = nullptr;

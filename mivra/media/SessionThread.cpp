@@ -151,11 +151,12 @@ bool SessionCore::pass(std::uint32_t epoch) {
         case MediaState::Started:
             checkTimeouts();
             processSourceSamples(epoch);
+            reportBufferProblem(epoch);
             // What came before Start decides where the output begins.
             if (outputStarted && queue.TakenCount() >= firstLive) {
                 more = writeBuffer(epoch);
+                reportBufferProblem(epoch);
             }
-            reportBufferProblem(epoch);
             break;
         case MediaState::Running:
             checkTimeouts();

@@ -120,6 +120,10 @@ const Callback kCallbacks[] = {
 class SessionStopTest : public SessionRaceTest,
                         public testing::WithParamInterface<std::tuple<Callback, bool, BufferingType>> {};
 
+const char* FromWhere(BufferingType type) {
+    return type == BufferingType::None ? "" : type == BufferingType::Memory ? "FromMemory" : "FromDisk";
+}
+
 TEST_P(SessionStopTest, StopsFromTheCallback) {
     const auto& [callback, destroys, buffering] = GetParam();
     const bool buffers = buffering != BufferingType::None;
@@ -164,10 +168,9 @@ INSTANTIATE_TEST_SUITE_P(All, SessionStopTest,
                                           testing::Values(BufferingType::None, BufferingType::Memory,
                                                           BufferingType::Disk)),
                          [](const auto& test) {
-                             const char* const buffers[] = {"", "FromMemory", "FromDisk"};
                              return std::string(std::get<0>(test.param).name) +
                                     (std::get<1>(test.param) ? "Destroys" : "Stops") +
-                                    buffers[static_cast<int>(std::get<2>(test.param))];
+                                    FromWhere(std::get<2>(test.param));
                          });
 
 TEST_F(SessionRaceTest, StopsOnTwoThreadsAtOnce) {
