@@ -2,13 +2,17 @@
 
 import base64
 import itertools
+import pathlib
+import tempfile
 from fractions import Fraction
 
 import references
+import streams
 
 PROFILES = {"Constrained Baseline": 66, "Baseline": 66, "Main": 77, "High": 100, "High 10": 110, "High 10 Intra": 110,
             "High 4:2:2": 122, "High 4:2:2 Intra": 122, "High 4:4:4 Predictive": 244, "High 4:4:4 Intra": 244}
 USER_DATA = 5
+WITH_MESSAGES = {"main", "set-id", "tff", "cbr", "bluray"}
 SETS = (7, 8)
 FILLER = 12
 LONG, SHORT = b"\0\0\0\1", b"\0\0\1"
@@ -29,7 +33,7 @@ class Stream:
         self.sps = next(unit for unit in units if unit[0] & 31 == 7)
         self.pps = next(unit for unit in units if unit[0] & 31 == 8)
         self.sets = LONG + self.sps + LONG + self.pps
-        self.traced = references.traced_units(folder / "trace.txt")
+        self.traced = references.traced_units((folder / "trace.txt").read_text())
 
 
 def samples(path):
@@ -39,7 +43,7 @@ def samples(path):
 def check(compare, driver, stream):
     if stream.padded:
         compare.meant("zeros behind units", stream.name)
-    for part in (elements, derived, private_data, packets, refined, pictures, edits):
+    for part in (elements, derived, private_data, packets, refined, pictures, messages, edits):
         part(compare, driver, stream)
 
 
@@ -199,9 +203,7 @@ def placed(compare, where, ours, theirs, idr):
 
 
 def pictures(compare, driver, stream):
-    kinds = {"Slice Header": None}
-    traced = iter([dict(unit) for kind, unit in stream.traced if kind in kinds])
-    offset = 0
+    traced = iter([dict(unit) for kind, unit in stream.traced if kind == "Slice Header"])
     for i, picture in enumerate(stream.pictures):
         where = f"{stream.name} packet {i}"
         units = references.units(picture)
@@ -214,13 +216,32 @@ def pictures(compare, driver, stream):
         compare.same(where, "start codes", ours["starts"], starts)
         compare.same(where, "first set", ours["sps"], next((at for at in starts if picture[at] & 31 == 7), -1))
         compare.same(where, "start", ours["start"], 0 if key else -1)
-        offset += len(picture)
-    sei = driver("look", data=stream.pictures[0], type=USER_DATA)["sei"]
-    compare.same(stream.name, "user data", b"x264 - core" in bytes.fromhex(sei or ""), b"x264 - core" in stream.pictures[0])
+    told = references.user_data(stream.traced)
+    compare.same(stream.name, "user data", driver("look", data=stream.pictures[0], type=USER_DATA)["sei"],
+                 told[0].hex() if told else None)
     # Everything behind the first key frame begins at the next one.
     compare.same(stream.name, "start in a stream", driver("look", data=b"".join(stream.pictures[1:]))["start"],
                  next((sum(map(len, stream.pictures[1:i])) for i, packet in enumerate(stream.packets)
                        if i and packet["flags"].startswith("K")), -1))
+
+
+def messages(compare, driver, stream):
+    """A message more in every picture, as trace_headers reads it back; the pictures stay what they were."""
+    if stream.name not in WITH_MESSAGES:
+        return
+    payloads = [bytes(16) + (b"\0\0\1\0" * 150)[:60 * i] for i in range(len(stream.pictures))]
+    changed = b""
+    for i, (picture, payload) in enumerate(zip(stream.pictures, payloads, strict=True)):
+        ours = driver("sei", data=picture, type=USER_DATA, payload=payload)
+        compare.same(f"{stream.name} packet {i}", "message put in", ours["done"], True)
+        changed += bytes.fromhex(ours["data"])
+    with tempfile.TemporaryDirectory() as folder:
+        path = pathlib.Path(folder) / "changed.h264"
+        path.write_bytes(changed)
+        traced = references.traced_units(streams.trace(path))
+        compare.same(stream.name, "decoded with messages", streams.decoded(path), streams.decoded(stream.folder / "stream.h264"))
+    compare.same(stream.name, "messages read back",
+                 sorted(references.user_data(traced)), sorted(references.user_data(stream.traced) + payloads))
 
 
 def edits(compare, driver, stream):

@@ -9,10 +9,10 @@ _LINE = re.compile(r"^(?:(\d+) +(\w+(?:\[\d+\])*) +[01]+ = (-?\d+)|(.*))$")
 _FRAME = {"forbidden_zero_bit", "nal_ref_idc", "nal_unit_type", "rbsp_stop_one_bit", "rbsp_alignment_zero_bit"}
 
 
-def traced_units(path):
+def traced_units(text):
     """[(kind, [(element, value)])] of the headers in the packets, kinds and elements as trace_headers names them."""
     units, inside = [], False
-    for line in path.read_text().splitlines():
+    for line in text.splitlines():
         _, name, value, text = _LINE.match(line).groups()
         if text is not None:
             inside = inside or text.startswith("Packet:")
@@ -20,6 +20,12 @@ def traced_units(path):
         elif inside:
             units[-1][1].append((name, int(value)))
     return [(kind, elements) for kind, elements in units if elements]
+
+
+def user_data(traced):
+    """The payloads of the SEI messages of type 5."""
+    return [bytes(value for name, value in unit if name.startswith(("uuid_iso", "user_data_payload")))
+            for kind, unit in traced if kind == "User Data Unregistered"]
 
 
 def elements(unit):

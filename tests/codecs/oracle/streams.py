@@ -145,6 +145,27 @@ def ffmpeg(*words, level="error"):
                           capture_output=True, text=True, timeout=300).stderr
 
 
+def _traces(told):
+    """What each filter said, in the order of their outputs; each has a name of its own in its lines."""
+    traces = {}
+    for line in told.splitlines():
+        if line.startswith("[trace_headers @ "):
+            name, text = line[1:].split("] ", 1)
+            traces.setdefault(name, []).append(text)
+    return ["\n".join(lines) for lines in traces.values()]
+
+
+def trace(path):
+    return _traces(ffmpeg("-i", path, "-c", "copy", "-bsf:v", "trace_headers", "-f", "null", "-", level="info"))[0]
+
+
+def decoded(path):
+    """A digest of every picture, in the order of output."""
+    done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", path, "-f", "framemd5", "-"], capture_output=True,
+                          text=True, check=True, timeout=300)
+    return [line.split(",")[-1].strip() for line in done.stdout.splitlines() if not line.startswith("#")]
+
+
 def _probe(stream):
     done = subprocess.run(["ffprobe", "-v", "error", "-show_streams", "-show_packets", "-of", "json", stream],
                           capture_output=True, check=True)
@@ -186,14 +207,8 @@ def _make_videos(made):
          "-f", "h264", folder / "cropped.h264"),
         ("-bsf:v", "h264_metadata=sample_aspect_ratio=" + video.aspect, "-f", "h264", folder / "aspect.h264"),
         ("-bsf:v", "trace_headers", "-f", "null", "-")])
-    # The filters begin in the order of the outputs, each with a name of its own in its lines.
-    traces = {}
-    for line in told.splitlines():
-        if line.startswith("[trace_headers @ "):
-            name, text = line[1:].split("] ", 1)
-            traces.setdefault(name, []).append(text)
-    for (_, folder), lines in zip(made, traces.values(), strict=True):
-        (folder / "trace.txt").write_text("\n".join(lines))
+    for (_, folder), text in zip(made, _traces(told), strict=True):
+        (folder / "trace.txt").write_text(text)
     for source, target in (("stream", "again"), ("bare", "filled")):
         _copies(made, source + ".mp4", lambda _, folder: [
             ("-bsf:v", "h264_mp4toannexb", "-f", "h264", folder / (target + ".h264"))])
