@@ -119,25 +119,29 @@ std::ptrdiff_t firstPlace(std::uint64_t mask) {
 template <typename Vector, Byte LastBits, typename Output>
 void passQuietStrides(Input& in, Output& out) {
     constexpr std::ptrdiff_t Width = Vector::Width;
-    const auto bits = Vector::Repeat(0xFF, LastBits);
     if (in.BehindZeros()) {
         return;
     }
-    while (in.Left() >= 4 * Width) {
-        const auto a = Vector::Load(in.next);
-        const auto b = Vector::Load(in.next + Width);
-        const auto c = Vector::Load(in.next + 2 * Width);
-        const auto d = Vector::Load(in.next + 3 * Width);
+    const auto bits = Vector::Repeat(0xFF, LastBits);
+    // In registers: what is written could be anybody's memory for all that the compiler knows.
+    const Byte* next = in.next;
+    Output local = out;
+    for (; in.end - next >= 4 * Width; next += 4 * Width) {
+        const auto a = Vector::Load(next);
+        const auto b = Vector::Load(next + Width);
+        const auto c = Vector::Load(next + 2 * Width);
+        const auto d = Vector::Load(next + 3 * Width);
         if (Vector::AnyZeroPair(Vector::And(a, bits), Vector::And(b, bits), Vector::And(c, bits),
                                 Vector::And(d, bits))) {
-            return;
+            break;
         }
-        out.template Put<Vector>(a, Width);
-        out.template Put<Vector>(b, Width);
-        out.template Put<Vector>(c, Width);
-        out.template Put<Vector>(d, Width);
-        in.next += 4 * Width;
+        local.template Put<Vector>(a, Width);
+        local.template Put<Vector>(b, Width);
+        local.template Put<Vector>(c, Width);
+        local.template Put<Vector>(d, Width);
     }
+    in.next = next;
+    out = local;
 }
 
 /// Calls part() for each register of the input, in strides of four behind what passQuietStrides() passes, as
