@@ -1,0 +1,343 @@
+// Private data in both forms. The records that FFmpeg's MP4 muxer wrote, and the same sets in Annex B, are
+// the seeds of the fuzz target, whose own checks run here over what is made of them.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "mivra/codecs/h264/AvcConfigurationRecord.h"
+#include "mivra/codecs/h264/H264ConfigurationParser.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/LogCapture.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace {
+
+using namespace Mivra::Codecs::H264;
+using Mivra::Common::MediaType;
+using Bytes = std::vector<unsigned char>;
+using Parser = H264ConfigurationParser;
+
+MediaType TypeWith(const Bytes& data) {
+    MediaType type;
+    if (!data.empty()) {
+        type.CodecPrivateData() = static_cast<char*>(std::malloc(data.size()));
+        std::memcpy(type.CodecPrivateData(), data.data(), data.size());
+        type.CodecPrivateDataSize() = static_cast<int>(data.size());
+    }
+    return type;
+}
+
+Bytes DataOf(const MediaType& type) {
+    return {type.CodecPrivateData(), type.CodecPrivateData() + type.CodecPrivateDataSize()};
+}
+
+/// The type's own private data, as input.
+unsigned char* Own(MediaType& type) {
+    return reinterpret_cast<unsigned char*>(type.CodecPrivateData());
+}
+
+struct Pair {
+    Bytes record;
+    Bytes annexB;
+};
+
+const std::map<std::string, Pair>& Seeds() {
+    static const std::map<std::string, Pair> seeds = [] {
+        std::map<std::string, Pair> pairs;
+        const std::filesystem::path folder(MIVRA_SOURCE_DIR "/fuzz/corpus/h264_private_data");
+        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+            std::ifstream file(entry.path(), std::ios::binary);
+            Pair& pair = pairs[entry.path().stem()];
+            (entry.path().extension() == ".avcc" ? pair.record : pair.annexB)
+                .assign(std::istreambuf_iterator<char>(file), {});
+        }
+        std::erase_if(
+            pairs, [](const auto& pair) { return pair.second.record.empty() || pair.second.annexB.empty(); });
+        return pairs;
+    }();
+    return seeds;
+}
+
+TEST(PrivateData, ConvertsToWhatFfmpegWrites) {
+    ASSERT_GE(Seeds().size(), 80U);
+    for (const auto& [name, pair] : Seeds()) {
+        SCOPED_TRACE(name);
+        MediaType type = TypeWith(pair.annexB);
+        EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));
+        EXPECT_EQ(DataOf(type), pair.record);
+        EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));  // is a record already
+        EXPECT_EQ(DataOf(type), pair.record);
+        EXPECT_TRUE(Parser::ConvertPrivateDataToAnnexB(type));
+        const bool severalSets =
+            (pair.record[5] & 0x1F) > 1;  // of which FFmpeg keeps the order in the stream
+        EXPECT_TRUE(severalSets || DataOf(type) == pair.annexB);
+        EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, Own(type), type.CodecPrivateDataSize()));
+        EXPECT_EQ(DataOf(type), pair.record);
+    }
+}
+
+const Bytes Sps{0x67, 0x42, 0xC0, 0x1E, 0x95};        // Baseline, level 3
+const Bytes HigherSps{0x67, 0x42, 0x80, 0x28, 0x95};  // one constraint less, level 4
+const Bytes HighSps{0x67, 0x64, 0x00, 0x29, 0xAE};    // id 0, 4:2:0, 8 bits
+const Bytes Pps{0x68, 0xCE};
+const Bytes Extension{0x6D, 0xE5, 0xC0};
+
+Bytes Joined(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+const Bytes Code{0, 0, 0, 1};
+
+/// Two sets of each kind and an extension.
+const Bytes FullRecord = Joined({{1, 0x64, 0, 0x29, 0xFD},  // High, length size 2
+                                 {0xE2, 0, 5},
+                                 HighSps,
+                                 {0, 5},
+                                 Sps,
+                                 {2, 0, 2},
+                                 Pps,
+                                 {0, 2},
+                                 Pps,
+                                 {0xFD, 0xF8, 0xF9},  // 4:2:0, 8 and 9 bits
+                                 {1, 0, 3},
+                                 Extension});
+
+TEST(AvcConfigurationRecord, ReadsEveryField) {
+    const auto record = AvcConfigurationRecord::Read(FullRecord);
+    ASSERT_TRUE(record && record->format);
+    EXPECT_EQ(record->profile, 0x64);
+    EXPECT_EQ(record->level, 0x29);
+    EXPECT_EQ(record->lengthSize, 2);
+    EXPECT_EQ(record->sets.sps.size(), 2U);
+    EXPECT_EQ(record->sets.pps.size(), 2U);
+    EXPECT_EQ(record->sets.spsExtensions.size(), 1U);
+    EXPECT_EQ(record->format->chroma_format, 1);
+    EXPECT_EQ(record->format->bit_depth_luma_minus8, 0);
+    EXPECT_EQ(record->format->bit_depth_chroma_minus8, 1);
+    Bytes written(record->Size());
+    record->Write(written.data());
+    EXPECT_EQ(written, FullRecord);
+}
+
+TEST(AvcConfigurationRecord, EndsWhereItMay) {
+    const std::size_t pictureSetsEnd = FullRecord.size() - 9;
+    for (std::size_t size = 0; size <= FullRecord.size(); ++size) {
+        const Bytes cut(FullRecord.begin(), FullRecord.begin() + static_cast<std::ptrdiff_t>(size));
+        const bool whole = size == FullRecord.size();
+        // Behind the picture sets a record may end, and some end with a few other bytes.
+        const bool good = whole || (size >= pictureSetsEnd && size <= pictureSetsEnd + 3);
+        const auto record = AvcConfigurationRecord::Read(cut);
+        EXPECT_EQ(record.has_value(), good) << size;
+        EXPECT_TRUE(!record || record->format.has_value() == whole) << size;
+    }
+}
+
+// Counts and lengths at their place in FullRecord, what they are, and which wrong values make it malformed.
+TEST(AvcConfigurationRecord, ChecksCountsAndLengths) {
+    const struct {
+        std::size_t place;
+        bool twoBytes;
+        int right;
+    } fields[] = {
+        {5, false, 0xE2}, {6, true, 5},  {13, true, 5},  {20, false, 2},
+        {21, true, 2},    {25, true, 2}, {32, false, 1}, {33, true, 3},
+    };
+    for (const auto& field : fields) {
+        for (const int wrong : {-1, 0, field.right - 1, field.right + 1, 0x7FFF}) {
+            Bytes record = FullRecord;
+            if (field.twoBytes) {
+                ASSERT_EQ(record[field.place] << 8 | record[field.place + 1], field.right);
+                record[field.place] = static_cast<unsigned char>(wrong >> 8);
+                record[field.place + 1] = static_cast<unsigned char>(wrong);
+            } else {
+                ASSERT_EQ(record[field.place], field.right);
+                record[field.place] = static_cast<unsigned char>(wrong);
+            }
+            LLVMFuzzerTestOneInput(record.data(), record.size());
+            const bool tooLarge = wrong < 0 || wrong == 0x7FFF;
+            EXPECT_FALSE(tooLarge && AvcConfigurationRecord::Read(record)) << field.place << ": " << wrong;
+        }
+    }
+}
+
+TEST(AvcConfigurationRecord, HoldsEveryMutationToTheTargetsChecks) {
+    std::mt19937 random(14496);
+    std::vector<Bytes> seeds{FullRecord};
+    for (const auto& seed : Seeds()) {
+        seeds.insert(seeds.end(), {seed.second.record, seed.second.annexB});
+    }
+    for (int i = 0; i < 10000; ++i) {
+        Bytes data = seeds[random() % seeds.size()];
+        for (unsigned changes = random() % 4; changes > 0; --changes) {
+            data[random() % data.size()] =
+                static_cast<unsigned char>(random() % 2 == 0 ? random() : random() % 5);
+        }
+        if (random() % 4 == 0) {
+            data.resize(random() % data.size() + 1);
+        }
+        LLVMFuzzerTestOneInput(data.data(), data.size());
+    }
+}
+
+TEST(PrivateData, TellsWhatAllSetsKeepTo) {
+    MediaType type;
+    const Bytes stream = Joined({Code, {0x06, 0x05}, Code, Sps, Code, Pps, Code, HigherSps});
+    ASSERT_TRUE(Parser::GenerateCodecPrivateData(type, const_cast<unsigned char*>(stream.data()),
+                                                 static_cast<int>(stream.size())));
+    // Baseline records end with the picture sets; what is no set is left out.
+    EXPECT_EQ(DataOf(type),
+              Joined({{1, 0x42, 0x80, 0x28, 0xFF, 0xE2, 0, 5}, Sps, {0, 5}, HigherSps, {1, 0, 2}, Pps}));
+}
+
+TEST(PrivateData, KeepsExtensionsBothWays) {
+    MediaType type = TypeWith(FullRecord);
+    EXPECT_TRUE(Parser::ConvertPrivateDataToAnnexB(type));
+    EXPECT_EQ(DataOf(type), Joined({Code, HighSps, Code, Sps, Code, Extension, Code, Pps, Code, Pps}));
+    EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));
+    const auto record = AvcConfigurationRecord::Read(DataOf(type));
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->sets.spsExtensions.size(), 1U);
+}
+
+TEST(PrivateData, RefusesWhatMakesNone) {
+    const Mivra::Test::LogCapture log;
+    const Bytes kept{9, 9};
+    Bytes sps = Sps;
+    Bytes pps = Pps;
+    Bytes broken{0x67, 0x64, 0, 0x29, 0x00};      // no chroma_format_idc
+    Bytes deep{0x67, 0x64, 0, 0x29, 0xA1, 0x18};  // bit_depth_luma_minus8 is 7
+    Bytes startCode{0x67, 0x42, 0, 0x1E, 0, 0, 1};
+    Bytes large(65536, 0x68);
+    const auto unit = [](Bytes& bytes) { return std::pair(bytes.data(), static_cast<int>(bytes.size())); };
+    const struct {
+        const char* why;
+        Parser::UnitList spsList;
+        Parser::UnitList ppsList;
+        bool annexB;  // is there in this form
+    } cases[] = {
+        {"no sequence set", {}, {unit(pps)}, false},
+        {"null", {{nullptr, 5}}, {}, false},
+        {"negative", {unit(sps)}, {{pps.data(), -1}}, false},
+        {"other type", {unit(pps)}, {unit(pps)}, true},
+        {"too short", {{sps.data(), 3}}, {}, true},
+        {"no chroma format", {unit(broken)}, {}, true},
+        {"depth", {unit(deep)}, {}, true},
+        {"32 sequence sets", Parser::UnitList(32, unit(sps)), {}, true},
+        {"256 picture sets", {unit(sps)}, Parser::UnitList(256, unit(pps)), true},
+        {"longer than 16 bits", {unit(sps)}, {unit(large)}, true},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.why);
+        MediaType type = TypeWith(kept);
+        EXPECT_FALSE(Parser::GenerateCodecPrivateData(type, one.spsList, one.ppsList));
+        EXPECT_EQ(DataOf(type), kept);
+        EXPECT_EQ(Parser::GenerateAnnexBCodecPrivateData(type, one.spsList, one.ppsList), one.annexB);
+        EXPECT_EQ(DataOf(type) == kept, !one.annexB);
+    }
+    MediaType type = TypeWith(kept);
+    EXPECT_FALSE(Parser::GenerateAnnexBCodecPrivateData(type, {unit(startCode)}, {}));
+    EXPECT_FALSE(Parser::ConvertPrivateDataToAvc(type));  // no start code
+    EXPECT_TRUE(Parser::ConvertPrivateDataToAnnexB(type));
+    EXPECT_EQ(DataOf(type), kept);
+    EXPECT_TRUE(log.Contains("H264ConfigurationParser::ConvertPrivateDataToAvc: "));
+    MediaType cut = TypeWith({1, 0x42});
+    EXPECT_FALSE(Parser::ConvertPrivateDataToAnnexB(cut));
+    EXPECT_EQ(DataOf(cut), (Bytes{1, 0x42}));
+    MediaType none;
+    EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(none) && Parser::ConvertPrivateDataToAnnexB(none));
+}
+
+TEST(PrivateData, MakesARecordOfOneSetOfEachKind) {
+    MediaType type;
+    Bytes sps = HighSps;
+    Bytes pps = Pps;
+    EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, pps.data(), 2));
+    EXPECT_EQ(DataOf(type),
+              Joined({{1, 0x64, 0, 0x29, 0xFF, 0xE1, 0, 5}, HighSps, {1, 0, 2}, Pps, {0xFD, 0xF8, 0xF8, 0}}));
+    EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, nullptr, 0));
+    EXPECT_EQ(type.CodecPrivateDataSize(), 5 + 8 + 1 + 4);
+    EXPECT_FALSE(Parser::GenerateCodecPrivateData(type, nullptr, 0, pps.data(), 2));
+    EXPECT_EQ(type.CodecPrivateDataSize(), 5 + 8 + 1 + 4);
+}
+
+TEST(PrivateData, KeepsTheTypeWhenThereIsNoMemory) {
+    for (const auto conversion : {Parser::ConvertPrivateDataToAnnexB, Parser::ConvertPrivateDataToAvc}) {
+        const Pair& pair = Seeds().at("two_sets");
+        const Bytes& before = conversion == Parser::ConvertPrivateDataToAvc ? pair.annexB : pair.record;
+        const auto failed = Mivra::Test::ForEachNthFailure(Mivra::Test::FaultKind::Allocate, [&] {
+            MediaType type;
+            {
+                const Mivra::Test::FaultPause pause;
+                type = TypeWith(before);
+            }
+            bool converted = false;
+            try {
+                converted = conversion(type);
+            } catch (const std::bad_alloc&) {
+            }
+            const Mivra::Test::FaultPause pause;
+            EXPECT_EQ(DataOf(type) == before, !converted);
+        });
+        EXPECT_GE(failed, 1U);
+    }
+}
+
+TEST(ByteMembers, TakeCallersMemory) {
+    const Bytes unit{0, 0, 0, 1, 0x09, 0xF0, 0, 0, 1, 0x65, 0x88, 0, 0, 3, 1};
+    unsigned char* data = const_cast<unsigned char*>(unit.data());
+    const int size = static_cast<int>(unit.size());
+    int length = 9;
+    EXPECT_EQ(Parser::FindNextStartCode(data, size, length), 0);
+    EXPECT_EQ(length, 4);
+    EXPECT_EQ(Parser::FindNextStartCode(data + 1, size - 1, length), 0);
+    EXPECT_EQ(length, 3);
+    EXPECT_EQ(Parser::FindNextStartCode(data + 9, size - 9, length), -1);
+    EXPECT_EQ(length, 0);
+    EXPECT_EQ(Parser::FindNextStartCode(nullptr, 5, length), -1);
+    EXPECT_EQ(Parser::FindNextStartCode(data, -1, length), -1);
+    EXPECT_EQ(Parser::FindNalUnit(data, size, NalUnitTypes::SliceIdr), 9);
+    EXPECT_EQ(Parser::FindNalUnit(data, size, NalUnitTypes::Sei), -1);
+
+    unsigned char* out = data;
+    int outSize = 9;
+    ASSERT_TRUE(Parser::RemoveForbiddenSequenceEmulation(data + 9, 6, out, outSize));
+    EXPECT_EQ(Bytes(out, out + outSize), (Bytes{0x65, 0x88, 0, 0, 1}));
+    unsigned char* again = nullptr;
+    int againSize = 0;
+    ASSERT_TRUE(Parser::ApplyForbiddenSequenceEmulation(out, outSize, again, againSize));
+    EXPECT_EQ(Bytes(again, again + againSize), (Bytes{0x65, 0x88, 0, 0, 3, 1}));
+    std::free(out);
+    std::free(again);
+    for (const auto convert :
+         {Parser::RemoveForbiddenSequenceEmulation, Parser::ApplyForbiddenSequenceEmulation}) {
+        ASSERT_TRUE(convert(data, 0, out, outSize));  // nothing, in memory that free() takes
+        EXPECT_EQ(outSize, 0);
+        std::free(out);
+        for (const auto& [in, inSize] : {std::pair(data, -1), std::pair<unsigned char*, int>(nullptr, 4)}) {
+            out = data;
+            EXPECT_FALSE(convert(in, inSize, out, outSize));
+            EXPECT_EQ(out, nullptr);
+        }
+        const Mivra::Test::FaultPlan noMemory(Mivra::Test::FaultKind::Allocate, 1);
+        EXPECT_FALSE(convert(data, size, out, outSize));
+        EXPECT_EQ(out, nullptr);
+        EXPECT_EQ(outSize, 0);
+    }
+}
+
+}  // namespace
