@@ -75,7 +75,7 @@ int adtsBlocks(PacketBuffer& packet) {
 void describeByAdts(PacketBuffer& packet, MediaType& type) {
     ConfigurationParser::AdtsReadMediaType(&packet, &type);
     ConfigurationParser::GenerateCodecPrivateData(&type);
-    type.CodecMetadata()["IsAdts"] = 1;
+    type.CodecMetadata()["IsAdts"] = std::string("1");
 }
 
 void setChannelConfiguration(MediaType& type) {

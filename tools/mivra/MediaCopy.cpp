@@ -1,5 +1,6 @@
 #include "tools/mivra/MediaCopy.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "mivra/common/runtime/GeneralException.h"
@@ -10,6 +11,7 @@
 #include "tools/mivra/PacketFlags.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/RelayFiles.h"
+#include "tools/mivra/Rescale.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -38,7 +40,7 @@ public:
         }
         waiting.clear();
         while (readOn()) {
-            write(copyPacket(input));
+            write(take());
         }
         check(output.Finish());
         if (damage.empty()) {
@@ -56,6 +58,7 @@ private:
     struct Stream {
         std::unique_ptr<PacketTransform> transform;
         Packet first;
+        std::int64_t shift = kUnsetTime;  // of packets without a presentation time
     };
 
     void makeTransforms() {
@@ -73,9 +76,21 @@ private:
 
     bool readOn() { return !Interrupt::IsRequested() && input.Read() == Demuxer::Result::Packet; }
 
+    /// A raw stream has no times. Its first pictures would be due before the beginning, and so be hidden, for
+    /// the sake of those that are reordered: it begins at 0 instead.
+    Packet take() {
+        Packet packet = copyPacket(input);
+        std::int64_t& shift = streams[static_cast<std::size_t>(packet->StreamIndex())].shift;
+        if (packet->Pts() == kUnsetTime && packet->Dts() != kUnsetTime) {
+            shift = shift == kUnsetTime ? std::max<std::int64_t>(-packet->Dts(), 0) : shift;
+            packet->Dts() += shift;
+        }
+        return packet;
+    }
+
     void readFirstPackets() {
         while (toSee > 0 && waiting.size() < kMostWaiting && readOn()) {
-            waiting.push_back(copyPacket(input));
+            waiting.push_back(take());
             Stream& stream = streams[static_cast<std::size_t>(waiting.back()->StreamIndex())];
             if (stream.transform != nullptr && !stream.first) {
                 stream.first = waiting.back();

@@ -11,7 +11,7 @@ namespace Mivra::Tool {
 namespace {
 
 constexpr const char* kFooter =
-    "The last file is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac; '-' is "
+    "The last file is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac .m4a; '-' is "
     "standard"
     "\ninput or output, which is written as MPEG-TS. Nothing is encoded anew."
     "\n\nExamples:"

@@ -24,6 +24,9 @@ constexpr std::string_view kExamples =
     "Examples:\n"
     "  mivra relay film.mp4 film.ts            copy into MPEG-TS\n"
     "  mivra relay film.mp4 a.ts -o b.mkv      two outputs at once\n"
+    "  mivra probe film.mp4                    what its streams are\n"
+    "  mivra convert film.mp4 film.aac --to adts\n"
+    "  mivra sps film.mp4 --aspect 4:3 -o wide.mp4\n"
     "  mivra doctor                            what is here and what is missing\n";
 
 /// The subcommand that the first plain word names; null when there is none of that name, or no word.
@@ -71,7 +74,7 @@ ExitCode reportUsage(Console& console, const CLI::App& program, int count, char*
         const std::string& name = command->get_name();
         console.Error({name + ": " + text, "", "see 'mivra " + name + " --help'"});
     } else if (!unknown.empty()) {
-        console.Error({"there is no such command", unknown, "try 'mivra relay' or 'mivra doctor'"});
+        console.Error({"there is no such command", unknown, "'mivra --help' lists the commands"});
     } else {
         console.Error({text, "", "see 'mivra --help'"});
     }

@@ -1,11 +1,14 @@
 # Completion of mivra for fish.
 
-set -l commands relay doctor
+set -l commands relay probe convert sps doctor
 
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -f
 complete -c mivra -s h -l help -d 'Print help and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a relay -d 'Copy the streams of files into other files'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a probe -d 'Tell what the streams of files are'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a convert -d 'Copy a file, its H.264 or AAC in another form'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a sps -d 'Change the size or aspect ratio that H.264 tells'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a doctor -d 'Tell what a relay needs and what is missing'
 
 complete -c mivra -n '__fish_seen_subcommand_from relay' -s o -l output -r -F -d 'Another output'
@@ -15,6 +18,16 @@ complete -c mivra -n '__fish_seen_subcommand_from relay' -l stats -x -d 'Seconds
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l json -d 'One JSON object a line'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l log -r -F -d 'Write a log'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
+
+complete -c mivra -n '__fish_seen_subcommand_from probe' -l json -d 'One JSON object a file'
+complete -c mivra -n '__fish_seen_subcommand_from probe' -l nal -d 'List the NAL units'
+complete -c mivra -n '__fish_seen_subcommand_from probe' -l sdp -d 'Lines of a session description'
+
+complete -c mivra -n '__fish_seen_subcommand_from convert' -l to -x -a 'annexb avcc adts asc' -d 'The form'
+
+complete -c mivra -n '__fish_seen_subcommand_from sps' -l crop -x -d 'Luma samples to cut off each side'
+complete -c mivra -n '__fish_seen_subcommand_from sps' -l aspect -x -d 'Aspect ratio of a sample'
+complete -c mivra -n '__fish_seen_subcommand_from sps' -s o -l output -r -F -d 'The output'
 
 complete -c mivra -n '__fish_seen_subcommand_from doctor' -f
 complete -c mivra -n '__fish_seen_subcommand_from doctor' -l json -d 'One JSON object'
