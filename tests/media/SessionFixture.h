@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "tests/media/Fakes.h"
+#include "tests/support/Soak.h"
 #include "tests/support/TempFolder.h"
 
 namespace Mivra::Test {
@@ -88,10 +89,9 @@ private:
     int members = 0;
 };
 
-/// How many cycles a test of races runs: all of them with MIVRA_SOAK=1 in the environment.
+/// How many cycles a test of races runs.
 inline int Cycles(int plain, int soak) {
-    const char* wanted = std::getenv("MIVRA_SOAK");
-    return wanted != nullptr && std::string(wanted) == "1" ? soak : plain;
+    return SoakCount(plain, soak);
 }
 
 }  // namespace Mivra::Test

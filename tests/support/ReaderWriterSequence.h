@@ -173,8 +173,11 @@ private:
         return *next++;
     }
     std::uint64_t takeValue() {
+        static constexpr std::uint64_t kEdges[] = {0, INT32_MAX, std::uint64_t{1} << 31, UINT32_MAX};
+        const std::uint8_t kind = take();
+        if (kind >= 252) return kEdges[kind - 252];
         std::uint64_t value = 0;
-        for (int bytes = take() % 9; bytes > 0; --bytes) {
+        for (int bytes = kind % 9; bytes > 0; --bytes) {
             value = value << 8 | take();
         }
         return value;

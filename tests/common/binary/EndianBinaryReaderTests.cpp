@@ -2,10 +2,8 @@
 
 #include <random>
 
-#include "mivra/common/buffers/FileStream.h"
 #include "tests/common/binary/BinaryFixture.h"
 #include "tests/support/ReaderWriterSequence.h"
-#include "tests/support/TempFolder.h"
 
 namespace Mivra::Test {
 namespace {
@@ -26,75 +24,6 @@ TEST(EndianBinaryReader, TakesBitsFromTheMostSignificantAndTurnsThemInLittleEndi
     EXPECT_EQ(packet.buffer->BitPosition(), 0);
     EXPECT_EQ(reader.ReadBits(4, Endianness::Little), 0x5);
     EXPECT_EQ(reader.ReadBits(4, static_cast<Endianness>(7)), 0x5) << "the reader's own order";
-}
-
-TEST(EndianBinaryReader, ReadsIntegersOfEveryWidthWithoutSign) {
-    struct Case {
-        int bytes;
-        std::int64_t big;
-        std::int64_t little;
-    };
-    constexpr Case Cases[] = {{0, 0, 0},
-                              {1, 0xF1, 0xF1},
-                              {3, 0xF1F2F3, 0xF3F2F1},
-                              {5, 0xF1F2F3F4F5, 0xF5F4F3F2F1},
-                              {7, 0xF1F2F3F4F5F6F7, 0xF7F6F5F4F3F2F1}};
-    Packet packet({0xF1, 0xF2, 0xF3, 0xF4, 0xF5, 0xF6, 0xF7, 0xF8, 0xF9});
-    EndianBinaryReader reader(packet.buffer);
-    for (const Case& c : Cases) {
-        reader.Seek(0, Origin::Begin);
-        EXPECT_EQ(reader.ReadInt64(c.bytes), c.big);
-        EXPECT_EQ(reader.Position(), c.bytes);
-        reader.Seek(0, Origin::Begin);
-        EXPECT_EQ(reader.ReadInt64(c.bytes, Endianness::Little), c.little);
-        EXPECT_EQ(reader.GetEndianness(), Endianness::Big);
-    }
-    reader.Seek(0, Origin::Begin);
-    EXPECT_EQ(reader.ReadInt32(3), 0xF1F2F3);
-    EXPECT_EQ(reader.ReadWChar(), 0xF4F5);
-    EXPECT_EQ(reader.ReadInt16(), static_cast<std::int16_t>(0xF6F7));
-    reader.SeekBits(3, Origin::Begin);
-    EXPECT_EQ(reader.ReadUInt16(), 0xF1F2) << "byte reads begin at the current byte";
-    EXPECT_EQ(reader.BitPosition(), 0);
-}
-
-TEST(EndianBinaryReader, ReadsExpGolombCodes) {
-    // 1 | 010 | 011 | 00100, and again as signed codes; then 32 zeros, 1, 31 zeros and a 1.
-    Packet packet({0xA6, 0x42, 0x98, 0x80, 0, 0, 0, 0, 0x80, 0, 0, 0, 0x80});
-    EndianBinaryReader reader(packet.buffer);
-    for (const std::uint32_t value : {0u, 1u, 2u, 3u}) {
-        EXPECT_EQ(reader.ReadExpGolomb(), value);
-    }
-    reader.SeekBits(1, Origin::Begin);
-    for (const int value : {1, -1, 2}) {
-        EXPECT_EQ(reader.ReadSignedExpGolomb(), value);
-    }
-    reader.SeekBits(32, Origin::Begin);
-    EXPECT_EQ(reader.ReadExpGolomb(), UINT32_MAX + 1u) << "cut to 32 bits";
-    EXPECT_EQ(reader.FullBitPosition(), 32 + 65);
-}
-
-TEST(EndianBinaryReader, LeavesADocumentedPositionWhenACodeFails) {
-    struct Case {
-        std::vector<unsigned char> bytes;
-        std::int64_t start;
-        std::int64_t left;
-    };
-    const Case cases[] = {
-        {{}, 0, 0},                                   // nothing to read
-        {{0xFF, 0x00}, 8, 16},                        // the prefix does not end
-        {{0xFF, 0x01}, 9, 16},                        // behind a whole prefix, no info bits
-        {{0x00, 0x00, 0x00, 0x00, 0x7F}, 0, 0},       // 33 zeros
-        {std::vector<unsigned char>(40, 0), 37, 37},  // many more
-    };
-    for (const Case& c : cases) {
-        Packet packet(c.bytes);
-        EndianBinaryReader reader(packet.buffer);
-        reader.SeekBits(c.start, Origin::Begin);
-        EXPECT_THROW(reader.ReadExpGolomb(), GeneralException);
-        EXPECT_EQ(reader.FullBitPosition(), c.left) << "of " << c.bytes.size() << " bytes";
-        EXPECT_EQ(packet.buffer->Position() * 8 + packet.buffer->BitPosition(), c.left);
-    }
 }
 
 TEST(EndianBinaryReader, FailsInItsOwnWords) {
@@ -189,20 +118,6 @@ TEST(EndianBinaryReader, NewReadersAndWritersHaveDefaultsOfTheirOwn) {
     EXPECT_EQ(EndianBinaryWriter(packet.buffer).GetEndianness(), Endianness::Little);
     EXPECT_EQ(EndianBinaryReader(packet.buffer).GetEndianness(), Endianness::Big);
     EndianBinaryWriter::GlobalEndiannes() = Endianness::Big;
-}
-
-TEST(EndianBinaryReader, ReadsTheSameFromAFile) {
-    const TempFolder folder;
-    WriteWholeFile(folder / "data", std::string("\xA5\x0F\x40\x00\x00\x00\x05", 7));
-    EndianBinaryReader reader(std::make_shared<FileStream>(folder / "data", "rb"));
-    EXPECT_EQ(reader.ReadBits(4), 0xA);
-    EXPECT_EQ(reader.ReadBits(8), 0x50);
-    EXPECT_EQ(reader.ReadUInt16(), 0x0F40) << "from the current byte";
-    EXPECT_EQ(reader.ReadUInt32(), 5u);
-    EXPECT_THROW(reader.ReadBits(1), GeneralException);
-    reader.SeekBits(12, Origin::Begin);
-    EXPECT_EQ(reader.ReadExpGolomb(), 0u);
-    EXPECT_EQ(reader.FullBitPosition(), 13);
 }
 
 // Every path gives the results and positions of the model.

@@ -1,7 +1,6 @@
 #include "mivra/common/binary/EndianBinaryWriter.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "mivra/common/binary/EndianBinaryReader.h"
 #include "mivra/common/buffers/FileStream.h"
@@ -28,29 +27,6 @@ TEST(EndianBinaryWriter, WritesBitsIntoAFileThatGrows) {
     writer.Fill('x', 3);
     writer.Flush();
     EXPECT_EQ(ReadWholeFile(folder / "data"), "\xA5\x0Fxxx");
-}
-
-TEST(EndianBinaryWriter, KeepsTheBitsAroundAField) {
-    for (const bool windowed : {true, false}) {
-        for (int start = 0; start < 24; ++start) {
-            for (int count = 0; count <= 64; ++count) {
-                Packet packet(Bytes(24, 0xFF));
-                const auto stream = windowed ? std::make_shared<VersatileBufferStream>(packet.buffer)
-                                             : std::static_pointer_cast<VersatileBufferStream>(
-                                                   std::make_shared<ShortStream>(packet, 24));
-                EndianBinaryWriter writer(stream);
-                writer.SeekBits(start, Origin::Begin);
-                writer.WriteBits(0, count);
-                ASSERT_EQ(writer.FullBitPosition(), start + count);
-                for (int bit = 0; bit < 24 * 8; ++bit) {
-                    const bool isSet =
-                        (packet.bytes[static_cast<std::size_t>(bit / 8)] >> (7 - bit % 8) & 1) != 0;
-                    ASSERT_EQ(isSet, bit < start || bit >= start + count)
-                        << "bit " << bit << ", field at " << start << " of " << count;
-                }
-            }
-        }
-    }
 }
 
 TEST(EndianBinaryWriter, WritesValuesInBothOrders) {
@@ -109,31 +85,6 @@ TEST(EndianBinaryWriter, WritesCodesAsBitStringsInEitherOrder) {
                 bits += (packet.bytes[static_cast<std::size_t>(i / 8)] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
             }
             EXPECT_EQ(bits, c.bits) << c.value;
-        }
-    }
-}
-
-TEST(EndianBinaryWriter, CodesComeBackOverTheirWholeRange) {
-    Packet packet(Bytes(16));
-    for (int power = 0; power <= 32; ++power) {
-        for (int off = -1; off <= 1; ++off) {
-            const auto value = static_cast<std::uint32_t>((std::int64_t{1} << power) + off);
-            EndianBinaryWriter writer(packet.buffer);
-            writer.Seek(0, Origin::Begin);
-            writer.WriteUnsignedExpGolomb(value);
-            if (value != UINT32_MAX) {
-                const int zeros = static_cast<int>(std::floor(std::log(value + 1.0) / std::log(2.0)));
-                EXPECT_EQ(writer.FullBitPosition(), 2 * zeros + 1) << value;
-            }
-            packet.buffer->Position() = packet.buffer->BitPosition() = 0;
-            EXPECT_EQ(EndianBinaryReader(packet.buffer).ReadExpGolomb(), value);
-            const int number = static_cast<int>(value);
-            packet.buffer->Position() = packet.buffer->BitPosition() = 0;
-            if (number != 0) {
-                EndianBinaryWriter(packet.buffer).WriteSignedExpGolomb(number);
-                packet.buffer->Position() = packet.buffer->BitPosition() = 0;
-                EXPECT_EQ(EndianBinaryReader(packet.buffer).ReadSignedExpGolomb(), number);
-            }
         }
     }
 }

@@ -176,16 +176,6 @@ TEST(Metadata, HostileFormsTakeNoMemory) {
     }
 }
 
-TEST(Metadata, CutFormsFailAtEveryLength) {
-    Metadata map;
-    map["a"] = std::string("b");
-    nestedOf(map["n"])["c"] = 1;
-    const std::string form = Written(map);
-    for (std::size_t size = 0; size < form.size(); ++size) {
-        EXPECT_FALSE(ReadAs<Metadata>(form.substr(0, size), [](Metadata&) {})) << size;
-    }
-}
-
 TEST(Metadata, DepthCostsNoStack) {
     const std::string form = deepForm(Deep);
     EXPECT_TRUE(ReadAs<Metadata>(form, [&](Metadata& read) {

@@ -16,6 +16,7 @@
 #include "mivra/common/runtime/FileLog.h"
 #include "tests/common/runtime/LogFixture.h"
 #include "tests/support/FaultInjection.h"
+#include "tests/support/Soak.h"
 
 namespace Mivra::Test {
 namespace {
@@ -226,9 +227,9 @@ pid_t spawnWriter(const std::string& path, int process, int lines) {
     return id;
 }
 
-// MIVRA_SOAK=1: 50,000 lines a process.
+// So many lines a process.
 TEST(FileLogProcessTest, LosesAndTearsNoLineWhileFourProcessesRoll) {
-    const int lines = std::getenv("MIVRA_SOAK") != nullptr ? 50000 / kThreads : 500;
+    const int lines = SoakCount(500 * kThreads, 50000) / kThreads;
     TempFolder folder;
     std::vector<pid_t> processes;
     for (int process = 0; process < kProcesses; ++process) {
