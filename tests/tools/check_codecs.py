@@ -127,7 +127,8 @@ class Probe(Codecs):
 class Convert(Codecs):
     CASES = [("bframes.mp4", "annexb", ".h264", "v"), ("bframes.mp4", "annexb", ".ts", "v"), ("bframes.ts", "avcc", ".mp4", "v"),
              ("bframes.mkv", "avcc", ".flv", "v"), ("bframes.mp4", "adts", ".aac", "a"), ("bframes.mp4", "adts", ".ts", "a"),
-             ("bframes.ts", "asc", ".m4a", "a"), ("bframes.ts", "asc", ".mkv", "a"), ("plain.flv", "annexb", ".ts", "v")]
+             ("bframes.ts", "asc", ".m4a", "a"), ("bframes.ts", "asc", ".mkv", "a"), ("plain.flv", "annexb", ".ts", "v"),
+             ("changes.flv", "annexb", ".ts", "v"), ("changes.flv", "annexb", ".h264", "v")]
 
     def test_what_comes_out_has_the_form_and_the_same_content(self):
         for name, form, extension, kind in self.CASES:
@@ -198,6 +199,16 @@ class Sps(Codecs):
                 whole = self.folder / "whole.ts"
                 self.works("sps", FILMS / name, "--crop", "0,0,0,0", "-o", whole)
                 self.assertEqual(digests(out, "v"), digests(whole, "v", "-vf", "crop=314:174:2:8"))
+
+    def test_sets_that_come_later_are_changed_too(self):
+        for extension in [".ts", ".flv"]:
+            out = self.folder / ("changes" + extension)
+            self.works("sps", FILMS / "changes.flv", "--aspect", "4:3", "-o", out)
+            words = ["ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "frame=width,sample_aspect_ratio",
+                     "-of", "csv=p=0", out]
+            lines = subprocess.run(words, capture_output=True, text=True, check=True, timeout=60).stdout.split()
+            seen = {line.strip(",") for line in lines}
+            self.assertEqual(seen, {"320,4:3", "480,4:3"}, extension)
 
     def test_the_ratio_can_be_taken_away(self):
         out = self.folder / "none.mp4"

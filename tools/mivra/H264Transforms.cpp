@@ -225,6 +225,26 @@ private:
     int lengthSize = 0;
 };
 
+/// One after the other.
+class TransformChain : public PacketTransform {
+public:
+    TransformChain(std::unique_ptr<PacketTransform> one, std::unique_ptr<PacketTransform> other)
+        : first(std::move(one)), second(std::move(other)) {}
+
+    MediaType Begin(const MediaType& type, PacketBuffer* packet) override {
+        return second->Begin(first->Begin(type, packet), packet);
+    }
+
+    Packet Apply(const Packet& packet) override {
+        const Packet between = first->Apply(packet);
+        return between ? second->Apply(between) : Packet();
+    }
+
+private:
+    const std::unique_ptr<PacketTransform> first;
+    const std::unique_ptr<PacketTransform> second;
+};
+
 }  // namespace
 
 std::unique_ptr<PacketTransform> makeAnnexBTransform() {
@@ -235,8 +255,12 @@ std::unique_ptr<PacketTransform> makeAvcTransform() {
     return std::make_unique<AvcTransform>();
 }
 
-std::unique_ptr<PacketTransform> makeSetTransform(const SetChanges& changes) {
-    return std::make_unique<SetTransform>(changes);
+std::unique_ptr<PacketTransform> makeSetTransform(const SetChanges& changes, bool annexB) {
+    auto sets = std::make_unique<SetTransform>(changes);
+    if (!annexB) {
+        return sets;
+    }
+    return std::make_unique<TransformChain>(std::move(sets), makeAnnexBTransform());
 }
 
 }  // namespace Mivra::Tool

@@ -23,7 +23,7 @@ struct SetChanges {
     std::optional<Common::Rational> aspect;  ///< of a sample; 0/0: not told
 };
 
-/// Changes every sequence parameter set, those in the packets too. The form stays.
-std::unique_ptr<PacketTransform> makeSetTransform(const SetChanges& changes);
+/// Changes every sequence parameter set, those in the packets too. The form stays, or becomes start codes.
+std::unique_ptr<PacketTransform> makeSetTransform(const SetChanges& changes, bool annexB);
 
 }  // namespace Mivra::Tool

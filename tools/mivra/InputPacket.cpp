@@ -1,11 +1,15 @@
 #include "tools/mivra/InputPacket.h"
 
 #include <climits>
+#include <memory>
 #include <new>
+#include <string>
+#include <utility>
 
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "tools/mivra/PacketFlags.h"
 #include "tools/mivra/Rescale.h"
+#include "tools/mivra/StreamMapping.h"
 
 namespace Mivra::Tool {
 
@@ -20,6 +24,32 @@ Packet makeBuffer(std::int64_t size) {
     return buffer;
 }
 
+namespace {
+
+/// Transport streams number their streams; the usual numbers tell nothing.
+bool isUsualStreamId(const AVPacketSideData& data) {
+    constexpr std::uint8_t kAudio = 0xC0;
+    constexpr std::uint8_t kVideo = 0xE0;
+    return data.type == AV_PKT_DATA_MPEGTS_STREAM_ID && data.size == 1 &&
+           (data.data[0] == kAudio || data.data[0] == kVideo);
+}
+
+void copySideData(const AVPacket& from, const Common::MediaType& type, Common::PacketBuffer& to) {
+    for (int i = 0; i < from.side_data_elems; ++i) {
+        const AVPacketSideData& data = from.side_data[i];
+        if (data.type == AV_PKT_DATA_NEW_EXTRADATA) {
+            auto changed = std::make_unique<Common::MediaType>(type);
+            setPrivateData(*changed, data.data, data.size);
+            delete std::exchange(to.NewMediaType(), changed.release());
+        } else if (!isUsualStreamId(data)) {
+            to.ExtraData()[kPacketSideData + std::to_string(static_cast<int>(data.type))] =
+                std::string(reinterpret_cast<const char*>(data.data), data.size);
+        }
+    }
+}
+
+}  // namespace
+
 Packet copyPacket(Demuxer& input) {
     const AVPacket& from = input.Packet();
     const AVRational base = input.TimeBase(from.stream_index);
@@ -33,6 +63,7 @@ Packet copyPacket(Demuxer& input) {
     to->KeyFrame() = (from.flags & AV_PKT_FLAG_KEY) != 0;
     to->FilePosition() = from.pos;
     setPacketFlags(*to.get(), from.flags);
+    copySideData(from, input.Type(from.stream_index), *to.get());
     return to;
 }
 

@@ -1,6 +1,7 @@
 #include "tools/mivra/MediaCopy.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "mivra/common/runtime/GeneralException.h"
@@ -119,13 +120,26 @@ private:
         if (!output.Takes(index)) {
             return;
         }
-        Packet out = stream.transform != nullptr ? stream.transform->Apply(packet) : packet;
+        Packet out = stream.transform != nullptr ? transform(*stream.transform, packet) : packet;
         if (!out) {
             noteDamage("a packet of stream " + std::to_string(index) + " is malformed");
             return;
         }
         setPacketFlags(*out.get(), packetFlags(*packet.get()));
         check(output.Write(index, *out.get()));
+    }
+
+    /// Where the stream changes, the transform begins anew, and the output is told of what comes then.
+    static Packet transform(PacketTransform& by, const Packet& packet) {
+        if (packet->NewMediaType() == nullptr) {
+            return by.Apply(packet);
+        }
+        auto changed = std::make_unique<MediaType>(by.Begin(*packet->NewMediaType(), packet.get()));
+        Packet out = by.Apply(packet);
+        if (out) {
+            delete std::exchange(out->NewMediaType(), changed.release());
+        }
+        return out;
     }
 
     void check(Muxer::Result result) {

@@ -18,8 +18,8 @@ public:
     PacketTransform& operator=(const PacketTransform&) = delete;
     virtual ~PacketTransform() = default;
 
-    /// The stream as it goes out; first is its first packet, null when it has none. ProblemError when that
-    /// cannot be.
+    /// The stream as it goes out; first is its first packet, null when it has none. Called again where the
+    /// stream changes. ProblemError when that cannot be.
     virtual Common::MediaType Begin(const Common::MediaType& type, Common::PacketBuffer* first) = 0;
     /// The packet as it goes out, which may be the same; null when it is damaged.
     virtual Packet Apply(const Packet& packet) = 0;

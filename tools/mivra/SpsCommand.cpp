@@ -8,6 +8,7 @@
 
 #include "tools/mivra/Commands.h"
 #include "tools/mivra/H264Transforms.h"
+#include "tools/mivra/OutputFormat.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -71,8 +72,12 @@ SetChanges readChanges(const Arguments& arguments) {
 ExitCode changeSets(const Arguments& arguments, const SetChanges& changes) {
     Console console(arguments.output == kStandardStream ? STDERR_FILENO : STDOUT_FILENO);
     MediaCopyOptions options{arguments.input, arguments.output, {}, "no H.264 stream"};
-    options.transform = [&changes](const MediaType& type) {
-        return type.CodecId() == Codec_t::H264 ? makeSetTransform(changes) : nullptr;
+    // What only holds start codes gets them.
+    const OutputFormat* const format = findOutputFormat(arguments.output);
+    const std::string extension = format != nullptr ? format->extension : "";
+    const bool annexB = extension == ".ts" || extension == ".h264";
+    options.transform = [&changes, annexB](const MediaType& type) {
+        return type.CodecId() == Codec_t::H264 ? makeSetTransform(changes, annexB) : nullptr;
     };
     return copyMedia(options, console);
 }
