@@ -36,7 +36,7 @@ inline void AskAll(const Codecs::H264::H264ConfigurationParser& parser, bool one
     ElementsOf(parser.GetSps());
     ElementsOf(parser.GetPps(), chroma);
 
-    std::vector<unsigned char> rbsp(128 * 1024);
+    std::vector<unsigned char> rbsp(4096 + parser.GetPps().slice_group_id.Size());
     const std::size_t size = writePictureParameterSet(parser.GetPps(), chroma, rbsp);
     PPS264struct pps;
     Require(!oneSequenceSet || (readPictureParameterSet({rbsp.data(), size}, chroma, pps) &&

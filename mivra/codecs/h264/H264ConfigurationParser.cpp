@@ -11,6 +11,7 @@
 #include "mivra/codecs/h264/AspectRatios.h"
 #include "mivra/codecs/h264/ParameterSetCoding.h"
 #include "mivra/codecs/h264/Rbsp.h"
+#include "mivra/codecs/h264/SyntaxElement.h"
 #include "mivra/common/runtime/GlobalLog.h"
 
 namespace Mivra::Codecs::H264 {
@@ -308,7 +309,6 @@ int H264ConfigurationParser::GetReorderingQueueDepth() const {
 }
 
 bool H264ConfigurationParser::TryGetReorderingQueueDepth(int* depth) const {
-    constexpr std::int64_t MaxDpbFrames = 16;
     if (sps.vui_parameters_present_flag != 0 && sps.vui_parameters.bitstream_restriction_flag != 0) {
         *depth = sps.vui_parameters.max_num_reorder_frames;
         return true;

@@ -82,7 +82,7 @@ void seq_parameter_set_data(Coder& coder, Sps& sps) {
     }
     coder.ue("log2_max_frame_num_minus4", sps.log2_max_frame_num_minus4, 12);
     pic_order_cnt_data(coder, sps);
-    coder.ue("max_num_ref_frames", sps.max_num_ref_frames, 16);
+    coder.ue("max_num_ref_frames", sps.max_num_ref_frames, MaxDpbFrames);
     coder.flag("gaps_in_frame_num_value_allowed_flag", sps.gaps_in_frame_num_value_allowed_flag);
     coder.ue("pic_width_in_mbs_minus1", sps.pic_width_in_mbs_minus1, MaxInt);
     coder.ue("pic_height_in_map_units_minus1", sps.pic_height_in_map_units_minus1, MaxInt);

@@ -29,6 +29,9 @@ constexpr std::int64_t MaxUe = 0xFFFFFFFE;
 constexpr std::int64_t MaxInt = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t MinSe = -MaxInt;
 
+/// The most frames that a decoded picture buffer holds (A.3.1); callers make queues of as many.
+constexpr std::int64_t MaxDpbFrames = 16;
+
 /// The largest slice group map: MaxFS of level 6.2 (Table A-1), in macroblocks.
 constexpr std::int64_t MaxMapUnits = 139264;
 

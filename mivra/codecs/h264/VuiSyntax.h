@@ -65,8 +65,8 @@ void vui_parameters(Coder& coder, Vui& vui) {
         coder.ue("max_bits_per_mb_denom", vui.max_bits_per_mb_denom, MaxInt);
         coder.ue("log2_max_mv_length_horizontal", vui.log2_max_mv_length_horizontal, MaxInt);
         coder.ue("log2_max_mv_length_vertical", vui.log2_max_mv_length_vertical, MaxInt);
-        coder.ue("max_num_reorder_frames", vui.max_num_reorder_frames, MaxInt);
-        coder.ue("max_dec_frame_buffering", vui.max_dec_frame_buffering, MaxInt);
+        coder.ue("max_num_reorder_frames", vui.max_num_reorder_frames, MaxDpbFrames);
+        coder.ue("max_dec_frame_buffering", vui.max_dec_frame_buffering, MaxDpbFrames);
     }
 }
 

@@ -108,6 +108,7 @@ TEST(Parse, RefusesCountsThatTheStandardDoesNotHave) {
         {"pic_order_cnt_type 3", "6742001ec880b011e4"},
         {"256 frames in the cycle",
          "6742001ed30080ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffa02c0479"},
+        {"max_num_reorder_frames 17", "674d0028ed016023d01da08844241180"},
         {"33 schedules", "6742001eed016023d0410806db6db6db6db6db6db6db6db6bbcb8280"},
         {"nine slice groups", "68d12971c416c0"},
         {"slice_group_map_type 7", "68d42171c416c0"},
