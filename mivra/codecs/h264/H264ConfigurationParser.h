@@ -88,7 +88,7 @@ public:
     /// start code. GeneralException when it does not fit; the buffer is then as before.
     void ToPacketBuffer(Common::PacketBuffer* buffer) const;
 
-    // Private data.
+    // Private data. No memory is std::bad_alloc, and nothing changes; what is refused is logged.
 
     /// A configuration record becomes the start-code form; everything else is left as it is. False when the
     /// record is malformed or holds no set; the type is then as before.
@@ -97,8 +97,8 @@ public:
     static bool ConvertPrivateDataToAvc(Common::MediaType& type);
     /// Replaces the type's private data by a configuration record of the given sets (length size 4): of the
     /// units of an Annex B buffer, of one set of each kind, or of lists. False, and nothing changes, when
-    /// there is no whole sequence parameter set, or more or longer sets than a record holds. The data may be
-    /// the type's own.
+    /// there is no whole sequence parameter set, an empty set, or more or longer sets than a record holds.
+    /// The picture parameter set may be missing (size 0). The data may be the type's own.
     static bool GenerateCodecPrivateData(Common::MediaType& type, unsigned char* data, int size);
     static bool GenerateCodecPrivateData(Common::MediaType& type, unsigned char* sps, int spsSize,
                                          unsigned char* pps, int ppsSize);
