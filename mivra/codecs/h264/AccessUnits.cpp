@@ -7,9 +7,9 @@
 
 namespace Mivra::Codecs::H264 {
 
-bool AccessUnitBoundaries::beginsWithSlice(NalUnit slice) const {
-    const auto header = slices.Read(slice);
-    return header && header->redundant_pic_cnt == 0 && picture && beginsPicture(*header, *picture);
+bool AccessUnitBoundaries::beginsNext(const std::optional<SliceHeader>& slice) const {
+    return pictureSeen && picture && slice && slice->redundant_pic_cnt == 0 &&
+           beginsPicture(*slice, *picture);
 }
 
 bool AccessUnitBoundaries::Begins(const PlacedUnit& unit, UnitWalk following) {
@@ -19,15 +19,15 @@ bool AccessUnitBoundaries::Begins(const PlacedUnit& unit, UnitWalk following) {
         case NalUnitTypes::Slice:
         case NalUnitTypes::SliceDataPartitionA:
         case NalUnitTypes::SliceIdr:
-            begins = begins || (pictureSeen && beginsWithSlice(unit.rest));
-            if (const auto header = slices.Read(unit.rest); header && header->redundant_pic_cnt == 0) {
-                picture = header;
+            if (const auto header = slices.Read(unit.rest)) {
+                begins = begins || beginsNext(header);
+                picture = header->redundant_pic_cnt == 0 ? header : picture;
             }
             pictureSeen = true;
             return begins;
         case NalUnitTypes::PrefixNalUnit:
             if (const auto slice = following.Next(); slice && hasSliceHeader(nalUnitType(slice->rest))) {
-                begins = begins || (pictureSeen && beginsWithSlice(slice->rest));
+                begins = begins || beginsNext(slices.Read(slice->rest));
                 pictureSeen = pictureSeen && !begins;
                 return begins;
             }

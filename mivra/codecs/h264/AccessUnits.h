@@ -18,7 +18,7 @@ public:
     bool Begins(const PlacedUnit& unit, UnitWalk following);
 
 private:
-    bool beginsWithSlice(NalUnit slice) const;
+    bool beginsNext(const std::optional<SliceHeader>& slice) const;
 
     SliceHeaderReader slices;
     std::optional<SliceHeader> picture;

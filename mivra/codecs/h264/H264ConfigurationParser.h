@@ -116,7 +116,7 @@ public:
 
     // Packets. From in's position to its actual size; out is appended to, takes in's attributes, and is as
     // before when the result is false: malformed input (no start code in front, or a wrong length), or too
-    // little room. Nothing is allocated. Sets are in Annex B form; null and 0 for none.
+    // little room. Sets are in Annex B form; null and 0 for none.
 
     /// Length prefixes of lengthSize (1 to 4) bytes become start codes of four bytes, empty units are left
     /// out. With sets, the first slice of an IDR picture that has none gets them in front, or those of the

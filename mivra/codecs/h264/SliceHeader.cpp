@@ -68,9 +68,9 @@ void SliceHeaderReader::rememberSequence(std::span<const unsigned char> rbsp) {
     sequence.framesOnly = sps.frame_mbs_only_flag != 0;
     sequence.deltaAlwaysZero = sps.delta_pic_order_always_zero_flag != 0;
     sequence.chromaFormat = static_cast<std::uint8_t>(sps.chroma_format_idc);
-    sequence.frameNumBits = static_cast<std::uint8_t>(sps.log2_max_frame_num_minus4 + 4);
+    sequence.frameNumBitsMinus4 = static_cast<std::uint8_t>(sps.log2_max_frame_num_minus4);
     sequence.orderCountType = static_cast<std::uint8_t>(sps.pic_order_cnt_type);
-    sequence.orderCountBits = static_cast<std::uint8_t>(sps.log2_max_pic_order_cnt_lsb_minus4 + 4);
+    sequence.orderCountBitsMinus4 = static_cast<std::uint8_t>(sps.log2_max_pic_order_cnt_lsb_minus4);
 }
 
 void SliceHeaderReader::rememberPicture(std::span<const unsigned char> rbsp) {
@@ -107,7 +107,7 @@ std::optional<SliceHeader> SliceHeaderReader::Read(NalUnit slice) const {
     if (sequence.separateColourPlanes) {
         bits.Bits(2);  // colour_plane_id
     }
-    header.frame_num = bits.Bits(sequence.frameNumBits);
+    header.frame_num = bits.Bits(sequence.frameNumBitsMinus4 + 4U);
     if (!sequence.framesOnly) {
         header.field_pic_flag = bits.Flag();
         header.bottom_field_flag = header.field_pic_flag && bits.Flag();
@@ -115,7 +115,7 @@ std::optional<SliceHeader> SliceHeaderReader::Read(NalUnit slice) const {
     header.idr_pic_id = header.idr ? bits.ExpGolomb() : 0;
     const bool bottomOrder = picture.bottomFieldOrder && !header.field_pic_flag;
     if (sequence.orderCountType == 0) {
-        header.pic_order_cnt_lsb = bits.Bits(sequence.orderCountBits);
+        header.pic_order_cnt_lsb = bits.Bits(sequence.orderCountBitsMinus4 + 4U);
         header.delta_pic_order_cnt_bottom = bottomOrder ? bits.ExpGolomb() : 0;
     } else if (sequence.orderCountType == 1 && !sequence.deltaAlwaysZero) {
         header.delta_pic_order_cnt[0] = bits.ExpGolomb();

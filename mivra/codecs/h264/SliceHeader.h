@@ -48,9 +48,9 @@ private:
         bool framesOnly = false;
         bool deltaAlwaysZero = false;
         std::uint8_t chromaFormat = 0;
-        std::uint8_t frameNumBits = 0;
+        std::uint8_t frameNumBitsMinus4 = 0;
         std::uint8_t orderCountType = 0;
-        std::uint8_t orderCountBits = 0;
+        std::uint8_t orderCountBitsMinus4 = 0;
     };
     struct Picture {
         bool known = false;
