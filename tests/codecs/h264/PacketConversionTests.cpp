@@ -105,6 +105,12 @@ TEST(PacketConversion, StartCodesOfEveryFormEndUnits) {
         Packet out({}, 64);
         EXPECT_FALSE(toAvc(in, out, 4)) << in.size();
     }
+    // Nothing follows that needs room, and the start code in front of it reaches over the end of the room.
+    for (const std::size_t more : {0U, 1U, 2U, 3U}) {
+        Packet out({}, avc({P1}).size() + more);
+        EXPECT_TRUE(toAvc(coded(P1) + Bytes{0, 0, 1} + coded(Sps, false), out, 4, true)) << more;
+        EXPECT_EQ(out.Content(), avc({P1})) << more;
+    }
     Packet dropped({}, 64);
     EXPECT_TRUE(toAvc(annexB({Aud, Sps, Pps, Idr}), dropped, 2, true));
     EXPECT_EQ(dropped.Content(), avc({Aud, Idr}, 2));
