@@ -50,7 +50,8 @@ def configuration(compare, driver, stream):
 
 
 def generated(compare, driver, stream):
-    ours = bytes.fromhex(driver("aac-generate", rate=stream.rate, channels=stream.channels, profile=stream.profile)["private"])
+    ours = bytes.fromhex(driver("aac-generate", rate=stream.rate, channels=stream.channels,
+                                profile=stream.profile)["private"])
     if stream.described:
         # The number is the one of as many channels.
         theirs = bytes([stream.config[0], stream.config[1] | CONFIGURATIONS.get(stream.channels, 0) << 3])

@@ -37,7 +37,7 @@ class Comparison:
 
 def shown(value):
     text = str([one.hex() if isinstance(one, bytes) else one for one in (value if isinstance(value, list) else [value])])
-    return text if len(text) < 400 else text[:400] + f"... ({len(text)})"
+    return text if len(text) < 200 else text[:200] + f"... ({len(text)})"
 
 
 class Driver:

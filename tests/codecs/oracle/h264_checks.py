@@ -81,7 +81,8 @@ def derived(compare, driver, stream):
     compare.same(stream.name, "aspect", ours["aspect"], aspect)
     told = dict(references.elements(next(unit for kind, unit in stream.traced if kind.startswith("Seq"))))
     if told.get("timing_info_present_flag"):
-        compare.same(stream.name, "rate", ours["rate"], [*Fraction(told["time_scale"], 2 * told["num_units_in_tick"]).as_integer_ratio()])
+        exact = Fraction(told["time_scale"], 2 * told["num_units_in_tick"])
+        compare.same(stream.name, "rate", ours["rate"], [*exact.as_integer_ratio()])
         compare.same(stream.name, "rate of ffprobe", ours["rate"], ratio(theirs["r_frame_rate"]))
     else:
         compare.same(stream.name, "rate", ours["rate"], [0, 0])
@@ -92,7 +93,8 @@ def derived(compare, driver, stream):
     bitrate = 0
     if told.get("nal_hrd_parameters_present_flag"):
         bitrate = (told["bit_rate_value_minus1[0]"] + 1) << 6 + told["bit_rate_scale"]
-        (maximum,) = [int(data["max_bitrate"]) for data in theirs.get("side_data_list", []) if "max_bitrate" in data] or [bitrate]
+        (maximum,) = [int(data["max_bitrate"]) for data in theirs.get("side_data_list", [])
+                      if "max_bitrate" in data] or [bitrate]
         compare.same(stream.name, "maximum bit rate", ours["bitrates"][1], maximum)
     compare.same(stream.name, "bit rates", ours["bitrates"], [bitrate] * 2)
 
@@ -111,7 +113,8 @@ def private_data(compare, driver, stream):
             ("Annex B of Annex B", driver("private", private=stream.sets, to="annexb"), stream.sets)):
         compare.same(stream.name, what, (ours.get("done"), ours.get("private")), (True, theirs.hex()))
         compare.same(stream.name, what + ": codecs", ours.get("codecs"), references.codecs(stream.folder))
-    compare.same(stream.name, "SDP", driver("describe", private=stream.record)["parameters"].split("&privateDataSdp=")[1].split("&")[0],
+    parameters = dict(one.split("=", 1) for one in driver("describe", private=stream.record)["parameters"].split("&"))
+    compare.same(stream.name, "SDP", parameters["privateDataSdp"],
                  ",".join(base64.b64encode(one).decode() for one in (stream.sps, stream.pps)))
     for data in (stream.sets, stream.record):
         ours = driver("find", data=data)
@@ -165,11 +168,13 @@ def refined(compare, driver, stream):
     theirs = picture_by_picture(stream, "filled.h264", [len(units) + 2 * idr for units, idr in zip(lists, whole)])
     for i, (sample, units, idr) in enumerate(zip(bare, lists, whole, strict=True)):
         where = f"{stream.name} packet {i}, refined"
-        compare.same(where, "sample without sets", driver("packet", to="avc", data=stream.pictures[i], drop=True)["data"], sample.hex())
+        plain = driver("packet", to="avc", data=stream.pictures[i], drop=True)
+        compare.same(where, "sample without sets", plain["data"], sample.hex())
         short = b"".join(SHORT + unit for unit in units)
         filled = driver("packet", to="refined", data=short, sets=stream.sets)
         placed(compare, where, filled, theirs[i], idr)
-        compare.same(where, "once more", driver("packet", to="refined", data=bytes.fromhex(filled["data"]), sets=stream.sets), filled)
+        again = driver("packet", to="refined", data=bytes.fromhex(filled["data"]), sets=stream.sets)
+        compare.same(where, "once more", again, filled)
         own = units_of(driver("packet", to="refined", data=stream.pictures[i], sets=stream.sets))
         compare.same(where, "sets of its own", own, without_filler(compare, where, references.units(stream.pictures[i])))
         if idr:
@@ -239,7 +244,8 @@ def messages(compare, driver, stream):
         path = pathlib.Path(folder) / "changed.h264"
         path.write_bytes(changed)
         traced = references.traced_units(streams.trace(path))
-        compare.same(stream.name, "decoded with messages", streams.decoded(path), streams.decoded(stream.folder / "stream.h264"))
+        compare.same(stream.name, "decoded with messages", streams.decoded(path),
+                     streams.decoded(stream.folder / "stream.h264"))
     compare.same(stream.name, "messages read back",
                  sorted(references.user_data(traced)), sorted(references.user_data(stream.traced) + payloads))
 
@@ -247,7 +253,8 @@ def messages(compare, driver, stream):
 def edits(compare, driver, stream):
     """Held against the edits of FFmpeg's h264_metadata, byte for byte."""
     compare.same(stream.name, "written back", driver("edit", data=stream.sets).get("unit"), stream.sps.hex())
-    for what, request in (("cropped", {"crop": list(stream.video.crop)}), ("aspect", {"aspect": ratio(stream.video.aspect)})):
+    for what, request in (("cropped", {"crop": list(stream.video.crop)}),
+                          ("aspect", {"aspect": ratio(stream.video.aspect)})):
         theirs = next(unit for unit in references.units((stream.folder / f"{what}.h264").read_bytes()) if unit[0] & 31 == 7)
         ours = driver("edit", data=stream.sets, **request)
         if what == "cropped" and not any(stream.video.crop) and ours["unit"] != theirs.hex():

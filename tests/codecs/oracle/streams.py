@@ -159,10 +159,10 @@ def trace(path):
     return _traces(ffmpeg("-i", path, "-c", "copy", "-bsf:v", "trace_headers", "-f", "null", "-", level="info"))[0]
 
 
-def decoded(path):
-    """A digest of every picture, in the order of output."""
-    done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", path, "-f", "framemd5", "-"], capture_output=True,
-                          text=True, check=True, timeout=300)
+def decoded(path, *words):
+    """A digest of every picture, in the order of output; croppings exact to the sample."""
+    done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-flags", "unaligned", "-i", path, *words, "-vsync",
+                           "passthrough", "-f", "framemd5", "-"], capture_output=True, text=True, check=True, timeout=300)
     return [line.split(",")[-1].strip() for line in done.stdout.splitlines() if not line.startswith("#")]
 
 

@@ -1,10 +1,13 @@
 """Streams through the command line tool, held against what FFmpeg says of them."""
 
 import json
+import pathlib
 import subprocess
+import tempfile
 
 import h264_checks
 import references
+import streams
 
 NAMES = {1: "Slice", 5: "SliceIdr", 6: "Sei", 7: "SequenceParameterSet", 8: "PictureParameterSet",
          9: "AccessUnitDelimiter", 12: "FillerData"}
@@ -24,6 +27,17 @@ class Tool:
 def check(compare, tool, videos, audios):
     probe(compare, tool, [(stream, form) for stream in videos for form in ("h264", "mp4")], probed_video)
     probe(compare, tool, [(stream, form) for stream in audios for form in ("m4a", "aac")], probed_audio)
+    with tempfile.TemporaryDirectory() as folder:
+        for stream in some(videos, 18):
+            converted_video(compare, tool, stream, pathlib.Path(folder))
+        for stream in some(audios, 10):
+            converted_audio(compare, tool, stream, pathlib.Path(folder))
+        for i, stream in enumerate(some(videos[1:], 11)):
+            edited(compare, tool, stream, pathlib.Path(folder), "mp4" if i % 2 else "h264")
+
+
+def some(every, count):
+    return every[::len(every) // (count * 5 if streams.SOAK else count)]
 
 
 def probe(compare, tool, files, probed):
@@ -95,3 +109,49 @@ def probed_audio(compare, where, stream, form, told, packets):
         described(compare, where, stream, told["sdp"])
     elif not stream.described:
         compare.same(where, "configuration", ours["config"], stream.again.hex())
+
+
+def converted_video(compare, tool, stream, folder):
+    tool("convert", stream.folder / "stream.mp4", folder / "out.h264", "--to", "annexb")
+    theirs = references.units((stream.folder / "again.h264").read_bytes())
+    compare.same(stream.name, "converted to Annex B", references.units((folder / "out.h264").read_bytes()),
+                 h264_checks.without_filler(compare, stream.name, theirs))
+    tool("convert", stream.folder / "stream.h264", folder / "out.mp4", "--to", "avcc")
+    compare.same(stream.name, "converted to a record", references.record(folder / "out.mp4")[1], stream.record)
+    # What the record says already is not said again.
+    bare = h264_checks.samples(stream.folder / "bare.mp4")
+    if bare != stream.samples:
+        compare.meant("parameter sets in samples", stream.name)
+    compare.same(stream.name, "samples converted", h264_checks.samples(folder / "out.mp4"), bare)
+
+
+def converted_audio(compare, tool, stream, folder):
+    if stream.described:
+        return
+    tool("convert", stream.folder / "stream.m4a", folder / "out.aac", "--to", "adts")
+    compare.same(stream.name, "converted to ADTS", (folder / "out.aac").read_bytes(), stream.adts)
+    tool("convert", stream.folder / "stream.aac", folder / "out.m4a", "--to", "asc")
+    compare.same(stream.name, "converted to a configuration", references.audio_config(folder / "out.m4a"), stream.again)
+    compare.same(stream.name, "frames converted", references.samples(folder / "out.m4a"), stream.samples)
+
+
+def edited(compare, tool, stream, folder, form):
+    """What players see of an edited stream: the size, the aspect ratio, the pictures cut out."""
+    told = dict(references.elements(next(unit for kind, unit in stream.traced if kind.startswith("Seq"))))
+    left, right, top, bottom = stream.video.crop
+    coded = ((told["pic_width_in_mbs_minus1"] + 1) * 16,
+             (told["pic_height_in_map_units_minus1"] + 1) * 16 * (2 - told["frame_mbs_only_flag"]))
+    size = [coded[0] - left - right, coded[1] - top - bottom]
+    out, source = folder / f"edited.{form}", stream.folder / f"stream.{form}"
+    tool("sps", source, "--crop", f"{left},{right},{top},{bottom}", "--aspect", stream.video.aspect.replace("/", ":"),
+         "-o", out)
+    seen = json.loads(subprocess.run(["ffprobe", "-v", "error", "-show_streams", "-of", "json", out], check=True,
+                                     capture_output=True).stdout)["streams"][0]
+    compare.same(f"{stream.name}.{form} edited", "size and aspect", [seen["width"], seen["height"],
+                 h264_checks.ratio(seen["sample_aspect_ratio"])], [*size, h264_checks.ratio(stream.video.aspect)])
+    whole = folder / f"whole.{form}"
+    tool("sps", source, "--crop", "0,0,0,0", "-o", whole)
+    compare.same(f"{stream.name}.{form} edited", "pictures", streams.decoded(out),
+                 streams.decoded(whole, "-vf", f"crop={size[0]}:{size[1]}:{left}:{top}:exact=1"))
+    if "frame_crop_right_offset" not in told:
+        compare.same(f"{stream.name}.{form} edited", "whole pictures", streams.decoded(whole), streams.decoded(source))
