@@ -9,6 +9,7 @@
 #include <semaphore>
 
 #include "mivra/common/identity/Guid.h"
+#include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/common/runtime/ThreadHelper.h"
 #include "mivra/media/MediaSession.h"
@@ -49,6 +50,7 @@ public:
         ++packets;
         EXPECT_EQ(sample->StreamIndex(), streamIndex);
         changes += sample->NewMediaType() != nullptr ? 1 : 0;
+        discontinuities += sample->Discontinuity() ? 1 : 0;
         if (streamIndex < 2 && changes == 0) {
             EXPECT_GE(sample->Dts(), last[streamIndex]);
             last[streamIndex] = sample->Dts();
@@ -63,6 +65,7 @@ public:
     std::atomic<int> packets{0};
     std::int64_t last[2] = {INT64_MIN, INT64_MIN};
     int changes = 0;
+    int discontinuities = 0;
     MediaType lastChange;
     std::vector<MediaType> types;
 
@@ -240,7 +243,7 @@ TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
     RecordingSink& sink = flow.Record();
     FileSource& source = flow.Read(film("bframes.mp4"));
     EXPECT_TRUE(source.CanPause());
-    EXPECT_FALSE(source.CanSeek());
+    EXPECT_FALSE(source.CanSeek());  // not known yet
     std::vector<std::string> errors;
     source.AddErrorListener([&](void*, Media::ErrorEventArgs* args) {
         EXPECT_FALSE(args->fatal);
@@ -250,9 +253,13 @@ TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
     flow.session.Start();
     EXPECT_FALSE(flow.shared->monitor.Wait(20, -1));
     EXPECT_EQ(sink.packets, 0);
-    source.SetPosition(10000000);
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find("cannot seek"), std::string::npos);
+    EXPECT_TRUE(source.CanSeek());
+    EXPECT_THROW(source.SetLoop(true), Common::GeneralException);
+    source.SetPosition(60000000);
+    source.SetPosition(-1);
+    source.OnActionRequired(nullptr);
+    ASSERT_EQ(errors.size(), 3u);
+    EXPECT_NE(errors[0].find("it lasts from 0 to 5.0"), std::string::npos) << errors[0];
     source.Discard({{1, true}});
     source.Resume();
     while (!flow.shared->monitor.Wait(1000, -1)) {
@@ -261,6 +268,42 @@ TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
     EXPECT_TRUE(source.IsEos());
     EXPECT_NEAR(static_cast<double>(source.GetPosition()), 5e7, 2e6);
     EXPECT_NEAR(static_cast<double>(source.GetDuration()), 5e7, 2e6);
+    source.SetPosition(0);
+    EXPECT_EQ(errors.size(), 4u);  // it has ended
+}
+
+// Without an end of stream the source waits behind its last packet; a seek takes it back, paused or not, and
+// times go on.
+TEST_F(RelayTest, SeeksGoOnInTime) {
+    Flow flow;
+    RecordingSink& sink = flow.Record();
+    FileSource& source = flow.Read(film("bframes.mp4"));
+    source.SetAllowEos(false);
+    source.SetPosition(21000000);     // the key frame at 2 s
+    constexpr int kFirst = 75 + 141;  // pictures and sound from there, and from 4 s
+    constexpr int kSecond = 25 + 47;
+    const auto reaches = [&](int packets) {
+        for (int i = 0; i < 2000 && sink.packets < packets; ++i) {
+            flow.shared->monitor.Wait(5, -1);
+        }
+        return sink.packets == packets;
+    };
+    flow.session.Start();
+    EXPECT_TRUE(reaches(kFirst));
+    EXPECT_FALSE(source.IsEos());
+    EXPECT_EQ(sink.discontinuities, 0);
+    source.Pause();
+    source.SetPosition(45000000);
+    for (int i = 0; i < 2000 && source.GetPosition() != 40000000; ++i) {
+        flow.shared->monitor.Wait(5, -1);
+    }
+    EXPECT_EQ(source.GetPosition(), 40000000);
+    EXPECT_EQ(sink.packets, kFirst);
+    source.Resume();
+    EXPECT_TRUE(reaches(kFirst + kSecond));
+    EXPECT_EQ(sink.packets, kFirst + kSecond);
+    EXPECT_EQ(sink.discontinuities, 2);  // one of each stream
+    EXPECT_NEAR(static_cast<double>(source.Played()), 4e7, 3e6);
 }
 
 // Pictures wait for sound that never comes: only the end of the file finds out that one is not to be had.

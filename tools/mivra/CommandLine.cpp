@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 namespace Mivra::Tool {
 namespace {
@@ -64,6 +65,21 @@ CLI::Validator wholeNumberBetween(int low, int high) {
             }
             return "'" + word + "' is not a whole number from " + std::to_string(low) + " to " +
                    std::to_string(high);
+        },
+        "");
+}
+
+CLI::Validator oneOf(std::vector<std::string> words) {
+    return CLI::Validator(
+        [words = std::move(words)](std::string& word) -> std::string {
+            std::string list;
+            for (const std::string& one : words) {
+                if (one == word) {
+                    return "";
+                }
+                list += (list.empty() ? "" : ", ") + one;
+            }
+            return "'" + word + "' is none of " + list;
         },
         "");
 }

@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace Mivra::Tool {
 
@@ -14,5 +16,6 @@ std::shared_ptr<CLI::Formatter> makeHelpFormatter();
 /// Takes numbers from low to high, both included.
 CLI::Validator numberBetween(double low, double high);
 CLI::Validator wholeNumberBetween(int low, int high);
+CLI::Validator oneOf(std::vector<std::string> words);
 
 }  // namespace Mivra::Tool

@@ -1,7 +1,9 @@
 #include "tools/mivra/FileSource.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <system_error>
 
@@ -24,6 +26,11 @@ using Media::MediaState;
 constexpr std::size_t kMostInBatch = 32;
 constexpr std::int64_t kMostBatchBytes = 256 << 10;
 
+void setNewType(PacketBuffer& buffer, std::unique_ptr<MediaType> type) {
+    delete buffer.NewMediaType();
+    buffer.NewMediaType() = type.release();
+}
+
 /// The numbers that transport streams give to streams of a kind; others travel with their packets.
 bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
     return id == (kind == Common::ContentType_t::Video ? 0xE0 : 0xC0);
@@ -32,12 +39,8 @@ bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
 }  // namespace
 
 FileSource::FileSource(FileSourceOptions what, std::shared_ptr<RelayShared> with)
-    : options(std::move(what)),
-      shared(std::move(with)),
-      lane(shared->budget.Lane(options.index)),
-      mostInBatch(options.realtime || options.path == kStandardStream ? 1 : kMostInBatch) {
+    : options(std::move(what)), shared(std::move(with)), lane(shared->budget.Lane(options.index)) {
     canPause = true;
-    batch.reserve(mostInBatch);
 }
 
 FileSource::~FileSource() {
@@ -47,38 +50,68 @@ FileSource::~FileSource() {
 
 void FileSource::Open() {
     try {
-        auto made = std::make_unique<Demuxer>(options.path);
-        {
-            AutoLock hold(lock);
-            demuxer = std::move(made);
-        }
-        if (stopping) {
-            throw GeneralException("stopped");
-        }
-        demuxer->Open();
+        openInput();
     } catch (const ProblemError& error) {
         if (!stopping) {
             shared->monitor.Fail(error.code, error.problem);
         }
         throw GeneralException("%s", error.what());
     }
+    setStateInThread(MediaState::Opened);
+}
+
+void FileSource::openInput() {
+    const double rate = GetPlaybackRate();
+    const bool isRateSet = rate != std::numeric_limits<double>::max();
+    if (isRateSet && !(rate > 0 && std::isfinite(rate))) {
+        throw ProblemError(ExitCode::Usage, {"the playback rate has to be above 0", options.path, ""});
+    }
+    clock.emplace(isRateSet ? rate : options.realtime ? 1 : -1);
+    mostInBatch = clock->Runs() || options.path == kStandardStream ? 1 : kMostInBatch;
+    batch.reserve(mostInBatch);
+    identity = FileIdentity::Of(options.path);
+    auto made = std::make_unique<Demuxer>(options.path);
+    {
+        AutoLock hold(lock);
+        demuxer = std::move(made);
+    }
+    if (stopping) {
+        throw GeneralException("stopped");
+    }
+    demuxer->Open();
     for (int i = 0; i < demuxer->StreamCount(); ++i) {
-        const auto kind = demuxer->Type(i).ContentType();
+        types.push_back(demuxer->Type(i));
+        const auto kind = types.back().ContentType();
         const bool read = kind == Common::ContentType_t::Video || kind == Common::ContentType_t::Audio;
         ended.push_back(!read);
         streamsLeft += read ? 1 : 0;
+    }
+    time = std::make_unique<ContinuousTime>(demuxer->StreamCount());
+    jumped.resize(types.size());
+    canSeek = demuxer->CanSeek();
+    changeable = demuxer->IsFile() && options.path != kStandardStream;
+    if (loop && !changeable) {
+        throw ProblemError(ExitCode::CannotOpen, {"the input cannot be read again from its beginning",
+                                                  options.path, "only a file can loop"});
     }
     {
         AutoLock hold(lock);
         duration = demuxer->Duration();
     }
-    setStateInThread(MediaState::Opened);
+    std::optional<std::int64_t> begin;
+    {
+        const std::lock_guard hold(gate);
+        begin = std::exchange(wantedPosition, std::nullopt);
+    }
+    if (begin.has_value()) {
+        seekBeforeStart(*begin);
+    }
 }
 
 void FileSource::Start() {
-    const int count = demuxer->StreamCount();
+    const int count = GetStreamCount();
     for (int i = 0; i < count; ++i) {
-        MediaType type = demuxer->Type(i);
+        MediaType type = GetMediaType(i);
         onNewStream(i, count, &type);
     }
     setStateInThread(MediaState::Started);
@@ -116,14 +149,14 @@ void FileSource::halt() {
 }
 
 int FileSource::GetStreamCount() {
-    return demuxer != nullptr ? demuxer->StreamCount() : 0;
+    return static_cast<int>(types.size());
 }
 
 MediaType FileSource::GetMediaType(int streamIndex) {
     if (streamIndex < 0 || streamIndex >= GetStreamCount()) {
         throw GeneralException("FileSource::GetMediaType: there is no stream %d", streamIndex);
     }
-    return demuxer->Type(streamIndex);
+    return types[static_cast<std::size_t>(streamIndex)];
 }
 
 void FileSource::Discard(std::map<int, bool> streams) {
@@ -140,45 +173,34 @@ void FileSource::SetDesiredOutputType(int streamIndex, MediaType type) {
     }
 }
 
-void FileSource::Pause() {
-    paused = true;
-}
-
-void FileSource::Resume() {
-    {
-        const std::lock_guard hold(gate);
-        paused = false;
-        anchored = false;
-    }
-    gateChanged.notify_all();
-}
-
-void FileSource::OnActionRequired(std::shared_ptr<Media::ActionRequiredEventArgs> args) {
-    const bool seek = args != nullptr && args->action == Media::ActionRequiredEventArgs::Seek;
-    onError((seek ? "a file that is relayed cannot seek: " : "a file has no such action: ") + options.path,
-            false);
-}
-
 void FileSource::run() {
     try {
         relay();
         send();
-        if (!demuxer->Damage().empty()) {
-            const Problem problem{"damaged input: " + demuxer->Damage(), options.path,
-                                  "what could be read is written"};
+        noteDamage();
+        if (!damage.empty()) {
+            const Problem problem{"damaged input: " + damage, options.path, "what could be read is written"};
             shared->monitor.Damaged(problem);
             raiseErrorInThread(toLine(problem), false);
         }
+    } catch (const ProblemError& error) {
+        fail(error.code, error.problem);
     } catch (const std::bad_alloc&) {
-        fail({"no memory for a packet of the input", options.path, "is the file damaged?"});
+        fail(ExitCode::Failed, {"no memory for a packet of the input", options.path, "is the file damaged?"});
     } catch (const std::exception& error) {
-        fail({std::string("cannot read on: ") + error.what(), options.path, ""});
+        fail(ExitCode::Failed, {std::string("cannot read on: ") + error.what(), options.path, ""});
     }
     finish();
 }
 
-void FileSource::fail(const Problem& problem) {
-    shared->monitor.Fail(ExitCode::Failed, problem);
+void FileSource::noteDamage() {
+    if (damage.empty()) {
+        damage = demuxer->Damage();
+    }
+}
+
+void FileSource::fail(ExitCode code, const Problem& problem) {
+    shared->monitor.Fail(code, problem);
     try {
         raiseErrorInThread(toLine(problem), true);
     } catch (const std::system_error&) {
@@ -197,11 +219,15 @@ void FileSource::relay() {
         if (discardsChanged.exchange(false)) {
             applyDiscards();
         }
-        if (paused) {
-            send();
-            waitWhilePaused();
+        while (attention) {
+            if (!attend()) {
+                return;
+            }
         }
-        if (demuxer->Read() != Demuxer::Result::Packet || !deliver(demuxer->Packet())) {
+        const Demuxer::Result result = demuxer->Read();
+        const bool goesOn = result == Demuxer::Result::Packet ? deliver(demuxer->Packet())
+                                                              : result == Demuxer::Result::End && goOnAtEnd();
+        if (!goesOn) {
             return;
         }
     }
@@ -214,17 +240,21 @@ void FileSource::applyDiscards() {
             demuxer->SetDiscarded(index, discarded);
         }
     }
-    wantedDiscards.clear();
 }
 
 // False when the relay is over.
 bool FileSource::deliver(AVPacket& packet) {
     const int stream = packet.stream_index;
-    const std::int64_t dts = demuxer->LastDts(stream);
+    const AVRational base = demuxer->TimeBase(stream);
+    const std::int64_t mediaDts = demuxer->LastDts(stream);
+    const std::int64_t shift = time->Pass(stream, rescale(packet.pts, base, kPacketTimeBase), mediaDts,
+                                          rescale(packet.duration, base, kPacketTimeBase));
+    const std::int64_t dts = shifted(mediaDts, shift);
+    deliveredInRound = true;
     if (options.length > 0 && isPastEnd(stream, dts)) {
         return true;
     }
-    if (options.realtime && !waitUntilDue(dts)) {
+    if (clock->Runs() && !waitUntilDue(dts)) {
         return false;
     }
     if (!shared->pace.TryAdvance(options.index, dts)) {
@@ -235,7 +265,8 @@ bool FileSource::deliver(AVPacket& packet) {
     if (!buffer) {
         return false;
     }
-    fill(*buffer.get(), packet);
+    fill(*buffer.get(), packet, shift);
+    batchPosition = mediaDts;
     batchBytes += packet.size;
     batch.push_back(std::move(buffer));
     if (batch.size() >= mostInBatch || batchBytes >= kMostBatchBytes) {
@@ -260,8 +291,9 @@ void FileSource::send() {
     }
     {
         AutoLock hold(lock);
-        position = std::max<std::int64_t>(position, batch.back()->Dts());
+        position = std::max(position, batchPosition);
     }
+    played = std::max(played.load(), batch.back()->Dts());
     shared->monitor.Delivered(batch.size(), batchBytes);
     for (const Common::Reference<PacketBuffer>& buffer : batch) {
         onNewSample(buffer->StreamIndex(), buffer.get());
@@ -279,24 +311,7 @@ bool FileSource::isPastEnd(int stream, std::int64_t dts) {
     return ended[index];
 }
 
-bool FileSource::waitUntilDue(std::int64_t dts) {
-    std::unique_lock hold(gate);
-    if (!anchored) {
-        anchored = true;
-        anchor = Clock::now();
-        anchorDts = dts;
-    }
-    const auto due = anchor + std::chrono::microseconds((dts - anchorDts) / 10);
-    gateChanged.wait_until(hold, due, [this] { return stopping.load(); });
-    return !stopping;
-}
-
-void FileSource::waitWhilePaused() {
-    std::unique_lock hold(gate);
-    gateChanged.wait(hold, [this] { return stopping || !paused; });
-}
-
-void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet) {
+void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet, std::int64_t shift) {
     const auto size = static_cast<std::size_t>(packet.size);
     if (size > 0) {
         std::memcpy(buffer.Buffer(), packet.data, size);
@@ -305,18 +320,24 @@ void FileSource::fill(PacketBuffer& buffer, const AVPacket& packet) {
     std::memset(buffer.Buffer() + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
     buffer.ActualSize() = packet.size;
     const AVRational base = demuxer->TimeBase(packet.stream_index);
-    buffer.Pts() = rescale(packet.pts, base, kPacketTimeBase);
-    buffer.Dts() = packet.dts != kUnsetTime ? rescale(packet.dts, base, kPacketTimeBase)
-                                            : demuxer->LastDts(packet.stream_index);
+    buffer.Pts() = shifted(rescale(packet.pts, base, kPacketTimeBase), shift);
+    const std::int64_t dts = packet.dts != kUnsetTime ? rescale(packet.dts, base, kPacketTimeBase)
+                                                      : demuxer->LastDts(packet.stream_index);
+    buffer.Dts() = shifted(dts, shift);
     buffer.Duration() = rescale(packet.duration, base, kPacketTimeBase);
     buffer.StreamIndex() = packet.stream_index;
     const bool corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
     buffer.KeyFrame() = (packet.flags & AV_PKT_FLAG_KEY) != 0;
     buffer.CleanPoint() = buffer.KeyFrame() && !corrupt;
-    buffer.Discontinuity() = corrupt;
+    const auto index = static_cast<std::size_t>(packet.stream_index);
+    buffer.Discontinuity() = corrupt || jumped[index];
+    jumped[index] = false;
     buffer.OneMessage() = true;
     buffer.FilePosition() = packet.pos;
     setPacketFlags(buffer, packet.flags);
+    if (const auto changed = changedTypes.extract(packet.stream_index)) {
+        setNewType(buffer, std::make_unique<MediaType>(changed.mapped()));
+    }
     if (packet.side_data_elems > 0) {
         fillSideData(buffer, packet);
     }
@@ -333,8 +354,7 @@ void FileSource::fillSideData(PacketBuffer& buffer, const AVPacket& packet) cons
         if (data.type == AV_PKT_DATA_NEW_EXTRADATA) {
             auto changed = std::make_unique<MediaType>(type);
             setPrivateData(*changed, data.data, data.size);
-            delete buffer.NewMediaType();
-            buffer.NewMediaType() = changed.release();
+            setNewType(buffer, std::move(changed));
             continue;
         }
         buffer.ExtraData()[kPacketSideData + std::to_string(static_cast<int>(data.type))] =

@@ -38,7 +38,8 @@ void shift(AVPacket& packet, std::int64_t microseconds, AVRational base) {
 InputTimeline::InputTimeline(const AVFormatContext& input)
     : start(input.start_time),
       mayJump((input.iformat->flags & AVFMT_TS_DISCONT) != 0),
-      offset(input.start_time == kUnsetTime ? 0 : -input.start_time) {
+      firstOffset(input.start_time == kUnsetTime ? 0 : -input.start_time),
+      offset(firstOffset) {
     for (unsigned i = 0; i < input.nb_streams; ++i) {
         const AVStream& from = *input.streams[i];
         Stream stream;
@@ -76,6 +77,23 @@ void InputTimeline::Apply(AVPacket& packet) {
     step(stream, packet);
 }
 
+void InputTimeline::Restart() {
+    offset = firstOffset;
+    lastDts = kUnsetTime;
+    for (Stream& stream : streams) {
+        stream.nextDts = kUnsetTime;
+    }
+}
+
+std::int64_t InputTimeline::ToTimeline(std::int64_t time, AVRational base) const {
+    const std::int64_t result = rescale(time, base, kPacketTimeBase);
+    return result == kUnsetTime ? result : result + rescale(firstOffset, kMicroseconds, kPacketTimeBase);
+}
+
+std::int64_t InputTimeline::ToInput(std::int64_t time, AVRational base) const {
+    return rescale(time - rescale(firstOffset, kMicroseconds, kPacketTimeBase), kPacketTimeBase, base);
+}
+
 std::int64_t InputTimeline::LastDts(int stream) const {
     return rescale(streams[static_cast<std::size_t>(stream)].dts, kMicroseconds, kPacketTimeBase);
 }
@@ -106,7 +124,7 @@ void InputTimeline::correctStart(const Stream& stream) {
         }
     }
     if (first > start && first != INT64_MAX) {
-        offset = -first;
+        offset = firstOffset = -first;
     }
 }
 

@@ -23,6 +23,13 @@ public:
     /// Rewrites the packet's times, in its stream's time base. What is not set stays so.
     void Apply(AVPacket& packet);
 
+    /// The input has been moved to another place: packets come with the times that they would have had
+    /// without a jump before them.
+    void Restart();
+    /// What Apply makes of a packet's time in an input without jumps, in kPacketTimeBase, and back.
+    std::int64_t ToTimeline(std::int64_t time, AVRational base) const;
+    std::int64_t ToInput(std::int64_t time, AVRational base) const;
+
     /// Decoding time of the last packet of a stream, in kPacketTimeBase: its own, or what it should be.
     std::int64_t LastDts(int stream) const;
 
@@ -56,6 +63,7 @@ private:
     std::vector<Stream> streams;
     const std::int64_t start;           // of the input, microseconds
     const bool mayJump;                 // the format allows discontinuities
+    std::int64_t firstOffset = 0;       // what offset was before any jump
     std::int64_t offset = 0;            // added to all times, microseconds
     std::int64_t lastDts = kUnsetTime;  // of the packet before, of any stream, microseconds
 };

@@ -5,20 +5,19 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
 
-#include "mivra/common/MivraCommon.h"
-#include "mivra/common/identity/Guid.h"
-#include "mivra/common/runtime/FileLog.h"
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/media/MediaSession.h"
 #include "tools/mivra/FfmpegLog.h"
 #include "tools/mivra/FileSource.h"
 #include "tools/mivra/Interrupt.h"
+#include "tools/mivra/LibraryUse.h"
 #include "tools/mivra/MuxSink.h"
 #include "tools/mivra/Progress.h"
 #include "tools/mivra/RelayFiles.h"
@@ -27,31 +26,10 @@
 namespace Mivra::Tool {
 namespace {
 
-using Common::Guid;
 using Common::Reference;
 using Media::MediaSession;
 
 constexpr int kLookMilliseconds = 100;
-
-/// The library for as long as the object lives.
-class Library {
-public:
-    Library() { MivraCommonInitialize(); }
-    ~Library() { MivraCommonShutdown(); }
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-};
-
-/// Ids in the order of the numbers: a session takes its sources and sinks in the order of their ids.
-Guid orderedId(std::size_t number) {
-    char text[37];
-    std::snprintf(text, sizeof(text), "00000000-0000-4000-8000-%012zx", number + 1);
-    return Guid(text);
-}
-
-double toSeconds(std::int64_t time) {
-    return static_cast<double>(time) / static_cast<double>(kPacketSecond);
-}
 
 /// One relay from start to end.
 class Relay {
@@ -88,9 +66,21 @@ private:
             source.index = static_cast<int>(i);
             source.realtime = options.realtime;
             source.length = static_cast<std::int64_t>(options.seconds * static_cast<double>(kPacketSecond));
+            source.loops = options.loops;
             sources.emplace_back(new FileSource(source, shared));
             sources.back()->SetUniqueId(orderedId(i));
+            steer(*sources.back().get());
             session.AddSource(sources.back().get());
+        }
+    }
+
+    void steer(FileSource& source) const {
+        source.SetLoop(options.loops != 0);
+        if (options.rate > 0) {
+            source.SetPlaybackRate(options.rate);
+        }
+        if (options.seek > 0) {
+            source.SetPosition(std::llround(options.seek * static_cast<double>(kPacketSecond)));
         }
     }
 
@@ -131,15 +121,6 @@ private:
         }
     }
 
-    template <typename Step>
-    void attempt(Step step) {
-        try {
-            step();
-        } catch (const std::exception& error) {
-            MivraCommonGetLog()->Log(Common::FileLog::Warning, "Relay::stop: %s", error.what());
-        }
-    }
-
     Progress progress() const {
         Progress now;
         now.elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
@@ -148,46 +129,29 @@ private:
         now.queued = shared->monitor.Queued();
         double position = std::numeric_limits<double>::max();
         for (const auto& source : sources) {
-            now.duration = std::max(now.duration, toSeconds(source->GetDuration()));
+            now.duration = std::max(now.duration, toSeconds(source->PlayingTime()));
             if (!source->IsEos()) {
-                position = std::min(position, toSeconds(source->GetPosition()));
+                position = std::min(position, toSeconds(source->Played()));
             }
-            now.position = std::max(now.position, toSeconds(source->GetPosition()));
+            now.position = std::max(now.position, toSeconds(source->Played()));
         }
         now.position = std::min(now.position, position);
-        if (options.seconds > 0) {
-            now.duration = std::min(now.duration, options.seconds);
+        if (options.seconds > 0 && (now.duration > 0 || options.loops < 0)) {
+            now.duration = now.duration > 0 ? std::min(now.duration, options.seconds) : options.seconds;
         }
         return now;
     }
 
     ExitCode report() {
-        const std::optional<RelayMonitor::Failure> failure = shared->monitor.FirstFailure();
-        const std::vector<Problem> damages = shared->monitor.Damages();
         Summary summary;
-        summary.state = failure.has_value() ? "failed"
-                        : interrupted       ? "interrupted"
-                        : !damages.empty()  ? "damaged"
-                                            : "done";
+        summary.progress = progress();
         MediaCount most;
         for (const auto& sink : sinks) {
             summary.outputs.push_back(sink->GetSummary());
             most = std::max(most, summary.outputs.back().written,
                             [](const MediaCount& a, const MediaCount& b) { return a.packets < b.packets; });
         }
-        summary.progress = progress();
-        summary.progress.packets = most.packets;
-        summary.progress.bytes = most.bytes;
-        summary.progress.position = toSeconds(most.position);
-        reporter->Finish(summary);
-        for (const Problem& damage : damages) {
-            console.Error(damage);
-        }
-        if (failure.has_value()) {
-            console.Error(failure->problem);
-            return failure->code;
-        }
-        return !damages.empty() && !interrupted ? ExitCode::Damaged : ExitCode::Done;
+        return reportOutcome(shared->monitor, console, *reporter, std::move(summary), most, interrupted);
     }
 
     const RelayOptions& options;
@@ -202,23 +166,6 @@ private:
     MediaSession session;
 };
 
-/// What is wrong with the log's place; the log itself would try again and again, in silence.
-std::optional<Problem> checkLogPlace(const RelayOptions& options) {
-    const int error = options.log.empty() || options.logLevel == 0 ? 0 : tryToWrite(options.log);
-    if (error == 0) {
-        return std::nullopt;
-    }
-    return Problem{"cannot write the log: " + std::generic_category().message(error), options.log,
-                   "name a file in a folder that you may write to"};
-}
-
-void startLog(const RelayOptions& options) {
-    if (!options.log.empty()) {
-        const std::wstring path = widePath(options.log);
-        MivraCommonSetLog(options.logLevel, path.c_str());
-    }
-}
-
 }  // namespace
 
 ExitCode relay(const RelayOptions& options) {
@@ -229,13 +176,12 @@ ExitCode relay(const RelayOptions& options) {
         console.Error(*wrong);
         return ExitCode::Usage;
     }
-    if (const std::optional<Problem> wrong = checkLogPlace(options)) {
+    if (const std::optional<Problem> wrong = checkLogPlace(options.log, options.logLevel)) {
         console.Error(*wrong);
         return ExitCode::Usage;
     }
     const Interrupt interrupt;
-    const Library library;
-    startLog(options);
+    const LibraryUse library(options.log, options.logLevel);
     const FfmpegUse ffmpeg;
     if (!ffmpeg.IsLoaded()) {
         console.Error(ffmpegMissing());

@@ -12,6 +12,9 @@ struct RelayOptions {
     std::vector<std::string> outputs;
     bool realtime = false;
     double seconds = 0;  ///< of media; 0: all
+    double seek = 0;     ///< seconds into each input
+    int loops = 0;       ///< rounds more; below 0: without end
+    double rate = 0;     ///< so many times as fast as it plays; 0: not set
     double statsSeconds = 1;
     bool json = false;
     std::string log;

@@ -19,11 +19,15 @@ constexpr const char* kFooter =
     "\n  mivra relay film.mp4 copy.mkv -o film.ts"
     "\n  mivra relay picture.mp4 sound.mp4 both.mkv"
     "\n  mivra relay --realtime film.mp4 - | player"
+    "\n  mivra relay --seek 90 --for 30 film.mp4 part.mp4"
     "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, 5 damaged input,"
     "\n6 an output that failed while writing.";
 
 constexpr int kMostFiles = 1000;
 constexpr double kLongest = 1e9;  // seconds
+constexpr double kLowestRate = 0.01;
+constexpr double kHighestRate = 1000;
+constexpr int kMostLoops = 1000000;
 
 struct Arguments {
     std::vector<std::string> files;
@@ -52,6 +56,15 @@ void addRelayCommand(CLI::App& program, Action& action) {
         ->type_name("OUTPUT")
         ->allow_extra_args(false);
     command->add_flag("--realtime", options.realtime, "No faster than the media plays");
+    command->add_option("--rate", options.rate, "So many times as fast as the media plays")
+        ->type_name("R")
+        ->check(numberBetween(kLowestRate, kHighestRate));
+    command->add_option("--seek", options.seek, "Begin at the key frame at or before this second")
+        ->type_name("SECONDS")
+        ->check(numberBetween(0, kLongest));
+    command->add_option("--loop", options.loops, "Read the inputs so many times more; -1: without end")
+        ->type_name("N")
+        ->check(wholeNumberBetween(-1, kMostLoops));
     command->add_option("--for", options.seconds, "Stop after so many seconds of media")
         ->type_name("SECONDS")
         ->check(numberBetween(0.001, kLongest));
