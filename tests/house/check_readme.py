@@ -1,20 +1,39 @@
 #!/usr/bin/env python3
-"""Holds the README to the tree: check_readme.py SOURCE-FOLDER
+"""Holds the README to the tree: check_readme.py SOURCE-FOLDER [MIVRA]
 
-The program it shows is examples/FirstPacket.cpp to the letter, and every file it points to is there.
+The program it shows is examples/FirstPacket.cpp to the letter, every file it points to is there, and the commands it
+shows for a shell do what they are for.
 """
 
 import pathlib
 import re
+import subprocess
 import sys
+import tempfile
 
 PROGRAM = "examples/FirstPacket.cpp"
+
+
+def run_recipes(readme, mivra):
+    """Each as it is pasted, but for where the program stands; every line has to succeed."""
+    faults = []
+    recipes = re.findall(r"```sh\n(.*?)```", readme, re.DOTALL)
+    for recipe in recipes:
+        with tempfile.TemporaryDirectory() as folder:
+            done = subprocess.run(["bash", "-e", "-c", recipe.replace("./run ", f"'{mivra}' ")], cwd=folder, text=True,
+                                  capture_output=True, stdin=subprocess.DEVNULL)
+            if done.returncode != 0 or "duration=" not in done.stdout.splitlines()[-2]:
+                faults.append(f"a recipe of README.md fails: {done.stdout}{done.stderr}")
+    return faults if recipes else ["README.md shows no recipe"]
 
 
 def main():
     root = pathlib.Path(sys.argv[1])
     faults = []
-    shown = re.search(r"```cpp\n(.*?)```", (root / "README.md").read_text(encoding="utf-8"), re.DOTALL)
+    readme = (root / "README.md").read_text(encoding="utf-8")
+    if len(sys.argv) > 2:
+        faults += run_recipes(readme, sys.argv[2])
+    shown = re.search(r"```cpp\n(.*?)```", readme, re.DOTALL)
     if shown is None:
         faults.append("README.md shows no program")
     elif shown[1] != (root / PROGRAM).read_text(encoding="utf-8"):

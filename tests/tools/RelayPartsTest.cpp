@@ -2,12 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <random>
 #include <thread>
 
 #include "mivra/common/runtime/Reference.h"
+#include "tools/mivra/ContinuousTime.h"
 #include "tools/mivra/FfmpegSupport.h"
 #include "tools/mivra/PacketBudget.h"
+#include "tools/mivra/RecordNames.h"
 #include "tools/mivra/SampleClock.h"
 #include "tools/mivra/SourcePace.h"
 
@@ -67,6 +71,56 @@ TEST(SampleClock, CountsSamplesWithinTheInputsRounding) {
     }
     EXPECT_EQ(clock.Convert(kUnsetTime, from, to, 44100, 1024), kUnsetTime);
     EXPECT_EQ(SampleClock().Convert(44, to, from, 44100, 1024), 1);
+}
+
+// Random rounds and jumps of two streams: no stream ever goes back, and no jump leaves a gap behind all of
+// them.
+TEST(ContinuousTime, GoesOnWhateverTheMediaDoes) {
+    std::mt19937 random(3);
+    for (int run = 0; run < 200; ++run) {
+        const std::int64_t steps[] = {400000 + run % 5, 213333};
+        ContinuousTime time(2);
+        std::int64_t ends[] = {INT64_MIN, INT64_MIN};
+        for (int part = 0; part < 6; ++part) {
+            const bool again = part > 0 && random() % 2 == 0;
+            const std::int64_t begins[] = {static_cast<std::int64_t>(random() % 100) * 10000000, 0};
+            const int packets = 1 + static_cast<int>(random() % 50);
+            const std::int64_t before = time.End();
+            part == 0 || !again ? time.Jump() : time.Repeat();
+            for (int i = 0; i < packets; ++i) {
+                for (const int stream : {0, 1}) {
+                    const std::int64_t step = steps[stream];
+                    const std::int64_t dts = begins[0] + i * step - (stream == 1 ? 213333 : 0);
+                    const std::int64_t at =
+                        dts + time.Pass(stream, kUnsetTime, dts, random() % 3 == 0 ? 0 : step);
+                    ASSERT_GE(at, ends[stream]);
+                    if (i == 0 && stream == 0 && part > 0 && !again) {
+                        ASSERT_EQ(at, before);
+                    }
+                    ends[stream] = i == 0 ? at : at + step;
+                }
+            }
+        }
+    }
+    ContinuousTime wild(1);  // times of a damaged file
+    for (const std::int64_t dts : {INT64_MAX, INT64_MIN + 1, INT64_MAX}) {
+        wild.Pass(0, dts, dts, INT64_MAX);
+        wild.Repeat();
+    }
+}
+
+TEST(RecordNames, AreNewEveryTimeAndNobodyElses) {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    const std::time_t time = 1700000000;  // 2023-11-14 22:13:20
+    RecordNames names("/x/cam-%Y%m%d-%H%M%S%%.ts", {"/x/cam-20231114-221320%-3.ts"}, "");
+    EXPECT_FALSE(names.Check().has_value());
+    EXPECT_EQ(names.Next(time), "/x/cam-20231114-221320%.ts");
+    EXPECT_EQ(names.Next(time), "/x/cam-20231114-221320%-2.ts");
+    EXPECT_EQ(names.Next(time), "/x/cam-20231114-221320%-4.ts");
+    for (const char* const wrong : {"a%", "a%q.ts", "-", "a.avi", "%Y", "/x/in.ts"}) {
+        EXPECT_TRUE(RecordNames(wrong, {"/x/in.ts"}, "").Check().has_value()) << wrong;
+    }
 }
 
 TEST(PacketBudget, NeverLendsMoreAndGetsAllBack) {

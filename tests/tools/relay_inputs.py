@@ -1,16 +1,21 @@
 """The small films that tests of the relay read: made once with ffmpeg, kept in the build folder."""
 
+import hashlib
+import os
 import pathlib
+import shutil
 import subprocess
+import sys
+import tempfile
 
 
 def _ffmpeg(*words):
     subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-y", *map(str, words)], check=True)
 
 
-def _film(path, rate="25", sample_rate=48000, video=()):
+def _film(path, rate="25", sample_rate=48000, video=(), length="5"):
     _ffmpeg("-f", "lavfi", "-i", f"testsrc2=s=320x180:r={rate}", "-f", "lavfi", "-i", f"sine=r={sample_rate}:f=440",
-            "-t", "5", "-c:v", "libx264", "-preset", "veryfast", "-g", "50", "-pix_fmt", "yuv420p", *video,
+            "-t", length, "-c:v", "libx264", "-preset", "veryfast", "-g", "50", "-pix_fmt", "yuv420p", *video,
             "-c:a", "aac", "-b:a", "64k", path)
 
 
@@ -33,6 +38,8 @@ def _make(folder):
     base, plain = folder / "bframes.mp4", folder / "plain.mp4"
     _film(base, video=["-bf", "2"])
     _film(plain, rate="30000/1001", sample_rate=44100, video=["-bf", "0"])
+    # For recordings: a key frame every 0.4 s.
+    _film(folder / "steps.mkv", length="6", video=["-bf", "2", "-g", "10", "-sc_threshold", "0"])
     _copy(base, folder / "edits.mp4", before=["-ss", "2.3"])
     _copy(base, folder / "fragments.mp4", "-movflags", "+frag_keyframe+empty_moov+default_base_moof")
     _ffmpeg("-i", base, "-itsoffset", "0.7", "-i", base, "-map", "0:v", "-map", "1:a", "-c", "copy", folder / "late-audio.mp4")
@@ -64,14 +71,13 @@ def _make(folder):
 def make(folder):
     """The folder of the films, complete. Another process that makes them at the same time does no harm."""
     folder = pathlib.Path(folder)
-    if not (folder / "complete").exists():
-        import os
-        import shutil
-        import tempfile
+    complete = "complete-" + hashlib.md5(pathlib.Path(__file__).read_bytes()).hexdigest()
+    if not (folder / complete).exists():
+        shutil.rmtree(folder, ignore_errors=True)  # those of another version
         folder.parent.mkdir(parents=True, exist_ok=True)
         made = pathlib.Path(tempfile.mkdtemp(dir=folder.parent))
         _make(made)
-        (made / "complete").touch()
+        (made / complete).touch()
         try:
             os.rename(made, folder)
         except OSError:
@@ -80,5 +86,4 @@ def make(folder):
 
 
 if __name__ == "__main__":
-    import sys
     make(sys.argv[1])

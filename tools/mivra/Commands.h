@@ -13,6 +13,7 @@ namespace Mivra::Tool {
 using Action = std::function<ExitCode()>;
 
 void addRelayCommand(CLI::App& program, Action& action);
+void addRecordCommand(CLI::App& program, Action& action);
 void addDoctorCommand(CLI::App& program, Action& action);
 void addProbeCommand(CLI::App& program, Action& action);
 void addConvertCommand(CLI::App& program, Action& action);

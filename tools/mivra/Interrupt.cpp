@@ -19,6 +19,7 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 std::atomic<bool> s_requested{false};
 std::atomic<int> s_descriptor{-1};
+std::atomic<void (*)()> s_onRequest{nullptr};
 struct sigaction s_former[std::size(kSignals)];
 /// What a failing write would end the program with, where its error is wanted.
 constexpr int kWriteSignals[] = {SIGPIPE, SIGXFSZ};
@@ -38,6 +39,9 @@ void onSignal(int) {
         setAction(signal, SIG_DFL);
     }
     s_requested.store(true);
+    if (const auto call = s_onRequest.load()) {
+        call();
+    }
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(s_descriptor.load(), &one, sizeof(one));
     errno = error;
@@ -73,6 +77,10 @@ Interrupt::~Interrupt() {
         ::sigaction(kWriteSignals[i], &s_formerWrite[i], nullptr);
     }
     ::close(s_descriptor.exchange(-1));
+}
+
+void Interrupt::CallOnRequest(void (*function)()) {
+    s_onRequest.store(function);
 }
 
 bool Interrupt::IsRequested() {

@@ -17,6 +17,8 @@ public:
     static bool IsRequested();
     /// Waits until a request comes or the time is over; true when there is a request. Any thread.
     static bool Wait(int milliseconds);
+    /// Has a function called by the first signal, in its handler: only what is safe there. Null: none.
+    static void CallOnRequest(void (*function)());
     /// Readable from the first request on, for poll().
     static int Descriptor();
 };

@@ -6,6 +6,7 @@
 #include <new>
 #include <system_error>
 
+#include "tools/mivra/ContinuousTime.h"
 #include "tools/mivra/FfmpegLog.h"
 #include "tools/mivra/PacketBudget.h"
 #include "tools/mivra/PacketFlags.h"
@@ -76,20 +77,28 @@ AVBufferRef* keep(PacketBuffer& packet) {
 /// in the packets'.
 class Time {
 public:
-    Time(std::int64_t packetTime, AVRational sourceBase)
-        : time(packetTime), base(sourceBase), value(rescale(packetTime, kPacketTimeBase, sourceBase)) {}
+    /// origin: the packet time that becomes 0.
+    Time(std::int64_t packetTime, AVRational sourceBase, std::int64_t origin)
+        : time(packetTime), base(sourceBase), value(rescale(packetTime, kPacketTimeBase, sourceBase)) {
+        exact = time != kUnsetTime && rescale(value, base, kPacketTimeBase) == time;
+        if (origin != 0 && time != kUnsetTime) {
+            time = shifted(time, -origin);
+            value = shifted(value, -rescale(origin, kPacketTimeBase, base));
+        }
+    }
 
-    bool IsExact() const { return time != kUnsetTime && rescale(value, base, kPacketTimeBase) == time; }
+    bool IsExact() const { return exact; }
     /// In the source's time base.
     std::int64_t Value() const { return value; }
     std::int64_t In(AVRational target) const {
-        return IsExact() ? rescale(value, base, target) : rescale(time, kPacketTimeBase, target);
+        return exact ? rescale(value, base, target) : rescale(time, kPacketTimeBase, target);
     }
 
 private:
     std::int64_t time;
     AVRational base;
     std::int64_t value;
+    bool exact = false;
 };
 
 bool addSideData(AVPacket& packet, int kind, const void* bytes, std::size_t size) {
@@ -163,20 +172,30 @@ void Muxer::makeContext() {
     context->max_delay = kMaxDelay;
 }
 
-void Muxer::Begin(const std::vector<MediaType>& types) {
-    const std::vector<std::size_t> chosen = chooseStreams(format, *context->oformat, types);
+std::vector<std::size_t> Muxer::Choose(const std::vector<MediaType>& types) {
+    std::vector<std::size_t> chosen = chooseStreams(format, *context->oformat, types);
     leftOut = leftOutLine(path, types, chosen);
     if (chosen.empty()) {
         failToOpen(path, "it holds none of the streams", "choose another format");
     }
+    return chosen;
+}
+
+void Muxer::Begin(const std::vector<MediaType>& types, const Section& section) {
+    const std::vector<std::size_t> chosen = Choose(types);
+    origin = section.origin;
+    if (section.joined) {
+        context->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
+    }
     streams.resize(types.size());
     for (const std::size_t index : chosen) {
         addStream(index, types[index]);
+        streams[index].begun = section.continued;
     }
     if (!file.Begin()) {
         failToOpen(path, errorMessage(errno), "check the file and its permissions");
     }
-    writeHeader();
+    writeHeader(section.continued);
 }
 
 void Muxer::addStream(std::size_t index, const MediaType& type) {
@@ -188,9 +207,15 @@ void Muxer::addStream(std::size_t index, const MediaType& type) {
     streams[index].timeBase = timeBaseOf(type);
 }
 
-void Muxer::writeHeader() {
+void Muxer::writeHeader(bool continued) {
     const FfmpegErrorWatch watch(context.get());
-    const int code = FfmpegProxy::avformat_write_header(context.get(), nullptr);
+    AVDictionary* settings = nullptr;
+    if (continued) {
+        // Its counters do not go on where those of the file before have ended. Other formats pass over it.
+        FfmpegProxy::av_dict_set(&settings, "mpegts_flags", "+initial_discontinuity", 0);
+    }
+    const int code = FfmpegProxy::avformat_write_header(context.get(), &settings);
+    FfmpegProxy::av_dict_free(&settings);
     if (code >= 0) {
         headerWritten = true;
         return;
@@ -267,9 +292,9 @@ void Muxer::count() {
 
 void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
     const AVRational target = stream.output->time_base;
-    const Time pts(from.Pts(), stream.timeBase);
-    const Time dts(from.Dts(), stream.timeBase);
-    packet->duration = Time(from.Duration(), stream.timeBase).In(target);
+    const Time pts(from.Pts(), stream.timeBase, origin);
+    const Time dts(from.Dts(), stream.timeBase, origin);
+    packet->duration = Time(from.Duration(), stream.timeBase, 0).In(target);
     if (stream.output->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && dts.IsExact()) {
         packet->dts =
             stream.clock.Convert(dts.Value(), stream.timeBase, target, stream.output->codecpar->sample_rate,

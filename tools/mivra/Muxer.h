@@ -22,6 +22,13 @@ class Muxer {
 public:
     enum class Result { Done, BadPacket, Failed };
 
+    /// What a file is of a recording that goes into several.
+    struct Section {
+        std::int64_t origin = 0;  ///< packet time that is 0 in the file, in kPacketTimeBase
+        bool joined = false;      ///< the files are to play as one when they are joined: no time is moved
+        bool continued = false;   ///< not the first one: no stream waits for a key frame
+    };
+
     /// Opens the file, which keeps what it holds until Begin. ProblemError when it cannot be opened; the
     /// signal, which has to outlive this object, ends the wait for a reader.
     Muxer(const std::string& path, const OutputFormat& format, const StopSignal& stop);
@@ -31,7 +38,10 @@ public:
 
     /// Takes of these streams, which are known by their place, those that the format holds, and writes the
     /// header. ProblemError when none is left, the format refuses them, or writing fails.
-    void Begin(const std::vector<Common::MediaType>& types);
+    void Begin(const std::vector<Common::MediaType>& types, const Section& section);
+    void Begin(const std::vector<Common::MediaType>& types) { Begin(types, Section()); }
+    /// Which of the streams Begin would take, and what LeftOut would say then. ProblemError when none.
+    std::vector<std::size_t> Choose(const std::vector<Common::MediaType>& types);
     /// Whether Begin has taken the stream.
     bool Takes(int stream) const;
     /// BadPacket: this one cannot be written, others may; Failed: the file cannot be written any more.
@@ -70,7 +80,7 @@ private:
 
     void makeContext();
     void addStream(std::size_t index, const Common::MediaType& type);
-    void writeHeader();
+    void writeHeader(bool continued);
     void setTimes(Stream& stream, Common::PacketBuffer& from);
     int samplesIn(const Stream& stream, int size) const;
     void keepOrder(Stream& stream);
@@ -89,6 +99,7 @@ private:
     std::unique_ptr<AVFormatContext, ContextDeleter> context;
     PacketPointer packet;
     std::vector<Stream> streams;  // by the place among the types
+    std::int64_t origin = 0;      // in kPacketTimeBase
     bool headerWritten = false;
     bool failed = false;
     std::string leftOut;

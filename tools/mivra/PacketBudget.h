@@ -104,6 +104,8 @@ public:
 
     PacketLane& Lane(int index) { return *lanes[static_cast<std::size_t>(index)]; }
 
+    /// Capacity of what is on its way: lent, and neither given back nor held by a muxer.
+    std::int64_t BytesInFlight() const { return bytesInFlight(); }
     /// Capacity of all buffers that are out, now and at most so far.
     std::int64_t BytesOut() const;
     std::int64_t PeakBytesOut() const { return peakBytesOut.load(); }

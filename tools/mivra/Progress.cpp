@@ -35,6 +35,8 @@ public:
         }
     }
 
+    void Tell(const Event& event) override { console.Line(event.text); }
+
     void Finish(const Summary& summary) override {
         console.EndLive();
         for (const std::string& line : summaryText(summary, style())) {
@@ -59,6 +61,8 @@ public:
         }
     }
 
+    void Tell(const Event& event) override { console.Line(keyValueLine(event)); }
+
     void Finish(const Summary& summary) override {
         for (const std::string& line : keyValueSummary(summary)) {
             console.Line(line);
@@ -80,6 +84,7 @@ public:
         }
     }
 
+    void Tell(const Event& event) override { console.Line(jsonLine(event)); }
     void Finish(const Summary& summary) override { console.Line(jsonSummary(summary)); }
 
 private:

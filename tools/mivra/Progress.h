@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/mivra/Console.h"
+#include "tools/mivra/Event.h"
 
 namespace Mivra::Tool {
 
@@ -48,6 +49,8 @@ public:
     /// May be called as often as the caller likes: the reporter itself tells only now and then, by
     /// Progress::elapsed.
     virtual void Update(const Progress& progress) = 0;
+    /// At once, whenever something happens.
+    virtual void Tell(const Event& event) = 0;
     /// Once, at the end.
     virtual void Finish(const Summary& summary) = 0;
 };

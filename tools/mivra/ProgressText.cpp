@@ -230,6 +230,15 @@ std::string keyValueLine(const Progress& progress) {
     return "event=progress " + keyValues(progress);
 }
 
+std::string keyValueLine(const Event& event) {
+    std::string line = "event=" + event.name;
+    for (const auto& [key, value] : event.values) {
+        const auto* const number = std::get_if<double>(&value);
+        line += " " + key + "=" + (number != nullptr ? fixed(*number, 2) : quotedValue(std::get<1>(value)));
+    }
+    return line;
+}
+
 std::vector<std::string> keyValueSummary(const Summary& summary) {
     std::vector<std::string> lines;
     for (const OutputSummary& output : summary.outputs) {
@@ -244,6 +253,19 @@ std::vector<std::string> keyValueSummary(const Summary& summary) {
 
 std::string jsonLine(const Progress& progress) {
     return dump(toJson("progress", progress));
+}
+
+std::string jsonLine(const Event& event) {
+    Json object;
+    object["event"] = event.name;
+    for (const auto& [key, value] : event.values) {
+        if (const auto* const number = std::get_if<double>(&value)) {
+            object[key] = rounded(*number);
+        } else {
+            object[key] = std::get<std::string>(value);
+        }
+    }
+    return dump(object);
 }
 
 std::string jsonSummary(const Summary& summary) {

@@ -20,9 +20,11 @@ std::string liveLine(const Progress& progress, const LiveStyle& style);
 std::vector<std::string> summaryText(const Summary& summary, const LiveStyle& style);
 
 std::string keyValueLine(const Progress& progress);
+std::string keyValueLine(const Event& event);
 std::vector<std::string> keyValueSummary(const Summary& summary);
 
 std::string jsonLine(const Progress& progress);
+std::string jsonLine(const Event& event);
 std::string jsonSummary(const Summary& summary);
 
 }  // namespace Mivra::Tool

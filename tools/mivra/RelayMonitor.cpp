@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "mivra/common/runtime/GeneralException.h"
 
@@ -75,9 +76,10 @@ void RelayMonitor::Damaged(const Problem& problem) {
     damages.push_back(problem);
 }
 
-bool RelayMonitor::Wait(int milliseconds, int interruptDescriptor) {
-    pollfd wanted[] = {{descriptor, POLLIN, 0}, {interruptDescriptor, POLLIN, 0}};
-    ::poll(wanted, 2, milliseconds);
+bool RelayMonitor::Wait(int milliseconds, int interruptDescriptor, int otherDescriptor) {
+    pollfd wanted[] = {
+        {descriptor, POLLIN, 0}, {interruptDescriptor, POLLIN, 0}, {otherDescriptor, POLLIN, 0}};
+    ::poll(wanted, std::size(wanted), milliseconds);
     return finished.load();
 }
 

@@ -30,6 +30,10 @@ public:
     /// The last of the sinks has got a packet.
     void Consumed();
 
+    /// Ends the relay: all that was asked for is done.
+    void End() { finish(); }
+    bool HaveSourcesEnded() const { return ended.load() == sources; }
+
     /// Ends the relay; the first problem counts.
     void Fail(ExitCode code, const Problem& problem);
     /// Something was wrong with an input; the relay goes on.
@@ -37,8 +41,9 @@ public:
     /// A line for people; the relay goes on.
     void Note(const std::string& text) { console.Warning(text); }
 
-    /// Waits for the end (all done or failed), for Ctrl-C, or for the time to pass. True at the end.
-    bool Wait(int milliseconds, int interruptDescriptor);
+    /// Waits for the end (all done or failed), for Ctrl-C or another descriptor (-1: none), or for the time
+    /// to pass. True at the end.
+    bool Wait(int milliseconds, int interruptDescriptor, int otherDescriptor = -1);
 
     struct Failure {
         ExitCode code;

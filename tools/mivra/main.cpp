@@ -24,6 +24,7 @@ constexpr std::string_view kExamples =
     "Examples:\n"
     "  mivra relay film.mp4 film.ts            copy into MPEG-TS\n"
     "  mivra relay film.mp4 a.ts -o b.mkv      two outputs at once\n"
+    "  mivra record cam.ts -o 'cam-%H%M%S.ts'  the last seconds before a key, and what follows\n"
     "  mivra probe film.mp4                    what its streams are\n"
     "  mivra convert film.mp4 film.aac --to adts\n"
     "  mivra sps film.mp4 --aspect 4:3 -o wide.mp4\n"
@@ -121,6 +122,7 @@ ExitCode run(int count, char** words) {
     program.footer(std::string(kExamples));
     Action action;
     addRelayCommand(program, action);
+    addRecordCommand(program, action);
     addDoctorCommand(program, action);
     addProbeCommand(program, action);
     addConvertCommand(program, action);

@@ -4,7 +4,7 @@ _mivra() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            relay | doctor | probe | convert | sps)
+            relay | record | doctor | probe | convert | sps)
                 command=${COMP_WORDS[i]}
                 break
                 ;;
@@ -13,27 +13,34 @@ _mivra() {
 
     COMPREPLY=()
     case $command:$previous in
-        relay:--for | relay:--stats | sps:--crop | sps:--aspect) return ;;
+        relay:--for | relay:--stats | sps:--crop | sps:--aspect | relay:--rate | relay:--seek | relay:--loop) return ;;
+        record:--preroll | record:--for | record:--rotate | record:--no-samples | record:--stats) return ;;
+        record:--cache) mapfile -t COMPREPLY < <(compgen -W "memory disk" -- "$word") && return ;;
+        record:--trigger) mapfile -t COMPREPLY < <(compgen -W "key signal after:" -- "$word") && return ;;
         convert:--to)
             mapfile -t COMPREPLY < <(compgen -W "annexb avcc adts asc" -- "$word")
             return
             ;;
-        relay:--log-level)
+        relay:--log-level | record:--log-level)
             mapfile -t COMPREPLY < <(compgen -W "0 1 2 3 4 5" -- "$word")
             return
             ;;
     esac
     case $command:$word in
-        :*) mapfile -t COMPREPLY < <(compgen -W "relay probe convert sps doctor --help --version" -- "$word") ;;
+        :*) mapfile -t COMPREPLY < <(compgen -W "relay record probe convert sps doctor --help --version" -- "$word") ;;
         relay:-*)
-            mapfile -t COMPREPLY < <(compgen -W "--help --output --realtime --for --stats --json --log --log-level" \
-                -- "$word")
+            mapfile -t COMPREPLY < <(compgen -W "--help --output --realtime --rate --seek --loop --for --stats --json --log \
+                --log-level" -- "$word")
+            ;;
+        record:-*)
+            mapfile -t COMPREPLY < <(compgen -W "--help --output --preroll --cache --trigger --for --rotate --no-samples \
+                --stats --json --log --log-level" -- "$word")
             ;;
         doctor:-*) mapfile -t COMPREPLY < <(compgen -W "--help --json --log" -- "$word") ;;
         probe:-*) mapfile -t COMPREPLY < <(compgen -W "--help --json --nal --sdp" -- "$word") ;;
         convert:-*) mapfile -t COMPREPLY < <(compgen -W "--help --to" -- "$word") ;;
         sps:-*) mapfile -t COMPREPLY < <(compgen -W "--help --crop --aspect --output" -- "$word") ;;
-        relay:* | probe:* | convert:* | sps:*) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        relay:* | record:* | probe:* | convert:* | sps:*) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
         doctor:*) [[ $previous == --log ]] && mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
     esac
 }

@@ -1,11 +1,12 @@
 # Completion of mivra for fish.
 
-set -l commands relay probe convert sps doctor
+set -l commands relay record probe convert sps doctor
 
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -f
 complete -c mivra -s h -l help -d 'Print help and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a relay -d 'Copy the streams of files into other files'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a record -d 'Record from a trigger on, and what came before it'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a probe -d 'Tell what the streams of files are'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a convert -d 'Copy a file, its H.264 or AAC in another form'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a sps -d 'Change the size or aspect ratio that H.264 tells'
@@ -13,11 +14,26 @@ complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a doctor -d 'T
 
 complete -c mivra -n '__fish_seen_subcommand_from relay' -s o -l output -r -F -d 'Another output'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l realtime -d 'As fast as the media plays'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l rate -x -d 'So many times as fast as the media plays'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l seek -x -d 'Begin at the key frame at or before this second'
+complete -c mivra -n '__fish_seen_subcommand_from relay' -l loop -x -d 'Read the inputs so many times more'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l for -x -d 'Stop after so many seconds of media'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l stats -x -d 'Seconds between two lines of figures'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l json -d 'One JSON object a line'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l log -r -F -d 'Write a log'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
+
+complete -c mivra -n '__fish_seen_subcommand_from record' -s o -l output -r -F -d 'Where to record to'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l preroll -x -d 'How much to keep before the trigger'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l cache -x -a 'memory disk' -d 'Where to keep it'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l trigger -x -a 'key signal after:' -d 'What begins the recording'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l for -x -d 'Stop so many seconds after the trigger'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l rotate -x -d 'Begin another file so often'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l no-samples -x -d 'Give up when an input brings nothing for so long'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l stats -x -d 'Seconds between two lines of figures'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l json -d 'One JSON object a line'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l log -r -F -d 'Write a log file'
+complete -c mivra -n '__fish_seen_subcommand_from record' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
 
 complete -c mivra -n '__fish_seen_subcommand_from probe' -l json -d 'One JSON object a file'
 complete -c mivra -n '__fish_seen_subcommand_from probe' -l nal -d 'List the NAL units'
