@@ -9,9 +9,9 @@
 
 #include "fuzz/OperationSource.h"
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/buffers/PacketBuffer.h"
-#include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/VersatileBufferStream.h"
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/Reference.h"

@@ -12,7 +12,7 @@ namespace Key {
 inline constexpr const char* kTimeBaseNum = "TimeBaseNum";  ///< Time base of the input's own timestamps.
 inline constexpr const char* kTimeBaseDen = "TimeBaseDen";
 inline constexpr const char* kCodecTag = "CodecTag";
-inline constexpr const char* kDisposition = "Disposition";  ///< FFmpeg's bits.
+inline constexpr const char* kDisposition = "Disposition";      ///< FFmpeg's bits.
 inline constexpr const char* kAspectUnknown = "AspectUnknown";  ///< Not 0: the picture has no aspect ratio.
 }  // namespace Key
 

@@ -6,8 +6,8 @@
 
 namespace Mivra::Common {
 
-// Internal, for the inline parts of the reader and the writer: big-endian integers in memory at any address. Written on values, not bytes: compilers make one instruction
-// of each.
+// Internal, for the inline parts of the reader and the writer: big-endian integers in memory at any address.
+// Written on values, not bytes: compilers make one instruction of each.
 
 inline std::uint8_t SwapFromBig(std::uint8_t value) {
     return value;
