@@ -18,7 +18,6 @@ namespace Mivra::Tool {
 namespace {
 
 using Common::MediaType;
-using Common::PacketBuffer;
 
 /// How far is looked for the first packets of the streams that are transformed.
 constexpr std::size_t kMostWaiting = 500;

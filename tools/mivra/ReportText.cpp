@@ -85,13 +85,14 @@ std::string size(const Json& of) {
 
 void addSets(Lines& lines, const Json& sets) {
     for (const Json& set : sets) {
-        const std::string kind = set["kind"] == "sps" ? "sequence" : "picture";
+        std::string line = set["kind"] == "sps" ? "     sequence" : "     picture";
+        line += " parameter set";
         const std::string bytes = " (" + set["bytes"].dump() + " bytes)";
         if (set.contains("malformed")) {
-            lines.push_back("     " + kind + " parameter set: malformed" + bytes);
+            lines.push_back(line.append(": malformed").append(bytes));
             continue;
         }
-        lines.push_back("     " + kind + " parameter set " + set["id"].dump() + bytes);
+        lines.push_back(line.append(" ").append(set["id"].dump()).append(bytes));
         for (const Json& element : set["elements"]) {
             lines.push_back("       " + padded(element["name"].get<std::string>(), kElementWidth) +
                             element["value"].dump());
@@ -127,9 +128,8 @@ void addAac(Lines& lines, const Json& aac) {
 
 void addStream(Lines& lines, const Json& stream) {
     lines.push_back("  " + padded(stream["index"].dump(), 3) + printable(stream["text"].get<std::string>()));
-    add(lines, "codec",
-        stream["codec"].get<std::string>() +
-            (stream["codecs"] == "" ? "" : ", " + stream["codecs"].get<std::string>()));
+    const auto codecs = stream["codecs"].get<std::string>();
+    add(lines, "codec", stream["codec"].get<std::string>() + (codecs.empty() ? "" : ", ") + codecs);
     if (stream.contains("width")) {
         add(lines, "container", size(stream) + ", " + rate(stream["frameRate"]) + " frames/s");
     }

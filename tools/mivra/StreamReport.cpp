@@ -13,7 +13,6 @@
 namespace Mivra::Tool {
 namespace {
 
-using Codecs::H264::H264ConfigurationParser;
 using Codecs::H264::ParameterSetElement;
 using Common::Codec_t;
 using Common::ContentType_t;
