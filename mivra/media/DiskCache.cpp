@@ -211,10 +211,9 @@ bool DiskCache::dropOldestFile() {
 
 // What is held goes: its end is missing now.
 void DiskCache::giveUp(const std::string& path, int error) {
-    const std::string name = path;  // goes with its file
-    LogLine(FileLog::Error, "MediaSession::processSourceSample: %s: %s", name.c_str(),
-            reasonOf(error).c_str());
-    tell(toldFailed, "Buffering error: " + name + ": " + reasonOf(error));
+    const std::string what = path + ": " + reasonOf(error);  // the path goes with its file
+    LogLine(FileLog::Error, "MediaSession::processSourceSample: %s", what.c_str());
+    tell(toldFailed, "Buffering error: " + what);
     clear();
     writer.End();
     while (!files.empty()) {

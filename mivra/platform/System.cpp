@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace Mivra::Platform {
 namespace {
@@ -43,17 +44,18 @@ int lockFileRange(int descriptor, RangeLock operation, off_t start, off_t length
 }
 
 int listEntries(const char* path, void (*visit)(const char* name, void* context), void* context) {
-    DIR* const folder = ::opendir(path);
+    // A visit may throw.
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path), ::closedir);
     if (folder == nullptr) {
         return -1;
     }
     // readdir is safe where every thread has a stream of its own.
-    while (const dirent* const entry = ::readdir(folder)) {  // NOLINT(concurrency-mt-unsafe)
+    while (const dirent* const entry = ::readdir(folder.get())) {  // NOLINT(concurrency-mt-unsafe)
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
             visit(entry->d_name, context);
         }
     }
-    return ::closedir(folder);
+    return 0;
 }
 
 // dlerror keeps its text for each thread.
