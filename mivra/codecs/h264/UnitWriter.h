@@ -37,7 +37,7 @@ public:
     /// Puts the length in front of a unit that was written into RoomBehind(lengthSize) as far as there was
     /// room.
     void PrefixWritten(std::size_t size, std::size_t lengthSize) {
-        full = full || size > RoomBehind(lengthSize).size();
+        full = full || next == nullptr || size > RoomBehind(lengthSize).size();
         if (!full) {
             for (std::size_t i = lengthSize; i > 0; --i) {
                 next[written++] = static_cast<unsigned char>(size >> (i - 1) * 8);
@@ -56,7 +56,7 @@ public:
 private:
     void put(std::span<const unsigned char> prefix, NalUnit unit) {
         const std::size_t left = room - written;
-        full = full || left < prefix.size() || unit.size() > left - prefix.size();
+        full = full || next == nullptr || left < prefix.size() || unit.size() > left - prefix.size();
         if (!full) {
             std::memcpy(next + written, prefix.data(), prefix.size());
             std::memcpy(next + written + prefix.size(), unit.data(), unit.size());
