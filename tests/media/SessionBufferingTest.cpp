@@ -62,7 +62,7 @@ TEST_P(SessionBufferingTest, GivesWhatCameBeforeStartFromAKeyFrameOn) {
     EXPECT_EQ(log.Count("MediaSession::processSourceSample: Remove keyframe 10000000, file " +
                         (onDisk ? dataHome.Path() : "memory, flushed 10 frames")),
               1);
-    EXPECT_EQ(log.Count("MediaSession::writeBuffer: State changed to 4"), 1);
+    EXPECT_TRUE(Eventually([&] { return log.Count("MediaSession::writeBuffer: State changed to 4") == 1; }));
     EXPECT_TRUE(log.Contains("MediaSession::writeBuffer: Written "));
     EXPECT_EQ(log.Contains("MediaSession::writeBuffer: Writing cached buffer from 50000000 to the end"),
               !onDisk);
