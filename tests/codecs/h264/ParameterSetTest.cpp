@@ -267,6 +267,17 @@ const std::vector<Case> Cases = {
      0x640028,
      16,
      {"bitstream_restriction_flag=0"}},
+    // 4294967279 / 8589934582 does not fit a fraction of 32 bits; the nearest is told.
+    {"time scale too fine",
+     "674d0028ed016023d0fffffffdfffffff78a",
+     PlainPps,
+     704,
+     560,
+     0x4D0028,
+     16,
+     {"fixed_frame_rate_flag=0"},
+     {},
+     {1, 2}},
     // 4294967295 / 8589934590.
     {"largest time scale",
      "674d0028ed016023d870ffffffffffffffff8a",
@@ -288,6 +299,8 @@ TEST(ParameterSet, SaysWhatItHolds) {
         EXPECT_EQ(parser.GetWidth(), wanted.width);
         EXPECT_EQ(parser.GetHeight(), wanted.height);
         EXPECT_EQ(parser.GetProfileLevel(), wanted.profileLevel);
+        EXPECT_EQ(parser.GetProfile(), wanted.profileLevel >> 16);
+        EXPECT_EQ(parser.GetLevel(), wanted.profileLevel & 0xFF);
         EXPECT_EQ(parser.GetReorderingQueueDepth(), wanted.depth);
         int depth = -1;
         EXPECT_EQ(parser.TryGetReorderingQueueDepth(&depth), wanted.depthTold);
