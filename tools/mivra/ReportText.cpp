@@ -111,7 +111,9 @@ void addH264(Lines& lines, const Json& h264) {
         const Json& order = h264["reordering"];
         add(lines, "profile", profileText(h264["profile"]) + ", level " + levelText(h264["level"]));
         add(lines, "picture", size(h264) + ", " + rate(h264["frameRate"]) + " frames/s");
-        add(lines, "HRD", bits(h264["bitrate"]) + ", at most " + bits(h264["maxBitrate"]));
+        add(lines, "HRD",
+            h264["bitrate"].is_null() ? "none"
+                                      : bits(h264["bitrate"]) + ", at most " + bits(h264["maxBitrate"]));
         add(lines, "reordering",
             order["depth"].dump() +
                 (order["exact"] == true ? " frames, told by the stream" : " frames, estimated"));
