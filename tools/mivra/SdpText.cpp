@@ -90,12 +90,12 @@ std::vector<std::string> aacLines(const MediaType& type, int number) {
     for (int i = 0; i < type.CodecPrivateDataSize(); ++i) {
         appendHex(config, static_cast<unsigned char>(type.CodecPrivateData()[i]), "0123456789abcdef");
     }
-    return section(
-        "audio", number,
-        "mpeg4-generic/" + std::to_string(type.SampleRate()) + "/" + std::to_string(type.Channels()),
-        "streamtype=5;profile-level-id=" + std::to_string(audioProfileLevel(*core)) +
-            ";mode=AAC-hbr;sizelength=13;indexlength=3;indexdeltalength=3;config=" + config,
-        type.Bitrate());
+    // The number of channels is optional, and configuration 0 tells none.
+    const std::string channels = type.Channels() > 0 ? "/" + std::to_string(type.Channels()) : "";
+    return section("audio", number, "mpeg4-generic/" + std::to_string(type.SampleRate()) + channels,
+                   "streamtype=5;profile-level-id=" + std::to_string(audioProfileLevel(*core)) +
+                       ";mode=AAC-hbr;sizelength=13;indexlength=3;indexdeltalength=3;config=" + config,
+                   type.Bitrate());
 }
 
 }  // namespace
