@@ -162,8 +162,10 @@ TEST_P(CacheFaultTest, CostsOnlyWhatIsBuffered) {
         EXPECT_TRUE(Files("").empty());
     });
     EXPECT_GT(failed, 0U);
+    // What the memory kind itself takes comes from operator new, which not every build lets fail.
+    const bool outOfReach = kind == Kind::Memory && !kCountsOperatorNew;
     const bool harmless = fault == FaultKind::Unlink || fault == FaultKind::Stat ||
-                          fault == FaultKind::Lock || fault == FaultKind::MakeDirectory;
+                          fault == FaultKind::Lock || fault == FaultKind::MakeDirectory || outOfReach;
     EXPECT_EQ(problems > 0, !harmless);
     expectedErrors = log.Errors();
 }
