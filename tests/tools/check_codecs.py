@@ -158,6 +158,18 @@ class Convert(Codecs):
         box = (self.folder / "raw.mp4").read_bytes()
         self.assertIn(b"avcC\x01", box)
 
+    def test_what_tells_no_times_is_said(self):
+        self.assertIn("tells no times; pictures", self.works("convert", self.folder / "raw.h264", self.folder / "raw.mp4",
+                                                             "--to", "avcc").stderr)
+        self.assertEqual(self.works("convert", self.folder / "raw.h264", self.folder / "again.h264", "--to", "annexb").stderr, "")
+        self.fails(3, "the input tells no times", "convert", self.folder / "raw.h264", self.folder / "raw.mkv", "--to", "avcc")
+
+    def test_layouts_that_have_no_number_are_no_damage(self):
+        for layout in ["2.1", "7.1(wide)"]:
+            path = self.folder / "layout.m4a"
+            ffmpeg("-f", "lavfi", "-i", f"anullsrc=cl={layout}", "-t", "0.2", "-c:a", "aac", path)
+            self.fails(3, "numbers no such channel layout", "convert", path, self.folder / "layout.aac", "--to", "adts")
+
     def test_a_check_word_in_the_header_goes_too(self):
         frames, at = bytearray(), 0
         raw = (self.folder / "raw.aac").read_bytes()

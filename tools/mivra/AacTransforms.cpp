@@ -14,9 +14,16 @@ using Common::PacketBuffer;
 
 /// aac_frame_length has 13 bits.
 constexpr int kLongestFrame = 0x1FFF;
+/// Bytes of an AudioSpecificConfig.
+constexpr int kShortestConfiguration = 2;
 
 [[noreturn]] void fail(const std::string& what) {
     throw ProblemError(ExitCode::Damaged, {what, "", "'mivra probe' tells more"});
+}
+
+/// What is in order, but has no place in the form that is wanted.
+[[noreturn]] void refuse(const std::string& what) {
+    throw ProblemError(ExitCode::CannotOpen, {what, "", "'mivra probe' tells more"});
 }
 
 class AdtsTransform : public PacketTransform {
@@ -26,9 +33,14 @@ public:
         MediaType out(type);
         if (!fromAdts) {
             const auto core = readAacCore(type);
-            if (!core || core->objectType == 0 || core->objectType > 4 || core->configuration == 0 ||
-                core->configuration > 7) {
-                fail("the AAC configuration has no ADTS header");
+            if (type.CodecPrivateDataSize() < kShortestConfiguration) {
+                fail("the AAC stream has neither ADTS headers nor a configuration");
+            }
+            if (!core || core->objectType == 0 || core->objectType > 4) {
+                refuse("ADTS numbers no such kind or rate of AAC");
+            }
+            if (core->configuration == 0 || core->configuration > 7) {
+                refuse("ADTS numbers no such channel layout");
             }
             prepare(type, *core);
         }
@@ -80,12 +92,15 @@ public:
             MediaType described(type);
             describeByAdts(*first, described);
             const auto core = readAacCore(described);
-            if (!core || core->configuration == 0) {
-                fail("the ADTS headers do not tell the channels");
+            if (!core) {
+                fail("the ADTS headers are malformed");
+            }
+            if (core->configuration == 0) {
+                refuse("the ADTS headers number no channel layout");
             }
             setPrivateData(out, described.CodecPrivateData(),
                            static_cast<std::size_t>(described.CodecPrivateDataSize()));
-        } else if (type.CodecPrivateDataSize() < 2) {
+        } else if (type.CodecPrivateDataSize() < kShortestConfiguration) {
             fail("the AAC stream has neither ADTS headers nor a configuration");
         }
         return out;

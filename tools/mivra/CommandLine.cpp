@@ -8,10 +8,9 @@
 namespace Mivra::Tool {
 namespace {
 
-/// The value's name without what checks add behind a colon.
+/// The value's name. Checks that have a description would put it behind; those of this program have none.
 std::string valueName(const CLI::Option& option) {
-    const std::string type = option.get_type_name();
-    return type.substr(0, type.find(':'));
+    return option.get_type_name();
 }
 
 class HelpFormatter : public CLI::Formatter {

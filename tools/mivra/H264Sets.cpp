@@ -17,7 +17,7 @@ bool isRecord(const Common::MediaType& type) {
            *type.CodecPrivateData() == kRecordVersion;
 }
 
-void takePrefixed(Bytes data, std::size_t lengthSize, std::vector<Bytes>& units) {
+bool takePrefixed(Bytes data, std::size_t lengthSize, std::vector<Bytes>& units) {
     while (data.size() >= lengthSize) {
         std::size_t size = 0;
         for (const unsigned char byte : data.first(lengthSize)) {
@@ -25,13 +25,14 @@ void takePrefixed(Bytes data, std::size_t lengthSize, std::vector<Bytes>& units)
         }
         data = data.subspan(lengthSize);
         if (size > data.size()) {
-            return;
+            return false;
         }
         if (size > 0) {
             units.push_back(data.first(size));
         }
         data = data.subspan(size);
     }
+    return data.empty();
 }
 
 void takeStartCoded(Bytes data, std::vector<Bytes>& units) {
@@ -85,21 +86,26 @@ std::optional<H264ConfigurationParser> H264Sets::Parse(std::pair<unsigned char*,
     return parser.GetLevel() == 0 || badPps ? std::nullopt : std::optional(std::move(parser));
 }
 
+int h264ReorderingDepth(const Common::MediaType& type) {
+    const H264Sets sets(type);
+    const auto parser = sets.Sps().empty() ? std::nullopt : H264Sets::Parse(sets.Sps().front());
+    return parser ? parser->GetReorderingQueueDepth() : 0;
+}
+
 int h264LengthSize(const Common::MediaType& type) {
     return isRecord(type) ? (type.CodecPrivateData()[kLengthSizeOffset] & 3) + 1 : 0;
 }
 
-std::vector<Bytes> h264Units(Bytes data, int lengthSize) {
-    std::vector<Bytes> units;
+bool h264Units(Bytes data, int lengthSize, std::vector<Bytes>& units) {
+    units.clear();
     if (data.size() > INT_MAX) {
-        return units;
+        return false;
     }
     if (lengthSize > 0) {
-        takePrefixed(data, static_cast<std::size_t>(lengthSize), units);
-    } else {
-        takeStartCoded(data, units);
+        return takePrefixed(data, static_cast<std::size_t>(lengthSize), units);
     }
-    return units;
+    takeStartCoded(data, units);
+    return true;
 }
 
 }  // namespace Mivra::Tool

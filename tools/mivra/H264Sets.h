@@ -32,11 +32,15 @@ private:
     UnitList pps;
 };
 
+/// Frames that may be reordered, told by the stream or estimated; 0 also when its sets are missing.
+int h264ReorderingDepth(const Common::MediaType& type);
+
 /// Bytes of the lengths in front of a stream's units, 1 to 4; 0 for start codes.
 int h264LengthSize(const Common::MediaType& type);
 
-/// The units of an access unit, header byte first; what is cut off ends the list. Length size 0 for start
-/// codes.
-std::vector<std::span<const unsigned char>> h264Units(std::span<const unsigned char> data, int lengthSize);
+/// The units of an access unit, header byte first, into `units`. Length size 0 for start codes. False when a
+/// length does not fit into what is left: the units are those before it.
+bool h264Units(std::span<const unsigned char> data, int lengthSize,
+               std::vector<std::span<const unsigned char>>& units);
 
 }  // namespace Mivra::Tool

@@ -37,9 +37,16 @@ NalUnitTypes typeOf(Bytes unit) {
     return static_cast<NalUnitTypes>(unit[0] & 0x1F);
 }
 
+bool isSps(Bytes unit) {
+    return typeOf(unit) == NalUnitTypes::SequenceParameterSet;
+}
+
 bool isSet(Bytes unit) {
-    return typeOf(unit) == NalUnitTypes::SequenceParameterSet ||
-           typeOf(unit) == NalUnitTypes::PictureParameterSet;
+    return isSps(unit) || typeOf(unit) == NalUnitTypes::PictureParameterSet;
+}
+
+std::string textOf(Bytes bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 class AnnexBTransform : public PacketTransform {
@@ -109,7 +116,8 @@ public:
 
 private:
     bool recordHasSetsOf(PacketBuffer& packet) const {
-        const std::vector<Bytes> units = h264Units(bytesOf(packet), 0);
+        std::vector<Bytes> units;
+        h264Units(bytesOf(packet), 0, units);
         return std::all_of(units.begin(), units.end(), [this](Bytes unit) {
             return !isSet(unit) || std::any_of(inRecord.begin(), inRecord.end(), [unit](const auto& set) {
                 return std::equal(set.begin(), set.end(), unit.begin(), unit.end());
@@ -131,40 +139,44 @@ public:
         if (sets.Sps().empty()) {
             failWithoutSets();
         }
-        std::vector<std::string> edited;
-        UnitList spsList;
-        for (const auto& [data, size] : sets.Sps()) {
-            edited.push_back(edit({data, static_cast<std::size_t>(size)}));
-        }
-        for (std::string& unit : edited) {
-            spsList.emplace_back(reinterpret_cast<unsigned char*>(unit.data()),
-                                 static_cast<int>(unit.size()));
-        }
         MediaType out(type);
-        replaceSets(out, spsList, sets.Pps());
-        describe(out, spsList.front());
+        const Bytes data(reinterpret_cast<const unsigned char*>(type.CodecPrivateData()),
+                         static_cast<std::size_t>(type.CodecPrivateDataSize()));
+        const std::string edited = lengthSize > 0 ? editRecord(data) : editStartCoded(data);
+        setPrivateData(out, edited.data(), edited.size());
+        describe(out, H264Sets(out));
         return out;
     }
 
     Packet Apply(const Packet& packet) override {
-        const std::vector<Bytes> units = h264Units(bytesOf(*packet.get()), lengthSize);
-        const auto isSps = [](Bytes unit) { return typeOf(unit) == NalUnitTypes::SequenceParameterSet; };
+        std::vector<Bytes> units;
+        const bool whole = h264Units(bytesOf(*packet.get()), lengthSize, units);
         const auto count = std::count_if(units.begin(), units.end(), isSps);
         if (count == 0) {
             return packet;
+        }
+        if (!whole) {
+            return {};
         }
         constexpr int kMostGrowth = 64;  // of a set: a VUI where there was none
         Packet out = makeBuffer(std::int64_t{packet->ActualSize()} * 2 + count * kMostGrowth);
         out->CopyAttributes(packet.get());
         for (const Bytes unit : units) {
-            append(*out.get(), isSps(unit)
-                                   ? edit(unit)
-                                   : std::string(reinterpret_cast<const char*>(unit.data()), unit.size()));
+            const std::string text = edited(unit);
+            const std::string prefix = prefixOf(text.size());
+            if (prefix.empty()) {
+                return {};
+            }
+            out->Append(prefix.data(), static_cast<int>(prefix.size()));
+            out->Append(text.data(), static_cast<int>(text.size()));
         }
         return out;
     }
 
 private:
+    /// The unit, changed if it is a sequence parameter set.
+    std::string edited(Bytes unit) const { return !unit.empty() && isSps(unit) ? edit(unit) : textOf(unit); }
+
     std::string edit(Bytes unit) const {
         std::vector<unsigned char> copy(unit.begin(), unit.end());
         auto parser = H264Sets::Parse({copy.data(), static_cast<int>(copy.size())});
@@ -182,27 +194,54 @@ private:
         } catch (const Common::GeneralException& error) {
             throw ProblemError(ExitCode::Usage, {error.what(), "", "'mivra probe' tells the picture's size"});
         }
-        constexpr int kMostSet = 4096;
-        const Packet written = makeBuffer(std::int64_t{static_cast<int>(copy.size())} * 2 + kMostSet);
+        constexpr int kMostGrown = 4096;
+        const Packet written = makeBuffer(std::int64_t{static_cast<int>(copy.size())} * 2 + kMostGrown);
         parser->ToPacketBuffer(written.get());
         return std::string(written->Buffer(), static_cast<std::size_t>(written->ActualSize()));
     }
 
-    void replaceSets(MediaType& out, const UnitList& spsList, const UnitList& ppsList) const {
-        const bool done =
-            lengthSize > 0 ? H264ConfigurationParser::GenerateCodecPrivateData(out, spsList, ppsList)
-                           : H264ConfigurationParser::GenerateAnnexBCodecPrivateData(out, spsList, ppsList);
-        if (!done) {
+    /// The record with its sequence parameter sets edited, and all else, their extensions too, as it is
+    /// (ISO/IEC 14496-15 5.3.3.1.2).
+    std::string editRecord(Bytes record) const {
+        constexpr std::size_t kHead = 6;
+        constexpr std::size_t kSize = 2;
+        constexpr std::size_t kMostSet = 0xFFFF;
+        if (record.size() < kHead) {
             failWithoutSets();
         }
-        if (lengthSize > 0) {
-            out.CodecPrivateData()[4] = static_cast<char>(0xFC | (lengthSize - 1));  // as the packets have it
+        std::string out = textOf(record.first(kHead));
+        Bytes rest = record.subspan(kHead);
+        for (int left = record[kHead - 1] & 0x1F; left > 0; --left) {
+            const std::size_t size = rest.size() < kSize ? kMostSet : std::size_t{rest[0]} << 8 | rest[1];
+            if (rest.size() < kSize || rest.size() - kSize < size) {
+                failWithoutSets();
+            }
+            const std::string set = edited(rest.subspan(kSize, size));
+            if (set.size() > kMostSet) {
+                failWithoutSets();
+            }
+            out += static_cast<char>(set.size() >> 8);
+            out += static_cast<char>(set.size());
+            out += set;
+            rest = rest.subspan(kSize + size);
         }
+        return out + textOf(rest);
+    }
+
+    std::string editStartCoded(Bytes stream) const {
+        std::vector<Bytes> units;
+        h264Units(stream, 0, units);
+        std::string out;
+        for (const Bytes unit : units) {
+            const std::string text = edited(unit);
+            out += prefixOf(text.size()) + text;
+        }
+        return out;
     }
 
     /// What the container tells of the picture follows the sets.
-    void describe(MediaType& out, std::pair<unsigned char*, int> sps) const {
-        const auto parser = H264Sets::Parse(sps);
+    void describe(MediaType& out, const H264Sets& sets) const {
+        const auto parser = sets.Sps().empty() ? std::nullopt : H264Sets::Parse(sets.Sps().front());
         out.Width() = parser ? parser->GetWidth() : out.Width();
         out.Height() = parser ? parser->GetHeight() : out.Height();
         if (changes.aspect) {
@@ -211,14 +250,17 @@ private:
         }
     }
 
-    void append(PacketBuffer& out, const std::string& unit) const {
-        char prefix[kStartCode] = {0, 0, 0, 1};
-        const int size = lengthSize > 0 ? lengthSize : kStartCode;
-        for (int i = 0; lengthSize > 0 && i < size; ++i) {
-            prefix[i] = static_cast<char>(unit.size() >> (8 * (size - 1 - i)));
+    /// What stands in front of a unit of so many bytes; empty when the lengths have too few bits for it.
+    std::string prefixOf(std::size_t unit) const {
+        if (lengthSize == 0) {
+            return {0, 0, 0, 1};
         }
-        out.Append(prefix, size);
-        out.Append(unit.data(), static_cast<int>(unit.size()));
+        std::string prefix(static_cast<std::size_t>(lengthSize), '\0');
+        for (auto digit = prefix.rbegin(); digit != prefix.rend(); ++digit) {
+            *digit = static_cast<char>(unit);
+            unit >>= 8;
+        }
+        return unit == 0 ? prefix : std::string();
     }
 
     const SetChanges changes;

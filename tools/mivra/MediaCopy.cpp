@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "mivra/common/runtime/GeneralException.h"
+#include "tools/mivra/H264Sets.h"
 #include "tools/mivra/Interrupt.h"
 #include "tools/mivra/MediaRuntime.h"
 #include "tools/mivra/Muxer.h"
@@ -42,7 +43,14 @@ public:
         while (readOn()) {
             write(take());
         }
-        check(output.Finish());
+        check(output.Finish(), guessed);
+        if (refused) {
+            console.Error({"the input tells no times", options.input, "an .mp4 can do without"});
+            return ExitCode::CannotOpen;
+        }
+        if (guessed) {
+            console.Warning(options.input + " tells no times; pictures are timed in the order of decoding");
+        }
         if (damage.empty()) {
             damage = input.Damage();
         }
@@ -59,6 +67,7 @@ private:
         std::unique_ptr<PacketTransform> transform;
         Packet first;
         std::int64_t shift = kUnsetTime;  // of packets without a presentation time
+        bool reordered = false;           // by what it tells
     };
 
     void makeTransforms() {
@@ -66,6 +75,8 @@ private:
         for (int i = 0; i < input.StreamCount(); ++i) {
             Stream& stream = streams[static_cast<std::size_t>(i)];
             stream.transform = options.transform(input.Type(i));
+            stream.reordered =
+                input.Type(i).CodecId() == Common::Codec_t::H264 && h264ReorderingDepth(input.Type(i)) > 0;
             toSee += stream.transform != nullptr ? 1 : 0;
         }
         if (toSee == 0) {
@@ -125,7 +136,9 @@ private:
             return;
         }
         setPacketFlags(*out.get(), packetFlags(*packet.get()));
-        check(output.Write(index, *out.get()));
+        const bool untimed = out->Pts() == kUnsetTime && output.HasTimes();
+        guessed = guessed || (untimed && stream.reordered);
+        check(output.Write(index, *out.get()), untimed);
     }
 
     /// Where the stream changes, the transform begins anew, and the output is told of what comes then.
@@ -141,11 +154,13 @@ private:
         return out;
     }
 
-    void check(Muxer::Result result) {
+    void check(Muxer::Result result, bool untimed) {
         if (result == Muxer::Result::Failed) {
             throw ProblemError(ExitCode::WriteFailed, output.Failure());
         }
-        if (result == Muxer::Result::BadPacket) {
+        if (result == Muxer::Result::BadPacket && untimed) {
+            refused = true;
+        } else if (result == Muxer::Result::BadPacket) {
             noteDamage(output.ErrorText());
         }
     }
@@ -165,6 +180,8 @@ private:
     std::vector<Packet> waiting;  // read before the output could begin
     int toSee = 0;                // transformed streams without a packet yet
     std::string damage;
+    bool guessed = false;  // the order of display, where the input tells no times
+    bool refused = false;  // a packet, for want of its time
 };
 
 }  // namespace

@@ -233,6 +233,10 @@ bool Muxer::Takes(int stream) const {
     return stream >= 0 && index < streams.size() && streams[index].output != nullptr;
 }
 
+bool Muxer::HasTimes() const {
+    return (context->oformat->flags & AVFMT_NOTIMESTAMPS) == 0;
+}
+
 Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
     if (failed || !headerWritten || !Takes(index)) {
         return failed ? Result::Failed : Result::Done;
@@ -304,7 +308,7 @@ void Muxer::setTimes(Stream& stream, PacketBuffer& from) {
         packet->dts = dts.In(target);
         packet->pts = pts.In(target);
     }
-    if ((context->oformat->flags & AVFMT_NOTIMESTAMPS) == 0) {
+    if (HasTimes()) {
         keepOrder(stream);
     }
     stream.lastDts = packet->dts;

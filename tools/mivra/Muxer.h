@@ -44,6 +44,8 @@ public:
     std::vector<std::size_t> Choose(const std::vector<Common::MediaType>& types);
     /// Whether Begin has taken the stream.
     bool Takes(int stream) const;
+    /// Whether the format has times. Before Finish.
+    bool HasTimes() const;
     /// BadPacket: this one cannot be written, others may; Failed: the file cannot be written any more.
     Result Write(int stream, Common::PacketBuffer& packet);
     /// Writes what is waiting and what ends the file, and closes it. BadPacket: it is finished, but some that

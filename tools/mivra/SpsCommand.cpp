@@ -59,7 +59,7 @@ SetChanges readChanges(const Arguments& arguments) {
         const std::vector<int> parts = numbers(arguments.aspect, 2, ':', kMostAspect);
         if (parts.empty() || (parts[0] == 0) != (parts[1] == 0)) {
             throw CLI::ValidationError("--aspect: '" + arguments.aspect +
-                                       "' is not N:D, each from 1 to 65535");
+                                       "' is not N:D, each from 1 to 65535, or 0:0");
         }
         changes.aspect = Common::Rational(parts[0], parts[1]);
     }

@@ -114,8 +114,9 @@ Json reportAac(const MediaType& type) {
     aac["channelConfiguration"] = core ? Json(core->configuration) : Json(nullptr);
     Codecs::AAC::ConfigurationParser parser;
     MediaType copy(type);
-    const bool parsed = parser.Parse(reinterpret_cast<unsigned char*>(copy.CodecPrivateData()), 0,
-                                     copy.CodecPrivateDataSize());
+    // With escape values the parser's figures would be read from the wrong bits.
+    const bool parsed = core && parser.Parse(reinterpret_cast<unsigned char*>(copy.CodecPrivateData()), 0,
+                                             copy.CodecPrivateDataSize());
     aac["sampleRate"] = parsed ? known(parser.GetSampleRate()) : Json(nullptr);
     aac["channels"] = parsed ? known(parser.GetChannels()) : Json(nullptr);
     aac["config"] = hexDigits(type.CodecPrivateData(), type.CodecPrivateDataSize());
