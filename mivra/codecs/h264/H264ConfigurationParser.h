@@ -31,17 +31,16 @@ public:
     virtual ~H264ConfigurationParser() = default;
 
     /// Forgets the last result, then reads the parameter sets. The first byte chooses the form:
-    /// - 0, Annex B: the first sequence and the first picture parameter set. 1, whatever they say: a set that
-    /// is
-    ///   missing or malformed stays zeroed.
+    /// - 0, Annex B: the first sequence and the first picture parameter set. The result is 1, whatever they
+    ///   say: a missing or malformed set stays zeroed.
     /// - 1, an AVC decoder configuration record: likewise.
-    /// - else units without start codes, every set among them in turn: one unit that takes the whole buffer,
-    /// or
-    ///   with flags above 0 units behind three bytes each, of which only the third counts: the length, 0 for
-    ///   the rest. Emulation prevention is taken out of the whole buffer first. 1, or -1 at the first set
-    ///   that is malformed, which stays zeroed, or unit that is cut off.
+    /// - else units without start codes, every set among them in turn: with flags 0 or below one unit, which
+    ///   takes the whole buffer; above 0 units behind three bytes each, of which only the third counts: the
+    ///   length, 0 for the rest. Emulation prevention is taken out of the whole buffer first. The result is
+    ///   1, or -1 at the first set that is malformed, which stays zeroed, or unit that is cut off.
     /// -1 also for null and a size below 1. A picture parameter set is read in the light of the sequence
-    /// parameter set before it. Pointer and size are kept, and never read through again.
+    /// parameter set before it. A set with more than zeros behind its trailing bits is malformed.
+    /// Pointer and size are kept, and never read through again.
     int Parse(unsigned char* data, int size, int flags);
 
     const SPS264struct& GetSps() const { return sps; }
@@ -53,8 +52,8 @@ public:
     int GetPpsId() const { return pps.pic_parameter_set_id; }
     /// The sequence parameter set that the picture parameter set names.
     int GetPpsSpsId() const { return pps.seq_parameter_set_id; }
-    /// Luma samples behind the cropping; 0 before a sequence parameter set was read, and when the cropping
-    /// leaves none.
+    /// Luma samples behind the cropping; 0 when the cropping leaves none, and before a sequence parameter set
+    /// was read: one whose profile_idc is 0, which no profile has, counts as none, here and in editing.
     int GetWidth() const;
     int GetHeight() const;
     /// Sample aspect ratio (E.2.1, Table E-1); 0/0 where none is told.
@@ -129,10 +128,11 @@ public:
     /// for its prefix is malformed.
     static bool ConvertToAvcBitstream(unsigned char* data, int size, int lengthSize,
                                       Common::PacketBuffer* out, bool dropParameterSets);
-    /// One form of everything: start codes of four bytes without padding, of each access unit one delimiter,
-    /// in front, no filler data, no parameter set that repeats the last one of its id. A key frame (as below)
-    /// without sets of a kind gets the given ones: sequence parameter sets behind the delimiter, picture
-    /// parameter sets behind the sequence parameter sets.
+    /// One form of everything: start codes of four bytes without padding, and no filler data. Of the
+    /// delimiters of an access unit the first is kept, in front; none is added. A parameter set that repeats
+    /// the last one of its id in the same access unit is left out. A key frame (as below) without sets of a kind gets the given ones:
+    /// sequence parameter sets behind the delimiter, picture parameter sets behind
+    /// the sequence parameter sets.
     static bool RefineAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out,
                                       const unsigned char* sets, int setsSize);
     /// Whether the access unit (Annex B) is one to begin at: IDR, or with a recovery point message whose
@@ -164,7 +164,8 @@ public:
     // Bits.
 
     /// ue(v) at *data and *bitPosition (0 is the most significant bit of the byte), moving all three. A code
-    /// that is cut off or has over 32 zeros in front sets *bytesLeft to -1 and gives 0.
+    /// that is cut off or has over 32 zeros in front sets *bytesLeft to -1 and gives 0. Of a number of 2^31
+    /// or more, which no syntax element has that is read with this, the lower 32 bits come back, as an int.
     static int ConvertExpGolomb2Int(unsigned char** data, int* bytesLeft, int* bitPosition);
     /// Emulation prevention (7.3.1, 7.4.1.1) taken out of, or put into, a unit. out is new memory of malloc()
     /// that the caller frees; false and null for a negative size, null data or no memory.
