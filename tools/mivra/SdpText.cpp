@@ -91,8 +91,11 @@ std::vector<std::string> aacLines(const MediaType& type, int number) {
         appendHex(config, static_cast<unsigned char>(type.CodecPrivateData()[i]), "0123456789abcdef");
     }
     // The number of channels is optional, and configuration 0 tells none.
-    const std::string channels = type.Channels() > 0 ? "/" + std::to_string(type.Channels()) : "";
-    return section("audio", number, "mpeg4-generic/" + std::to_string(type.SampleRate()) + channels,
+    std::string encoding = "mpeg4-generic/" + std::to_string(type.SampleRate());
+    if (type.Channels() > 0) {
+        encoding.append("/").append(std::to_string(type.Channels()));
+    }
+    return section("audio", number, encoding,
                    "streamtype=5;profile-level-id=" + std::to_string(audioProfileLevel(*core)) +
                        ";mode=AAC-hbr;sizelength=13;indexlength=3;indexdeltalength=3;config=" + config,
                    type.Bitrate());
