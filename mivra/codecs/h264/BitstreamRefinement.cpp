@@ -64,6 +64,9 @@ public:
         const bool same =
             std::equal(last.begin() + (last.empty() ? 0 : 1), last.end(), set.begin() + 1, set.end());
         last = set;
+        if (sequence && !same) {
+            pictures = {};  // what they say may depend on it
+        }
         return !same;
     }
 
@@ -108,10 +111,13 @@ private:
         }
     }
 
+    /// A sequence parameter set has its extension behind it.
     void addSets(NalUnitTypes kind) {
         AnnexBUnits units(sets);
         while (const auto unit = units.Next()) {
-            if (nalUnitType(*unit) == kind) {
+            const NalUnitTypes type = nalUnitType(*unit);
+            if (type == kind || (kind == NalUnitTypes::SequenceParameterSet &&
+                                 type == NalUnitTypes::SequenceParameterSetExtension)) {
                 write(*unit);
             }
         }

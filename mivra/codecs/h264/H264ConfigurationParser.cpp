@@ -9,6 +9,7 @@
 
 #include "mivra/codecs/h264/AnnexB.h"
 #include "mivra/codecs/h264/AspectRatios.h"
+#include "mivra/codecs/h264/BitCursor.h"
 #include "mivra/codecs/h264/ParameterSetCoding.h"
 #include "mivra/codecs/h264/Rbsp.h"
 #include "mivra/codecs/h264/SyntaxElement.h"
@@ -80,6 +81,13 @@ FirstSets setsOfRecord(Bytes record) {
     const int pictureSets = ppsCount.empty() ? 0 : ppsCount[0];
     sets.pps = takeFirstUnit(record, pictureSets, NalUnitTypes::PictureParameterSet);
     return sets;
+}
+
+/// Whether a picture parameter set names the sequence parameter set.
+bool namesSequence(Bytes pps, const SPS264struct& sps) {
+    BitCursor bits(pps);
+    bits.ExpGolomb();  // pic_parameter_set_id
+    return bits.ExpGolomb() == static_cast<std::uint64_t>(sps.seq_parameter_set_id);
 }
 
 int toSamples(std::int64_t size) {
@@ -212,7 +220,8 @@ bool H264ConfigurationParser::parseSet(Bytes unit) {
             spsHeader = (unit[0] & NalRefIdcMask) != 0 ? unit[0] & HeaderMask : DefaultSpsHeader;
             return readSequenceParameterSet(payload, sps);
         case NalUnitTypes::PictureParameterSet:
-            return readPictureParameterSet(payload, sps.chroma_format_idc, pps);
+            return readPictureParameterSet(payload, sps.chroma_format_idc, pps,
+                                           namesSequence(payload, sps) ? sps.profile_idc : 0);
         default:
             return true;
     }

@@ -39,7 +39,8 @@ public:
     ///   length, 0 for the rest. Emulation prevention is taken out of the whole buffer first. The result is
     ///   1, or -1 at the first set that is malformed, which stays zeroed, or unit that is cut off.
     /// -1 also for null and a size below 1. A picture parameter set is read in the light of the sequence
-    /// parameter set before it. A set with more than zeros behind its trailing bits is malformed.
+    /// parameter set before it. A set with more than zeros behind its trailing bits is malformed, except that
+    /// a picture parameter set of Baseline, Main or Extended may have stray bits behind its last element.
     /// Pointer and size are kept, and never read through again.
     int Parse(unsigned char* data, int size, int flags);
 
@@ -120,7 +121,8 @@ public:
     /// Length prefixes of lengthSize (1 to 4) bytes become start codes of four bytes, empty units are left
     /// out. With sets, the first slice of an IDR picture that has none gets them in front, or those of the
     /// one kind that it lacks; start codes then have three bytes but for the first unit and parameter sets
-    /// (B.1.2). Unlike h264_mp4toannexb each packet is judged by itself.
+    /// (B.1.2). Unlike h264_mp4toannexb each packet is judged by itself, and so is each of several pictures
+    /// in one; and nothing gets between the slices of a picture.
     static bool ConvertToAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out, int lengthSize);
     static bool ConvertToAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out, int lengthSize,
                                          const unsigned char* sets, int setsSize);
@@ -130,8 +132,9 @@ public:
                                       Common::PacketBuffer* out, bool dropParameterSets);
     /// One form of everything: start codes of four bytes without padding, and no filler data. Of the
     /// delimiters of an access unit the first is kept, in front; none is added. A parameter set that repeats
-    /// the last one of its id in the same access unit is left out. A key frame (as below) without sets of a kind gets the given ones:
-    /// sequence parameter sets behind the delimiter, picture parameter sets behind
+    /// the last one of its id in the same access unit is left out, but for picture parameter sets behind a
+    /// sequence parameter set that is new. A key frame (as below) without sets of a kind gets the given ones:
+    /// sequence parameter sets, with their extensions, behind the delimiter, picture parameter sets behind
     /// the sequence parameter sets.
     static bool RefineAnnexBBitstream(Common::PacketBuffer* in, Common::PacketBuffer* out,
                                       const unsigned char* sets, int setsSize);

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "mivra/codecs/h264/ByteKernels.h"
 #include "mivra/codecs/h264/NalUnitHeader.h"
+#include "mivra/codecs/h264/SliceHeader.h"
 #include "mivra/codecs/h264/UnitWalk.h"
 #include "mivra/codecs/h264/UnitWriter.h"
 #include "mivra/common/binary/ByteSwap.h"
@@ -32,8 +34,12 @@ public:
     MissingSets(std::span<const unsigned char> sets_, UnitWriter& writer_) : sets(sets_), writer(writer_) {}
 
     /// Writes what has to stand in front of the unit.
-    void Before(NalUnit unit) {
+    void Before(const PlacedUnit& placed) {
+        const NalUnit unit = placed.rest;
         const NalUnitTypes type = nalUnitType(unit);
+        if (isParameterSet(type)) {
+            headers().Remember(placed.Whole());
+        }
         if (type == NalUnitTypes::SequenceParameterSet) {
             sequenceSeen = pictureBegins = true;
         } else if (type == NalUnitTypes::PictureParameterSet) {
@@ -53,16 +59,41 @@ private:
     /// first_mb_in_slice 0 is one bit, a 1 behind the header byte.
     static bool isFirstSlice(NalUnit slice) { return slice.size() > 1 && (slice[1] & 0x80) != 0; }
 
+    /// A first macroblock also stands in redundant slices, and behind others where their order is free.
+    bool beginsNext(NalUnit slice) {
+        if (!isFirstSlice(slice)) {
+            return false;
+        }
+        const auto header = headers().Read(slice);
+        const auto previous = headers().Read(picture);
+        return !header || !previous || (header->redundant_pic_cnt == 0 && beginsPicture(*header, *previous));
+    }
+
     void beforeIdr(NalUnit slice) {
-        if (!pictureBegins && !isFirstSlice(slice)) {
+        if (!pictureBegins && !beginsNext(slice)) {
             return;
         }
-        pictureBegins = sequenceSeen || pictureSeen;
-        if (!pictureBegins) {
+        if (!sequenceSeen && !pictureSeen) {
             write(NalUnitTypes::Unspecified);
         } else if (!pictureSeen) {
             write(NalUnitTypes::PictureParameterSet);
         }
+        picture = slice;
+        pictureBegins = sequenceSeen = pictureSeen = false;
+    }
+
+    /// Few packets need them: sets are read when the first one does.
+    SliceHeaderReader& headers() {
+        if (!reader) {
+            reader.emplace();
+            AnnexBUnits units(sets);
+            while (const auto unit = units.Next()) {
+                if (isParameterSet(nalUnitType(*unit))) {
+                    reader->Remember(*unit);
+                }
+            }
+        }
+        return *reader;
     }
 
     /// All sets, or those of one kind.
@@ -77,6 +108,9 @@ private:
 
     std::span<const unsigned char> sets;
     UnitWriter& writer;
+    std::optional<SliceHeaderReader> reader;
+    /// The slice that the current IDR picture began with.
+    NalUnit picture;
     bool pictureBegins = true;
     bool sequenceSeen = false;
     bool pictureSeen = false;
@@ -156,7 +190,7 @@ Conversion convertToAnnexB(std::span<const unsigned char> in, int lengthSize,
     MissingSets missing(sets, writer);
     UnitWalk units(in, lengthSize);
     while (const auto unit = units.Next()) {
-        missing.Before(unit->rest);
+        missing.Before(*unit);
         const bool longCode = writer.Empty() || isParameterSet(nalUnitType(unit->rest));
         writer.StartCoded(unit->rest, longCode ? LongCode : ShortCode);
     }

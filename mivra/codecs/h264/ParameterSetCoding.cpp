@@ -23,6 +23,18 @@ void restore(Set& set, const Set& standard, std::size_t from, std::size_t to) {
                 to - from);
 }
 
+/// Baseline, Main and Extended: no 8x8 transform, no scaling lists, one offset for both kinds of chroma.
+bool isWithoutExtension(int profile_idc) {
+    return profile_idc == 66 || profile_idc == 77 || profile_idc == 88;
+}
+
+/// As if nothing stood behind redundant_pic_cnt_present_flag.
+void clearExtension(PPS264struct& pps) {
+    restore(pps, NoPps, offsetof(PPS264struct, more_rbsp_data),
+            offsetof(PPS264struct, second_chroma_qp_index_offset));
+    pps.second_chroma_qp_index_offset = pps.chroma_qp_index_offset;
+}
+
 template <typename Body>
 std::size_t writeBits(std::span<unsigned char> bytes, Body body) {
     const Common::Reference<Common::PacketBuffer> packet = Common::Reference<Common::PacketBuffer>::Adopt(
@@ -78,15 +90,21 @@ void clear(PPS264struct& pps) {
     return true;
 }
 
-bool readPictureParameterSet(std::span<const unsigned char> rbsp, int chroma_format_idc, PPS264struct& pps) {
+bool readPictureParameterSet(std::span<const unsigned char> rbsp, int chroma_format_idc, PPS264struct& pps,
+                             int profile_idc) {
     clear(pps);
     SyntaxReader coder(rbsp);
     pic_parameter_set_data(coder, pps, chroma_format_idc);
-    if (!coder.IsWhole()) {
-        clear(pps);
-        return false;
+    if (coder.IsWhole()) {
+        return true;
     }
-    return true;
+    // more_rbsp_data is 1 only where everything in front of it could be read.
+    if (pps.more_rbsp_data != 0 && isWithoutExtension(profile_idc)) {
+        clearExtension(pps);
+        return true;
+    }
+    clear(pps);
+    return false;
 }
 
 std::size_t writeSequenceParameterSet(const SPS264struct& sps, std::span<unsigned char> rbsp) {

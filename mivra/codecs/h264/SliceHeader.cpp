@@ -67,6 +67,7 @@ void SliceHeaderReader::rememberSequence(std::span<const unsigned char> rbsp) {
     sequence.separateColourPlanes = sps.separate_colour_plane_flag != 0;
     sequence.framesOnly = sps.frame_mbs_only_flag != 0;
     sequence.deltaAlwaysZero = sps.delta_pic_order_always_zero_flag != 0;
+    sequence.profile = static_cast<std::uint8_t>(sps.profile_idc);
     sequence.chromaFormat = static_cast<std::uint8_t>(sps.chroma_format_idc);
     sequence.frameNumBitsMinus4 = static_cast<std::uint8_t>(sps.log2_max_frame_num_minus4);
     sequence.orderCountType = static_cast<std::uint8_t>(sps.pic_order_cnt_type);
@@ -79,7 +80,7 @@ void SliceHeaderReader::rememberPicture(std::span<const unsigned char> rbsp) {
     const std::uint64_t sequence = bits.ExpGolomb();
     PPS264struct pps;
     if (sequence >= sequences.size() ||
-        !readPictureParameterSet(rbsp, sequences[sequence].chromaFormat, pps)) {
+        !readPictureParameterSet(rbsp, sequences[sequence].chromaFormat, pps, sequences[sequence].profile)) {
         return;
     }
     Picture& picture = pictures[static_cast<std::size_t>(pps.pic_parameter_set_id)];

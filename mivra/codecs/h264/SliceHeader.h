@@ -47,6 +47,7 @@ private:
         bool separateColourPlanes = false;
         bool framesOnly = false;
         bool deltaAlwaysZero = false;
+        std::uint8_t profile = 0;
         std::uint8_t chromaFormat = 0;
         std::uint8_t frameNumBitsMinus4 = 0;
         std::uint8_t orderCountType = 0;

@@ -194,6 +194,7 @@ TEST(PacketConversion, BeginsAtThePositionAndHandsTheAttributesOn) {
 
 TEST(PacketConversion, SetsGoInFrontOfTheFirstSliceOfAnIdrPictureThatHasNone) {
     const Bytes secondSlice = unitOfBits(0x65, "011 0001000 1 0000 1");
+    const Bytes NextIdr = unitOfBits(0x65, "1 0001000 1 0000 010 1111");  // idr_pic_id 1
     const struct {
         Bytes in;
         Bytes out;
@@ -205,9 +206,14 @@ TEST(PacketConversion, SetsGoInFrontOfTheFirstSliceOfAnIdrPictureThatHasNone) {
         {avc({Sps, Idr}), Sets + coded(Idr, false)},
         {avc({Pps, Idr}), Sets + coded(Idr, false)},
         // Pictures one after the other.
-        {avc({Idr, Idr}), Sets + coded(Idr, false) + Sets + coded(Idr, false)},
+        {avc({Idr, NextIdr}), Sets + coded(Idr, false) + Sets + coded(NextIdr, false)},
+        {avc({Sps, Pps, Idr, NextIdr}), Sets + coded(Idr, false) + Sets + coded(NextIdr, false)},
         {avc({Sps, Pps, Idr, P1, Idr}),
          Sets + coded(Idr, false) + coded(P1, false) + Sets + coded(Idr, false)},
+        // Slices of one picture, in any order: the first macroblock need not come first.
+        {avc({Sps, Idr, secondSlice}), Sets + coded(Idr, false) + coded(secondSlice, false)},
+        {avc({Pps, Idr, secondSlice}), Sets + coded(Idr, false) + coded(secondSlice, false)},
+        {avc({secondSlice, Idr}), Sets + coded(secondSlice, false) + coded(Idr, false)},
         {avc({{}, {0x65}}), Sets + coded({0x65}, false)},
     };
     for (const auto& [in, expected] : cases) {
@@ -227,6 +233,8 @@ TEST(PacketConversion, SetsGoInFrontOfTheFirstSliceOfAnIdrPictureThatHasNone) {
 TEST(PacketConversion, RefiningLeavesOneFormOfEverything) {
     Bytes otherPps = Pps;
     otherPps.back() ^= 0x40;
+    Bytes otherSps = Sps;
+    otherSps[3] ^= 1;  // level_idc
     const Bytes broken{0x67};
     const Bytes strangeSps{0x67, 0x42, 0x00, 0x0A, 0x00, 0x81};  // of an id that is out of range
     const struct {
@@ -248,6 +256,8 @@ TEST(PacketConversion, RefiningLeavesOneFormOfEverything) {
         {"sets twice", annexB({Sps, Pps, Sps, Pps, Idr}), annexB({Sps, Pps, Idr})},
         {"another set of the same id", annexB({Sps, Pps, otherPps, Pps, Idr}),
          annexB({Sps, Pps, otherPps, Pps, Idr})},
+        {"another sequence set of the same id", annexB({Sps, Pps, otherSps, Pps, Idr}),
+         annexB({Sps, Pps, otherSps, Pps, Idr})},
         {"sets that cannot be read", annexB({broken, broken, strangeSps, strangeSps, Pps, Idr}),
          annexB({broken, broken, strangeSps, strangeSps, Pps, Idr})},
         {"delimiters in the middle", annexB({Recovery, Aud, Sps, Aud, Pps, Idr}),
@@ -270,6 +280,9 @@ TEST(PacketConversion, RefiningLeavesOneFormOfEverything) {
         }
     }
     Packet out({}, 64);
+    const Bytes extension{0x6D, 0xC0};
+    EXPECT_TRUE(refine(annexB({Idr}), out, annexB({Sps, extension, Pps})));
+    EXPECT_EQ(out.Content(), annexB({Sps, extension, Pps, Idr}));
     EXPECT_FALSE(refine(avc({P1}), out));
     EXPECT_FALSE(refine(annexB({P1}), out, avc({Sps})));
 }

@@ -342,6 +342,29 @@ TEST(ParameterSet, ReadsTheSameInEveryFormAndIsWrittenAsItWas) {
     }
 }
 
+// Bits behind the last element, which read as no extension: its scaling lists end too early.
+TEST(ParameterSet, PassesOverStrayBitsWhereNoExtensionIs) {
+    const struct {
+        const char* sps;
+        const char* pps;
+        bool read;
+    } cases[] = {
+        {"6742001eda02c04790", "68ce3cff", true},     // Baseline
+        {"674d001eda02c04790", "68ce3cff", true},     // Main
+        {"6764001eda02c04790", "68ce3cff", false},    // no sequence set: that one ends too early for High
+        {"6742001eda02c04790", "68a71e7f80", false},  // of sequence set 1, which is not there
+        {"6742001eda02c04790", "68ce", false},        // cut off in front of them
+    };
+    for (const auto& [sps, pps, read] : cases) {
+        SCOPED_TRACE(std::string(sps) + " " + pps);
+        H264ConfigurationParser parser;
+        parse(parser, annexB(fromHex(sps), fromHex(pps)));
+        EXPECT_EQ(parser.GetPps().deblocking_filter_control_present_flag, read ? 1 : 0);
+        EXPECT_EQ(parser.GetPps().more_rbsp_data, 0);
+        EXPECT_EQ(parser.GetPps().pic_scaling_matrix_present_flag, 0);
+    }
+}
+
 // The depth is an estimate from MaxDpbMbs over the picture's macroblocks, 16 at most (Table A-1).
 TEST(ParameterSet, EstimatesTheDepthFromTheLevel) {
     struct Level {
