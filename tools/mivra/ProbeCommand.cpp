@@ -56,6 +56,10 @@ public:
             console.Error({"the input is damaged: " + input.Damage(), path, "what could be read was told"});
             return ExitCode::Damaged;
         }
+        if (!known) {
+            console.Error({"nothing in the input tells what it is", path, "is it what its name says?"});
+            return ExitCode::Damaged;
+        }
         return ExitCode::Done;
     }
 
@@ -82,6 +86,18 @@ private:
         }
     }
 
+    /// Of a raw file only its name may say that it is one: then nothing tells a size or rate.
+    static bool isKnown(const MediaType& type) {
+        switch (type.ContentType()) {
+            case Common::ContentType_t::Video:
+                return type.Width() > 0;
+            case Common::ContentType_t::Audio:
+                return type.SampleRate() > 0;
+            default:
+                return true;
+        }
+    }
+
     void report() {
         Json file = {{"file", path}, {"duration", nullptr}, {"streams", Json::array()}};
         if (input.Duration() > 0) {
@@ -91,6 +107,7 @@ private:
             MediaType type(input.Type(i));
             file["streams"].push_back(
                 reportStream(i, type, first[static_cast<std::size_t>(i)].get(), options.sdp));
+            known = known || isKnown(type);
         }
         if (!options.json) {
             for (const std::string& line : reportText(file)) {
@@ -159,6 +176,7 @@ private:
     Demuxer input;
     std::vector<Packet> first;  // by stream, where one was needed
     Json packets = Json::array();
+    bool known = false;  // what any stream is
 };
 
 ExitCode probe(const ProbeOptions& options) {

@@ -74,8 +74,23 @@ std::string profileText(int profile) {
     return found == std::end(kProfiles) ? "profile " + std::to_string(profile) : found->name;
 }
 
-/// "4.1" of 41.
-std::string levelText(int level) {
+/// The value of a sequence parameter set's element; 0 when there is none.
+int elementOf(const Json& set, const char* name) {
+    for (const Json& element : set.value("elements", Json::array())) {
+        if (element["name"] == name) {
+            return element["value"];
+        }
+    }
+    return 0;
+}
+
+/// "4.1" of 41. Level 1b is 9, or in the older profiles 11 with a flag (ITU-T H.264 Annex A.3.4).
+std::string levelText(int level, int profile, const Json& sets) {
+    const bool older = profile == 66 || profile == 77 || profile == 88;
+    const bool flagged = !sets.empty() && elementOf(sets.front(), "constraint_set3_flag") != 0;
+    if (level == 9 || (level == 11 && older && flagged)) {
+        return "1b";
+    }
     return std::to_string(level / 10) + "." + std::to_string(level % 10);
 }
 
@@ -109,7 +124,9 @@ void addH264(Lines& lines, const Json& h264) {
         add(lines, "sets", "no whole sequence parameter set");
     } else {
         const Json& order = h264["reordering"];
-        add(lines, "profile", profileText(h264["profile"]) + ", level " + levelText(h264["level"]));
+        add(lines, "profile",
+            profileText(h264["profile"]) + ", level " +
+                levelText(h264["level"], h264["profile"], h264["sets"]));
         add(lines, "picture", size(h264) + ", " + rate(h264["frameRate"]) + " frames/s");
         add(lines, "HRD",
             h264["bitrate"].is_null() ? "none"

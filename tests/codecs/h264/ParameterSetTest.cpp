@@ -352,7 +352,7 @@ TEST(ParameterSet, PassesOverStrayBitsWhereNoExtensionIs) {
         {"6742001eda02c04790", "68ce3cff", true},     // Baseline
         {"674d001eda02c04790", "68ce3cff", true},     // Main
         {"6764001eda02c04790", "68ce3cff", false},    // no sequence set: that one ends too early for High
-        {"6742001eda02c04790", "68a71e7f80", false},  // of sequence set 1, which is not there
+        {"6742001eda02c04790", "68a38f3fff", false},  // of sequence set 1, which is not there
         {"6742001eda02c04790", "68ce", false},        // cut off in front of them
     };
     for (const auto& [sps, pps, read] : cases) {
