@@ -38,6 +38,7 @@
 
 #include "mivra/common/model/Codec.h"
 #include "mivra/common/model/ContentType.h"
+#include "mivra/common/model/MediaFramework.h"
 #include "mivra/common/model/MediaTime.h"
 #include "mivra/common/model/MediaType.h"
 #include "mivra/common/model/Metadata.h"

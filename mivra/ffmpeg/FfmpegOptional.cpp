@@ -73,6 +73,14 @@ constexpr FfmpegFunction kOptionalFunctions[] = {
         Library::avcodec, "av_packet_new_side_data"),
     bound<&FfmpegOptional::av_packet_rescale_ts, decltype(::av_packet_rescale_ts)>(Library::avcodec,
                                                                                    "av_packet_rescale_ts"),
+    bound<&FfmpegOptional::avcodec_align_dimensions2, decltype(::avcodec_align_dimensions2)>(
+        Library::avcodec, "avcodec_align_dimensions2"),
+    bound<&FfmpegOptional::avcodec_default_get_buffer2, decltype(::avcodec_default_get_buffer2)>(
+        Library::avcodec, "avcodec_default_get_buffer2"),
+    bound<&FfmpegOptional::avcodec_default_get_format, decltype(::avcodec_default_get_format)>(
+        Library::avcodec, "avcodec_default_get_format"),
+    bound<&FfmpegOptional::avcodec_flush_buffers, decltype(::avcodec_flush_buffers)>(Library::avcodec,
+                                                                                     "avcodec_flush_buffers"),
     bound<&FfmpegOptional::avcodec_get_name, decltype(::avcodec_get_name)>(Library::avcodec,
                                                                            "avcodec_get_name"),
     bound<&FfmpegOptional::avcodec_parameters_alloc, decltype(::avcodec_parameters_alloc)>(
@@ -81,6 +89,10 @@ constexpr FfmpegFunction kOptionalFunctions[] = {
         Library::avcodec, "avcodec_parameters_copy"),
     bound<&FfmpegOptional::avcodec_parameters_free, decltype(::avcodec_parameters_free)>(
         Library::avcodec, "avcodec_parameters_free"),
+    bound<&FfmpegOptional::sws_getCoefficients, decltype(::sws_getCoefficients)>(Library::swscale,
+                                                                                 "sws_getCoefficients"),
+    bound<&FfmpegOptional::sws_setColorspaceDetails, decltype(::sws_setColorspaceDetails)>(
+        Library::swscale, "sws_setColorspaceDetails"),
     bound<&FfmpegOptional::swscale_version, decltype(::swscale_version)>(Library::swscale, "swscale_version"),
     bound<&FfmpegOptional::swresample_version, decltype(::swresample_version)>(Library::swresample,
                                                                                "swresample_version"),
@@ -128,10 +140,16 @@ decltype(FfmpegOptional::av_packet_get_side_data) FfmpegOptional::av_packet_get_
 decltype(FfmpegOptional::av_packet_make_refcounted) FfmpegOptional::av_packet_make_refcounted = nullptr;
 decltype(FfmpegOptional::av_packet_new_side_data) FfmpegOptional::av_packet_new_side_data = nullptr;
 decltype(FfmpegOptional::av_packet_rescale_ts) FfmpegOptional::av_packet_rescale_ts = nullptr;
+decltype(FfmpegOptional::avcodec_align_dimensions2) FfmpegOptional::avcodec_align_dimensions2 = nullptr;
+decltype(FfmpegOptional::avcodec_default_get_buffer2) FfmpegOptional::avcodec_default_get_buffer2 = nullptr;
+decltype(FfmpegOptional::avcodec_default_get_format) FfmpegOptional::avcodec_default_get_format = nullptr;
+decltype(FfmpegOptional::avcodec_flush_buffers) FfmpegOptional::avcodec_flush_buffers = nullptr;
 decltype(FfmpegOptional::avcodec_get_name) FfmpegOptional::avcodec_get_name = nullptr;
 decltype(FfmpegOptional::avcodec_parameters_alloc) FfmpegOptional::avcodec_parameters_alloc = nullptr;
 decltype(FfmpegOptional::avcodec_parameters_copy) FfmpegOptional::avcodec_parameters_copy = nullptr;
 decltype(FfmpegOptional::avcodec_parameters_free) FfmpegOptional::avcodec_parameters_free = nullptr;
+decltype(FfmpegOptional::sws_getCoefficients) FfmpegOptional::sws_getCoefficients = nullptr;
+decltype(FfmpegOptional::sws_setColorspaceDetails) FfmpegOptional::sws_setColorspaceDetails = nullptr;
 decltype(FfmpegOptional::swscale_version) FfmpegOptional::swscale_version = nullptr;
 decltype(FfmpegOptional::swresample_version) FfmpegOptional::swresample_version = nullptr;
 decltype(FfmpegOptional::avfilter_version) FfmpegOptional::avfilter_version = nullptr;

@@ -6,6 +6,7 @@
 #include "mivra/common/runtime/Export.h"
 
 struct AVBufferRef;
+struct AVCodecContext;
 struct AVCodecParameters;
 struct AVCodecTag;
 struct AVDictionary;
@@ -17,6 +18,7 @@ struct AVOutputFormat;
 struct AVPacket;
 struct AVRational;
 struct AVStream;
+struct SwsContext;
 
 namespace Mivra::FFmpeg {
 
@@ -67,12 +69,18 @@ public:
     static int (*av_packet_make_refcounted)(AVPacket*);
     static std::uint8_t* (*av_packet_new_side_data)(AVPacket*, int, std::size_t);
     static void (*av_packet_rescale_ts)(AVPacket*, AVRational, AVRational);
+    static void (*avcodec_align_dimensions2)(AVCodecContext*, int*, int*, int*);
+    static int (*avcodec_default_get_buffer2)(AVCodecContext*, AVFrame*, int);
+    static int (*avcodec_default_get_format)(AVCodecContext*, const int*);
+    static void (*avcodec_flush_buffers)(AVCodecContext*);
     static const char* (*avcodec_get_name)(int);
     static AVCodecParameters* (*avcodec_parameters_alloc)();
     static int (*avcodec_parameters_copy)(AVCodecParameters*, const AVCodecParameters*);
     static void (*avcodec_parameters_free)(AVCodecParameters**);
 
     // swscale
+    static const int* (*sws_getCoefficients)(int);
+    static int (*sws_setColorspaceDetails)(SwsContext*, const int*, int, const int*, int, int, int, int);
     static unsigned (*swscale_version)();
 
     // swresample
