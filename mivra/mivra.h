@@ -15,6 +15,7 @@
 #include "mivra/common/runtime/ThreadHelper.h"
 #include "mivra/common/runtime/Version.h"
 #include "mivra/crypto/CryptoHelper.h"
+#include "mivra/network/NetworkStat.h"
 #include "mivra/network/Uri.h"
 
 #include "mivra/common/buffers/AllocatorProperties.h"
@@ -35,6 +36,14 @@
 #include "mivra/common/binary/EndianBitConverter.h"
 #include "mivra/common/binary/Endianness.h"
 #include "mivra/common/binary/LittleEndianBitConverter.h"
+
+#include "mivra/transport/NetClientContext.h"
+#include "mivra/transport/NetConnectionParameters.h"
+#include "mivra/transport/NetNotitications.h"
+#include "mivra/transport/NetTransport.h"
+#include "mivra/transport/SendQueue.h"
+#include "mivra/transport/select/SelectClientContext.h"
+#include "mivra/transport/select/SelectTransport.h"
 
 #include "mivra/common/model/Codec.h"
 #include "mivra/common/model/ContentType.h"

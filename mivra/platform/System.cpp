@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <link.h>
 #include <linux/futex.h>
+#include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -90,6 +91,22 @@ void wakeOnWord(const std::atomic<std::uint32_t>* word, int count) {
     ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
 }
 
+int createQuietSocket(int domain, int type, int protocol) {
+    return ::socket(domain, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
+}
+
+int acceptQuietSocket(int socket, sockaddr* address, socklen_t* size) {
+    return ::accept4(socket, address, size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+}
+
+ssize_t sendQuietMessage(int socket, const msghdr* message, int flags) {
+    return ::sendmsg(socket, message, flags | MSG_NOSIGNAL);
+}
+
+int sendQuietMessages(int socket, mmsghdr* messages, unsigned int count, int flags) {
+    return ::sendmmsg(socket, messages, count, flags | MSG_NOSIGNAL);
+}
+
 std::thread* startStdThread(std::function<void()> body) {
     return new std::thread(std::move(body));
 }
@@ -115,6 +132,24 @@ constinit SystemTable g_system = {
     .makeDirectory = ::mkdir,
     .listDirectory = listEntries,
     .lockRange = lockFileRange,
+    .createSocket = createQuietSocket,
+    .bindSocket = ::bind,
+    .connectSocket = ::connect,
+    .listenSocket = ::listen,
+    .acceptSocket = acceptQuietSocket,
+    .receive = ::recv,
+    .receiveFrom = ::recvfrom,
+    .sendMessage = sendQuietMessage,
+    .sendMessages = sendQuietMessages,
+    .setSocketOption = ::setsockopt,
+    .getSocketOption = ::getsockopt,
+    .socketName = ::getsockname,
+    .peerName = ::getpeername,
+    .pollSockets = ::poll,
+    .selectSockets = ::select,
+    .createWakeDescriptor = [] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); },
+    .resolveName = ::getaddrinfo,
+    .freeResolved = ::freeaddrinfo,
     .openLibrary = ::dlopen,
     .findSymbol = ::dlsym,
     .closeLibrary = ::dlclose,

@@ -5,6 +5,10 @@
 // kind fail or to let time run. Every entry keeps the contract (results, errno) of the call that it stands
 // for.
 
+#include <netdb.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -43,6 +47,31 @@ struct SystemTable {
     /// An open-file-description lock; waits until the range is free, but TryExclusive, which fails with
     /// EAGAIN then. 0 or -1 with errno.
     int (*lockRange)(int descriptor, RangeLock operation, off_t start, off_t length);
+
+    // Sockets, all of them non-blocking and close-on-exec, accepted ones too; nothing raises SIGPIPE.
+    int (*createSocket)(int domain, int type, int protocol);
+    int (*bindSocket)(int socket, const sockaddr* address, socklen_t size);
+    int (*connectSocket)(int socket, const sockaddr* address, socklen_t size);
+    int (*listenSocket)(int socket, int backlog);
+    int (*acceptSocket)(int socket, sockaddr* address, socklen_t* size);
+    ssize_t (*receive)(int socket, void* data, std::size_t size, int flags);
+    ssize_t (*receiveFrom)(int socket, void* data, std::size_t size, int flags, sockaddr* address,
+                           socklen_t* addressSize);
+    ssize_t (*sendMessage)(int socket, const msghdr* message, int flags);
+    /// The number of messages that went, or -1.
+    int (*sendMessages)(int socket, mmsghdr* messages, unsigned int count, int flags);
+    int (*setSocketOption)(int socket, int level, int name, const void* value, socklen_t size);
+    int (*getSocketOption)(int socket, int level, int name, void* value, socklen_t* size);
+    int (*socketName)(int socket, sockaddr* address, socklen_t* size);
+    int (*peerName)(int socket, sockaddr* address, socklen_t* size);
+    int (*pollSockets)(pollfd* sockets, nfds_t count, int milliseconds);
+    int (*selectSockets)(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
+    /// A descriptor that poll() finds readable after 8 bytes (an integer above 0) were written to it, until
+    /// they are read.
+    int (*createWakeDescriptor)();
+    /// getaddrinfo and freeaddrinfo.
+    int (*resolveName)(const char* name, const char* service, const addrinfo* hints, addrinfo** result);
+    void (*freeResolved)(addrinfo* result);
 
     // Dynamic libraries.
     void* (*openLibrary)(const char* path, int flags);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <netdb.h>
 
 #include <atomic>
 #include <cerrno>
@@ -23,14 +24,34 @@ struct Fault {
     int error;
 };
 constexpr Fault kFaults[kFaultKinds] = {
-    {"Open", EACCES},        {"Read", EIO},
-    {"Write", ENOSPC},       {"Seek", EINVAL},
-    {"Truncate", EIO},       {"Sync", EIO},
-    {"Stat", EIO},           {"Rename", EACCES},
-    {"Unlink", EACCES},      {"MakeDirectory", EACCES},
-    {"Lock", ENOLCK},        {"Allocate", ENOMEM},
-    {"StartThread", EAGAIN}, {"OpenLibrary", ENOENT},
+    {"Open", EACCES},
+    {"Read", EIO},
+    {"Write", ENOSPC},
+    {"Seek", EINVAL},
+    {"Truncate", EIO},
+    {"Sync", EIO},
+    {"Stat", EIO},
+    {"Rename", EACCES},
+    {"Unlink", EACCES},
+    {"MakeDirectory", EACCES},
+    {"Lock", ENOLCK},
+    {"Allocate", ENOMEM},
+    {"StartThread", EAGAIN},
+    {"OpenLibrary", ENOENT},
     {"FindSymbol", ENOENT},
+    {"Socket", EMFILE},
+    {"Bind", EADDRINUSE},
+    {"Connect", ECONNREFUSED},
+    {"Listen", EADDRINUSE},
+    {"Accept", EMFILE},
+    {"Receive", ECONNRESET},
+    {"Send", EPIPE},
+    {"SocketOption", EPERM},
+    {"SocketName", ENOTCONN},
+    {"Poll", ENOMEM},
+    {"Select", EBADF},
+    {"WakeDescriptor", EMFILE},
+    {"Resolve", EAI_AGAIN},
 };
 
 // Per kind: the calls that fail are first..last; 0 means no plan.
@@ -134,6 +155,23 @@ const bool s_installed = [] {
     Stand<StartThread, &T::startThread>::install();
     Stand<OpenLibrary, &T::openLibrary>::install();
     Stand<FindSymbol, &T::findSymbol>::install();
+    Stand<Socket, &T::createSocket>::install();
+    Stand<Bind, &T::bindSocket>::install();
+    Stand<Connect, &T::connectSocket>::install();
+    Stand<Listen, &T::listenSocket>::install();
+    Stand<Accept, &T::acceptSocket>::install();
+    Stand<Receive, &T::receive>::install();
+    Stand<Receive, &T::receiveFrom>::install();
+    Stand<Send, &T::sendMessage>::install();
+    Stand<Send, &T::sendMessages>::install();
+    Stand<SocketOption, &T::setSocketOption>::install();
+    Stand<SocketOption, &T::getSocketOption>::install();
+    Stand<SocketName, &T::socketName>::install();
+    Stand<SocketName, &T::peerName>::install();
+    Stand<Poll, &T::pollSockets>::install();
+    Stand<Select, &T::selectSockets>::install();
+    Stand<WakeDescriptor, &T::createWakeDescriptor>::install();
+    Stand<Resolve, &T::resolveName>::install();
     return true;
 }();
 

@@ -25,8 +25,21 @@ enum class FaultKind {
     StartThread,
     OpenLibrary,
     FindSymbol,
+    Socket,  // createSocket
+    Bind,
+    Connect,
+    Listen,
+    Accept,
+    Receive,       // receive and receiveFrom
+    Send,          // sendMessage and sendMessages
+    SocketOption,  // both ways
+    SocketName,    // own and peer's
+    Poll,
+    Select,
+    WakeDescriptor,
+    Resolve,
 };
-constexpr int kFaultKinds = static_cast<int>(FaultKind::FindSymbol) + 1;
+constexpr int kFaultKinds = static_cast<int>(FaultKind::Resolve) + 1;
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
