@@ -144,7 +144,8 @@ void SampleCache::dropGroup(Track& track) {
     }
 }
 
-// Where video leads, the others begin not before it.
+// Where video leads, the others begin not before it; and what then comes first may be older than what stood
+// in front of it, where streams of a source take turns.
 void SampleCache::alignOthers() {
     if (!hasVideo) {
         return;
@@ -152,7 +153,7 @@ void SampleCache::alignOthers() {
     const Held* const key = firstKey();
     for (Track& track : tracks) {
         while (track.videoStream < 0 && !track.samples.empty() && !isLive(track.samples.front()) &&
-               (key == nullptr || track.samples.front().number < key->number)) {
+               (key == nullptr || track.samples.front().number < key->number || isTooOld(track))) {
             dropFirst(track);
         }
     }
@@ -186,13 +187,17 @@ SampleCache::Held SampleCache::arrive(Track& track, PacketBuffer& sample, std::i
 // Every sample is dropped once, so that this costs a constant per sample, however many are held.
 void SampleCache::trim(Track& track) {
     bool moved = false;
-    while (!track.samples.empty() && Elapsed(track.samples.front().time, track.clock.Newest()) > duration) {
+    while (!track.samples.empty() && isTooOld(track)) {
         dropGroup(track);
         moved = true;
     }
     if (moved && track.videoStream >= 0) {
         alignOthers();
     }
+}
+
+bool SampleCache::isTooOld(const Track& track) const {
+    return Elapsed(track.samples.front().time, track.clock.Newest()) > duration;
 }
 
 void SampleCache::dropFirst(Track& track) {

@@ -113,6 +113,8 @@ private:
     Held arrive(Track& track, Common::PacketBuffer& sample, std::int64_t now);
     void trim(Track& track);
     bool mayKeep(const Track& track, const Held& held) const;
+    /// The first sample, which there is, by its source's own clock.
+    bool isTooOld(const Track& track) const;
     void dropFirst(Track& track);
     const Held* firstKey() const;
 

@@ -94,28 +94,18 @@ public:
 
     /// What a cache holds of the first `count` samples that were sent, by their numbers.
     std::vector<std::size_t> Expected(std::size_t count) const {
-        constexpr std::size_t kNothing = SIZE_MAX;
         std::vector<std::size_t> begins(sources.size(), kNothing);
-        bool hasVideo = false;
-        std::size_t firstKey = kNothing;
-        for (std::size_t source = 0; source < sources.size(); ++source) {
-            std::int64_t newest = INT64_MIN;
-            for (std::size_t i = 0; i < count; ++i)
-                if (sent[i].source == source) newest = std::max(newest, sent[i].time);
-            for (std::size_t i = 0; i < count && begins[source] == kNothing; ++i)
-                if (sent[i].source == source && sent[i].entry && newest - sent[i].time <= duration)
-                    begins[source] = i;
-            if (sources[source].videoStream >= 0) {
-                hasVideo = true;
-                firstKey = std::min(firstKey, begins[source]);
-            }
+        std::size_t leader = kNothing;
+        for (const bool video : {true, false}) {  // the others begin not before it
+            const std::size_t from = video || !hasVideo() ? 0 : leader;
+            for (std::size_t source = 0; source < sources.size(); ++source)
+                if ((sources[source].videoStream >= 0) == video)
+                    begins[source] = beginOf(source, from, count);
+            if (video) leader = *std::min_element(begins.begin(), begins.end());
         }
         std::vector<std::size_t> expected;
         for (std::size_t i = 0; i < count; ++i) {
-            const std::size_t begin = begins[sent[i].source];
-            const bool follows = hasVideo && sources[sent[i].source].videoStream < 0;
-            if (begin != kNothing && i >= begin && (!follows || (firstKey != kNothing && i >= firstKey)))
-                expected.push_back(i);
+            if (i >= begins[sent[i].source]) expected.push_back(i);
         }
         return expected;
     }
@@ -128,6 +118,22 @@ public:
     std::vector<Sent> sent;
 
 private:
+    static constexpr std::size_t kNothing = SIZE_MAX;
+
+    bool hasVideo() const {
+        return std::any_of(sources.begin(), sources.end(),
+                           [](const auto& source) { return source.videoStream >= 0; });
+    }
+
+    std::size_t beginOf(std::size_t source, std::size_t from, std::size_t count) const {
+        std::int64_t newest = INT64_MIN;
+        for (std::size_t i = 0; i < count; ++i)
+            if (sent[i].source == source) newest = std::max(newest, sent[i].time);
+        for (std::size_t i = from; i < count; ++i)
+            if (sent[i].source == source && sent[i].entry && newest - sent[i].time <= duration) return i;
+        return kNothing;
+    }
+
     struct Stream {
         std::size_t source;
         int index;

@@ -86,7 +86,7 @@ protected:
 class SampleCacheTest : public CacheTest, public testing::WithParamInterface<Kind> {};
 
 TEST_P(SampleCacheTest, GivesTheLongestPartAndThenWhatIsLive) {
-    const int triggers = Cycles(60, 1000);
+    const int triggers = Cycles(250, 1000);
     for (int seed = 0; seed < triggers; ++seed) {
         CacheStreams streams(static_cast<unsigned>(seed));
         const auto cache = MakeCache(GetParam(), streams.duration, streams.sources);
