@@ -17,7 +17,7 @@ public:
     CacheBlock(const CacheBlock&) = delete;
     CacheBlock& operator=(const CacheBlock&) = delete;
 
-    static constexpr std::uint32_t kSize = 256 << 10;
+    static constexpr std::uint32_t kSize = 1024 << 10;
     /// std::bad_alloc when there is no memory.
     char* Get();
 
