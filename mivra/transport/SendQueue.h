@@ -33,10 +33,10 @@ public:
     /// Where the unsent bytes of the first packets lie: the number of pieces, at most `most`. They stay valid
     /// until PopSent or Close.
     int Gather(iovec* pieces, int most) MIVRA_EXCLUDES(lock);
-    /// So many bytes of the packets from the front on have been written.
-    void Advance(std::size_t bytes) MIVRA_EXCLUDES(lock);
-    /// The first packets have gone whole, whatever their sizes.
-    void AdvancePackets(int count) MIVRA_EXCLUDES(lock);
+    /// So many bytes of what Gather showed have been written, or so many packets whole. Whether PopSent has
+    /// something now.
+    bool Advance(std::size_t bytes) MIVRA_EXCLUDES(lock);
+    bool AdvancePackets(int packets) MIVRA_EXCLUDES(lock);
     /// Takes the first packet out when it has been written whole, with its reference; else null.
     Common::PacketBuffer* PopSent() MIVRA_EXCLUDES(lock);
     /// Gives all references back; from now on everything is refused.
@@ -59,6 +59,7 @@ private:
     };
 
     bool hasRoom() MIVRA_REQUIRES(lock);
+    std::size_t firstUnsent() const MIVRA_REQUIRES(lock);
     Entry& at(std::size_t index) MIVRA_REQUIRES(lock) { return ring[(first + index) & (ring.size() - 1)]; }
     const Entry& at(std::size_t index) const MIVRA_REQUIRES(lock) {
         return ring[(first + index) & (ring.size() - 1)];

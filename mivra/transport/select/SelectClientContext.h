@@ -24,7 +24,6 @@ public:
     bool Contains(int socket) const;
     /// One that is there, or that has no room, changes nothing.
     void Add(int socket);
-    void Clear() { count = 0; }
 
 private:
     int count = 0;
@@ -35,7 +34,7 @@ private:
 class MIVRA_API SelectClientContext : public NetClientContext {
 public:
     /// What a look at the socket says.
-    enum Readiness : unsigned { Failed = 1, Excepted = 2, Readable = 4, Writable = 8 };
+    enum Readiness : unsigned { Failed = 1, Excepted = 2, Readable = 4, Writable = 8, Unknown = 16 };
 
     SelectClientContext();
     ~SelectClientContext() override;
@@ -51,9 +50,23 @@ private:
     /// represent. Readiness bits; Failed with errno.
     unsigned look(int descriptor);
     unsigned lookBeyondSets(int descriptor) const;
-    /// No handler of this context runs on another thread, and none will begin, until giveTurn.
-    bool tryTurn() MIVRA_TRY_ACQUIRE(true, turn) { return turn.TryLock(); }
-    void giveTurn() MIVRA_RELEASE(turn);
+    /// True: no handler of this context runs on another thread, and none will begin, until giveTurn.
+    bool tryTurn() MIVRA_NO_THREAD_SAFETY_ANALYSIS { return turn.TryLock(); }
+    void giveTurn() MIVRA_NO_THREAD_SAFETY_ANALYSIS;
+    /// Gives the turn back at the end of a scope.
+    class TurnGuard {
+    public:
+        explicit TurnGuard(SelectClientContext& holder) : context(holder) {}
+        ~TurnGuard() { context.giveTurn(); }
+        TurnGuard(const TurnGuard&) = delete;
+        TurnGuard& operator=(const TurnGuard&) = delete;
+
+    private:
+        SelectClientContext& context;
+    };
+    /// From now on nobody is notified; false when nobody was. Their references end with the context, since
+    /// one of their handlers may be on the stack. With the turn and the lock held.
+    bool retireNotifications() MIVRA_REQUIRES(lock);
 
     int workerIndex = -1;
     SelectSet readSet;
@@ -65,11 +78,14 @@ private:
     Common::CritSec turn;
     std::atomic<bool> disconnecting{false};  // somebody is at it
     std::atomic<bool> sendPosted{false};     // its worker knows that there is something to send
-    bool joined = false;                     // a multicast group
+    std::array<NetNotitications*, 2> retiredNotifications{};
+    bool joined = false;  // a multicast group
     ip_mreq membership{};
     // The worker's own.
     bool sendBlocked = false;  // until the socket is writable
-    bool muted = false;        // not read in the coming pass
+    bool starved = false;      // no buffer was to be had
+    bool muted = false;        // left out of the coming poll
+    int pollIndex = -1;        // in its table
 };
 
 }  // namespace Mivra::Transport

@@ -53,30 +53,40 @@ public:
 protected:
     using ContextPointer = std::shared_ptr<SelectClientContext>;
 
-    /// Makes a client of a socket, which is closed on failure. The membership is the group it has joined.
+    /// Makes a client of a socket, which is closed on failure. The membership is that of the group which the
+    /// socket has joined, or null.
     bool createContext(int socket, const NetConnectionParameters& parameters, const ip_mreq* membership);
-    /// Ends a client. The calling thread has its turn, unless it holds nothing else and may wait for it.
-    void disconnectClient(const ContextPointer& context, bool waitForTurn, bool notify);
+    /// Ends a client. Waits until no other thread serves it, unless told not to or in a handler: then its
+    /// worker does it.
+    void disconnectClient(const ContextPointer& context, bool wait, bool notify);
 
 private:
     friend class SelectWorker;
 
     enum class Turn { Taken, Busy, Gone };
 
-    bool startWorkers();
-    void stopWorkers();
-    bool makeAllocator();
-    void dropContexts();
     bool isOwnWorker() const;
+    bool makeAllocator();
+    bool startWorkers() MIVRA_EXCLUDES(engineLock);
+    void stopWorkers() MIVRA_EXCLUDES(engineLock);
+    void awaitRelease() MIVRA_EXCLUDES(engineLock);
+    void dropContexts() MIVRA_EXCLUDES(engineLock);
+
     ContextPointer find(unsigned int clientId) MIVRA_EXCLUDES(engineLock);
     std::vector<ContextPointer> snapshot() MIVRA_EXCLUDES(engineLock);
-    bool mayCreate(int socket) MIVRA_REQUIRES(engineLock);
-    bool assign(const ContextPointer& context, const char* complaint) MIVRA_REQUIRES(engineLock);
-    ContextPointer registerClient(int socket, const NetConnectionParameters& parameters,
-                                  const ip_mreq* membership, bool& assigned) MIVRA_EXCLUDES(engineLock);
+
     bool connectTcp(const NetConnectionParameters& parameters);
     bool connectUdp(const NetConnectionParameters& parameters);
-    Turn takeTurn(SelectClientContext& context, bool wait);
+    static int openListener(const char* address, int port);
+    static ContextPointer makeListener(const char* address, int port, NetNotitications* notifications,
+                                       const NetConnectionParameters* parameters);
+    static void setBufferSizes(int socket, const NetConnectionParameters& parameters, const char* operation);
+    /// Takes the next id.
+    void enter(const ContextPointer& context) MIVRA_REQUIRES(engineLock);
+    /// Gives it to the worker with the fewest; false when there is none.
+    bool assign(const ContextPointer& context) MIVRA_REQUIRES(engineLock);
+
+    static Turn takeTurn(SelectClientContext& context, bool wait);
     void tearDown(const ContextPointer& context, bool notify);
     void forget(const ContextPointer& context) MIVRA_EXCLUDES(engineLock);
 

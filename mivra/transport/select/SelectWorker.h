@@ -1,0 +1,132 @@
+#pragma once
+
+#include <poll.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "mivra/common/runtime/CritSec.h"
+#include "mivra/transport/SocketGuard.h"
+#include "mivra/transport/select/SelectClientContext.h"
+
+namespace Mivra::Common {
+class PacketBuffer;
+class WakeEvent;
+}  // namespace Mivra::Common
+
+namespace Mivra::Transport {
+
+class SelectTransport;
+
+/// A thread of the select engine and the contexts that it serves: one poll() a pass over all their sockets
+/// and a descriptor that wakes it. Owned by the engine and, until they are gone, by its contexts.
+class SelectWorker {
+public:
+    using ContextPointer = std::shared_ptr<SelectClientContext>;
+
+    enum class Kind { Take = 1, Disconnect, DisconnectQuietly };
+
+    SelectWorker(SelectTransport& engine, int index);
+    ~SelectWorker();
+    SelectWorker(const SelectWorker&) = delete;
+    SelectWorker& operator=(const SelectWorker&) = delete;
+
+    /// False with errno, or std::system_error, when there is no descriptor or thread to be had.
+    bool Start();
+    /// Waits for the thread, which ends when its engine is no longer started; then lets its contexts go.
+    void Join();
+
+    /// The worker that the calling thread is, or null.
+    static SelectWorker* Current() noexcept;
+    const SelectTransport* Engine() const noexcept { return &engine; }
+    int Index() const noexcept { return index; }
+    /// Contexts that it has or is about to take.
+    int ClientCount() const noexcept { return clientCount; }
+
+    /// Any thread: a command, a context that has something to send. Post throws std::bad_alloc.
+    void Post(Kind kind, std::uint32_t clientId) MIVRA_EXCLUDES(lock);
+    void PostSend(ContextPointer context) noexcept MIVRA_EXCLUDES(lock);
+    void Wake() noexcept;
+    /// A context is about to be its own.
+    void Expect() noexcept { ++clientCount; }
+    /// Any thread: gives a context up. On return its socket is in no poll() any more.
+    void Forget(const SelectClientContext& context) noexcept MIVRA_EXCLUDES(lock);
+
+private:
+    struct Command {
+        Kind kind;
+        std::uint32_t clientId;
+    };
+
+    void run() noexcept;
+    void pass();
+    void takeCommands() MIVRA_EXCLUDES(lock);
+    void obey(const Command& command);
+    void adopt(const ContextPointer& context) MIVRA_EXCLUDES(lock);
+    void disconnect(const ContextPointer& context, Kind kind);
+    void refreshTable() MIVRA_EXCLUDES(lock);
+    void flushPosted();
+    int wait();
+    int pollTable(int milliseconds);
+    void unmute();
+    void serveReady(int ready);
+    void lookAtAll();
+
+    // One context, whose turn it has (SelectService.cpp).
+    enum class Progress { Some, Blocked, Later, Failed };
+
+    void serve(const ContextPointer& context, unsigned readiness);
+    void serveInTurn(const ContextPointer& context, unsigned readiness);
+    void acceptFrom(SelectClientContext& listener);
+    void accepted(SelectClientContext& listener, int descriptor, sockaddr_in peer);
+    void acceptFailed(SelectClientContext& listener, int error);
+    void receiveFrom(const ContextPointer& context);
+    bool receiveOnce(const ContextPointer& context);
+    bool receiveFailed(const ContextPointer& context, int error);
+    void flush(const ContextPointer& context);
+    void send(const ContextPointer& context);
+    bool sendOnce(const ContextPointer& context);
+    static Progress sendStream(SelectClientContext& context, iovec* pieces, int count);
+    static Progress sendDatagrams(SelectClientContext& context, iovec* pieces, int count);
+    void sendAgain(const ContextPointer& context);
+    void block(SelectClientContext& context, bool blocked) noexcept;
+    void mute(SelectClientContext& context) noexcept;
+    pollfd* entryOf(const SelectClientContext& context) noexcept;
+
+    SelectTransport& engine;
+    const int index;
+    std::unique_ptr<std::thread> thread;
+    SocketGuard wakeDescriptor;
+    // Given up for a moment when a connection comes and there are no descriptors left, to refuse it.
+    SocketGuard spare;
+
+    Common::CritSec lock;
+    std::map<std::uint32_t, ContextPointer> clients MIVRA_GUARDED_BY(lock);
+    std::vector<Command> commands MIVRA_GUARDED_BY(lock);
+    std::vector<ContextPointer> posted MIVRA_GUARDED_BY(lock);
+    std::atomic<int> clientCount{0};
+    std::atomic<std::uint32_t> version{1};       // of clients
+    std::atomic<std::uint32_t> pollSequence{0};  // odd: in poll()
+    std::atomic<bool> hasWork{false};            // in commands or posted, or lookForSends
+    std::atomic<bool> lookForSends{false};       // a context could not be noted in posted
+    std::atomic<int> forgetters{0};              // threads that wait for the end of a poll()
+    std::atomic<bool> woken{false};              // the wake descriptor has been written to
+
+    // The thread's own.
+    std::vector<Command> orders;
+    std::size_t nextOrder = 0;
+    std::vector<ContextPointer> toSend;
+    std::vector<ContextPointer> sending;
+    std::vector<ContextPointer> later;  // to be tried again after the next poll()
+    std::vector<ContextPointer> table;
+    std::vector<pollfd> polled;  // the wake descriptor, then as in table
+    std::uint32_t tableVersion = 0;
+    bool anyMuted = false;
+    bool busy = false;  // something came or went in this pass
+};
+
+}  // namespace Mivra::Transport
