@@ -21,6 +21,9 @@ constexpr unsigned char AboveSpsCount = 0xE0;
 constexpr unsigned char AboveChromaFormat = 0xFC;
 constexpr unsigned char AboveBitDepth = 0xF8;
 
+constexpr unsigned char SpsCountBits = 0x1F;
+constexpr unsigned char CountBits = 0xFF;
+
 constexpr std::size_t HeaderSize = 5;  // version, profile, compatibility, level, length size
 constexpr std::size_t LengthSize = 2;  // of a unit in the record
 constexpr std::size_t FormatSize = 3;
@@ -33,32 +36,56 @@ bool endsWithPictureSets(int profile) {
     return profile == 66 || profile == 77 || profile == 88;
 }
 
-/// Takes units off behind their lengths. False when one is cut off.
-bool takeUnits(Bytes& rest, std::size_t count, Units& units) {
-    for (; count > 0; --count) {
-        if (rest.size() < LengthSize) {
+/// Takes a unit off behind its length. Nothing when it is cut off.
+std::optional<NalUnit> takeUnit(Bytes& rest) {
+    if (rest.size() < LengthSize) {
+        return std::nullopt;
+    }
+    const std::size_t size = static_cast<std::size_t>(rest[0]) << 8 | rest[1];
+    if (size > rest.size() - LengthSize) {
+        return std::nullopt;
+    }
+    const NalUnit unit = rest.subspan(LengthSize, size);
+    rest = rest.subspan(LengthSize + size);
+    return unit;
+}
+
+/// Takes a count and as many units off, and gives each to body. False when the data end too early; then
+/// nothing is left.
+template <typename Body>
+bool forEachCountedUnit(Bytes& rest, unsigned char countBits, Body body) {
+    if (rest.empty()) {
+        return false;
+    }
+    std::size_t count = rest[0] & countBits;
+    for (rest = rest.subspan(1); count > 0; --count) {
+        const auto unit = takeUnit(rest);
+        if (!unit) {
+            rest = {};
             return false;
         }
-        const std::size_t size = static_cast<std::size_t>(rest[0]) << 8 | rest[1];
-        if (size > rest.size() - LengthSize) {
-            return false;
-        }
-        if (size > 0) {
-            units.push_back(rest.subspan(LengthSize, size));
-        }
-        rest = rest.subspan(LengthSize + size);
+        body(*unit);
     }
     return true;
 }
 
-/// Takes a count and as many units off.
 bool takeCountedUnits(Bytes& rest, unsigned char countBits, Units& units) {
-    if (rest.empty()) {
-        return false;
-    }
-    const std::size_t count = rest[0] & countBits;
-    rest = rest.subspan(1);
-    return takeUnits(rest, count, units);
+    return forEachCountedUnit(rest, countBits, [&units](NalUnit unit) {
+        if (!unit.empty()) {
+            units.push_back(unit);
+        }
+    });
+}
+
+/// The first of the units, if it is of the type.
+NalUnit takeFirstUnit(Bytes& rest, unsigned char countBits, NalUnitTypes type) {
+    NalUnit first;
+    forEachCountedUnit(rest, countBits, [&first, type, number = 0](NalUnit unit) mutable {
+        if (number++ == 0 && !unit.empty() && nalUnitType(unit) == type) {
+            first = unit;
+        }
+    });
+    return first;
 }
 
 std::optional<AvcConfigurationRecord::SampleFormat> takeSampleFormat(Bytes& rest) {
@@ -159,17 +186,23 @@ std::optional<AvcConfigurationRecord> AvcConfigurationRecord::Read(Bytes data) {
     record.level = data[3];
     record.lengthSize = (data[4] & ~AboveLengthSize & 0xFF) + 1;
     Bytes rest = data.subspan(HeaderSize);
-    if (!takeCountedUnits(rest, MostSps, record.sets.sps) ||
-        !takeCountedUnits(rest, MostOthers, record.sets.pps)) {
+    if (!takeCountedUnits(rest, SpsCountBits, record.sets.sps) ||
+        !takeCountedUnits(rest, CountBits, record.sets.pps)) {
         return std::nullopt;
     }
     if (!endsWithPictureSets(record.profile)) {
         record.format = takeSampleFormat(rest);
-        if (record.format && !takeCountedUnits(rest, MostOthers, record.sets.spsExtensions)) {
+        if (record.format && !takeCountedUnits(rest, CountBits, record.sets.spsExtensions)) {
             return std::nullopt;
         }
     }
     return record;
+}
+
+FirstParameterSets AvcConfigurationRecord::ReadFirstSets(Bytes data) {
+    Bytes rest = data.subspan(std::min(HeaderSize, data.size()));
+    const NalUnit sps = takeFirstUnit(rest, SpsCountBits, NalUnitTypes::SequenceParameterSet);
+    return {sps, takeFirstUnit(rest, CountBits, NalUnitTypes::PictureParameterSet)};
 }
 
 std::optional<AvcConfigurationRecord> AvcConfigurationRecord::Make(ParameterSetUnits sets) {

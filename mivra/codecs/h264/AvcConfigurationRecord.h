@@ -18,6 +18,12 @@ struct ParameterSetUnits {
     std::vector<NalUnit> pps;
 };
 
+/// The first sequence and the first picture parameter set; empty for none.
+struct FirstParameterSets {
+    NalUnit sps;
+    NalUnit pps;
+};
+
 /// The parameter sets of a byte stream, by their types.
 ParameterSetUnits findParameterSets(std::span<const unsigned char> stream);
 
@@ -47,6 +53,9 @@ struct AvcConfigurationRecord {
     /// Nothing when the record is cut off or of another version. Empty units are passed over. Older writers
     /// leave the sample format out, or end with other bytes: what cannot be one is not read.
     static std::optional<AvcConfigurationRecord> Read(std::span<const unsigned char> data);
+    /// The first set of each kind, of a record that may be cut off: what is behind the cut is none, and so is
+    /// a first unit of another type. Takes no memory.
+    static FirstParameterSets ReadFirstSets(std::span<const unsigned char> data);
     /// The record of a stream that has these sets. Nothing when there is no sequence parameter set, the first
     /// is not whole as far as the record tells of it, or a record does not hold as many or as long ones.
     static std::optional<AvcConfigurationRecord> Make(ParameterSetUnits sets);

@@ -9,6 +9,7 @@
 
 #include "mivra/codecs/h264/AnnexB.h"
 #include "mivra/codecs/h264/AspectRatios.h"
+#include "mivra/codecs/h264/AvcConfigurationRecord.h"
 #include "mivra/codecs/h264/BitCursor.h"
 #include "mivra/codecs/h264/ParameterSetCoding.h"
 #include "mivra/codecs/h264/Rbsp.h"
@@ -24,7 +25,6 @@ namespace {
 using Bytes = std::span<const unsigned char>;
 
 constexpr unsigned char AnnexBMark = 0;
-constexpr unsigned char RecordVersion = 1;
 constexpr unsigned char NalRefIdcMask = 0x60;
 constexpr unsigned char HeaderMask = 0x7F;  // all but forbidden_zero_bit
 constexpr int Parsed = 1;
@@ -36,51 +36,9 @@ constexpr std::int64_t MacroblockSize = 16;
 constexpr int Chroma420 = 1;
 constexpr int Chroma422 = 2;
 
-/// The units of the first sequence and the first picture parameter set; empty for none.
-struct FirstSets {
-    Bytes sps;
-    Bytes pps;
-};
-
-FirstSets setsOfStream(Bytes stream) {
+FirstParameterSets firstSetsOfStream(Bytes stream) {
     return {findNalUnit(stream, NalUnitTypes::SequenceParameterSet),
             findNalUnit(stream, NalUnitTypes::PictureParameterSet)};
-}
-
-/// Takes count bytes off the front; empty, and nothing is left, when there are not as many.
-Bytes take(Bytes& data, std::size_t count) {
-    const std::size_t taken = data.size() < count ? 0 : count;
-    const Bytes front = data.first(taken);
-    data = data.subspan(taken == 0 ? data.size() : taken);
-    return front;
-}
-
-/// The first of count units behind 16-bit lengths, if it is of the type; the others are passed over.
-Bytes takeFirstUnit(Bytes& data, int count, NalUnitTypes type) {
-    Bytes first;
-    for (int i = 0; i < count; ++i) {
-        const Bytes length = take(data, 2);
-        const std::size_t size = length.empty() ? 0 : static_cast<std::size_t>(length[0]) << 8 | length[1];
-        const Bytes unit = size == 0 ? Bytes() : take(data, size);
-        if (i == 0 && !unit.empty() && nalUnitType(unit) == type) {
-            first = unit;
-        }
-    }
-    return first;
-}
-
-/// Of an AVCDecoderConfigurationRecord (ISO/IEC 14496-15 5.3.3.1.2).
-FirstSets setsOfRecord(Bytes record) {
-    constexpr std::size_t BytesBeforeSets = 5;
-    FirstSets sets;
-    take(record, BytesBeforeSets);
-    const Bytes spsCount = take(record, 1);
-    const int sequenceSets = spsCount.empty() ? 0 : spsCount[0] & 0x1F;
-    sets.sps = takeFirstUnit(record, sequenceSets, NalUnitTypes::SequenceParameterSet);
-    const Bytes ppsCount = take(record, 1);
-    const int pictureSets = ppsCount.empty() ? 0 : ppsCount[0];
-    sets.pps = takeFirstUnit(record, pictureSets, NalUnitTypes::PictureParameterSet);
-    return sets;
 }
 
 /// Whether a picture parameter set names the sequence parameter set.
@@ -176,10 +134,11 @@ int H264ConfigurationParser::Parse(unsigned char* data, int size, int flags) {
         return Failed;
     }
     const Bytes bytes(data, static_cast<std::size_t>(size));
-    if (bytes[0] != AnnexBMark && bytes[0] != RecordVersion) {
+    if (bytes[0] != AnnexBMark && bytes[0] != AvcConfigurationRecord::Version) {
         return parseUnits(flags > 0);
     }
-    const FirstSets sets = bytes[0] == AnnexBMark ? setsOfStream(bytes) : setsOfRecord(bytes);
+    const FirstParameterSets sets =
+        bytes[0] == AnnexBMark ? firstSetsOfStream(bytes) : AvcConfigurationRecord::ReadFirstSets(bytes);
     parseSet(Rbsp(sets.sps).Unit());
     parseSet(Rbsp(sets.pps).Unit());
     return Parsed;
