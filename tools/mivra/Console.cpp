@@ -90,6 +90,11 @@ void Console::Line(std::string_view line) {
     redrawLive();
 }
 
+void Console::Part(std::string_view part) {
+    AutoLock hold(lock);
+    write(text, part);
+}
+
 void Console::SetLive(std::string_view line) {
     if (!terminal) {
         return;

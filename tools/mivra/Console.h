@@ -38,6 +38,8 @@ public:
     void Warning(std::string_view text);
     /// One line, without its line ending, to the text descriptor.
     void Line(std::string_view text);
+    /// A part of a line, which Line() ends; not beside a live line.
+    void Part(std::string_view text);
 
     /// Shows text in place of the live line; only on a terminal.
     void SetLive(std::string_view text);

@@ -49,9 +49,6 @@ public:
         input.Open();
         readFirstPackets();
         report();
-        if (options.nal && !options.json) {
-            printUnits();
-        }
         if (!input.Damage().empty()) {
             console.Error({"the input is damaged: " + input.Damage(), path, "what could be read was told"});
             return ExitCode::Damaged;
@@ -109,17 +106,35 @@ private:
                 reportStream(i, type, first[static_cast<std::size_t>(i)].get(), options.sdp));
             known = known || isKnown(type);
         }
-        if (!options.json) {
-            for (const std::string& line : reportText(file)) {
-                console.Line(line);
-            }
+        if (options.json) {
+            writeObject(file);
             return;
         }
-        if (options.nal) {
-            readUnits();
-            file["packets"] = std::move(packets);
+        for (const std::string& line : reportText(file)) {
+            console.Line(line);
         }
-        console.Line(file.dump(-1, ' ', false, Json::error_handler_t::replace));
+        tellPackets([this](const Json& packet) { printUnits(packet); });
+    }
+
+    /// The packets go out as they are read, however many there are.
+    void writeObject(const Json& file) {
+        std::string text = toText(file);
+        if (options.nal) {
+            text.back() = ',';
+            console.Part(text + "\"packets\":[");
+            const char* separator = "";
+            tellPackets([&](const Json& packet) {
+                console.Part(separator);
+                console.Part(toText(packet));
+                separator = ",";
+            });
+            text = "]}";
+        }
+        console.Line(text);
+    }
+
+    static std::string toText(const Json& json) {
+        return json.dump(-1, ' ', false, Json::error_handler_t::replace);
     }
 
     /// Puts what is in the packet read last to the others, when it was asked for.
@@ -146,28 +161,29 @@ private:
 
     bool readOn() { return !Interrupt::IsRequested() && input.Read() == Demuxer::Result::Packet; }
 
-    void readUnits() {
-        while (readOn()) {
-            noteUnits();
+    /// Gives tell() the packets that were read for the report, then all others.
+    template <typename Tell>
+    void tellPackets(Tell tell) {
+        bool more = options.nal;
+        while (more) {
+            for (const Json& packet : packets) {
+                tell(packet);
+            }
+            packets.clear();
+            more = readOn();
+            if (more) {
+                noteUnits();
+            }
         }
     }
 
-    void printUnits() {
-        do {
-            for (const Json& packet : packets) {
-                const std::string head = "  " + packet["stream"].dump() + "  " +
-                                         (packet["dts"].is_null() ? "?" : packet["dts"].dump()) +
-                                         (packet["key"] == true ? " key  " : "  ");
-                for (const Json& unit : packet["units"]) {
-                    console.Line(head + unit.get<std::string>());
-                }
-            }
-            packets.clear();
-            if (!readOn()) {
-                return;
-            }
-            noteUnits();
-        } while (true);
+    void printUnits(const Json& packet) {
+        const std::string head = "  " + packet["stream"].dump() + "  " +
+                                 (packet["dts"].is_null() ? "?" : packet["dts"].dump()) +
+                                 (packet["key"] == true ? " key  " : "  ");
+        for (const Json& unit : packet["units"]) {
+            console.Line(head + unit.get<std::string>());
+        }
     }
 
     const ProbeOptions& options;
