@@ -69,15 +69,15 @@ public:
                 return {};
             }
         }
-        if (!packet->KeyFrame()) {
-            return units;
-        }
         Packet whole =
             makeBuffer(std::int64_t{units->ActualSize()} * 2 + static_cast<int>(sets.size()) + kSlack);
         const auto* const data = reinterpret_cast<const unsigned char*>(sets.data());
         const bool done = H264ConfigurationParser::RefineAnnexBBitstream(units.get(), whole.get(), data,
                                                                          static_cast<int>(sets.size()));
-        return done ? whole : Packet();
+        if (done) {
+            return whole;
+        }
+        return packet->KeyFrame() ? Packet() : units;  // nobody begins there: what can be read of it stays
     }
 
 private:
