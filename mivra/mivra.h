@@ -63,6 +63,9 @@
 #include "mivra/codecs/h264/SeiPayloadTypes.h"
 #include "mivra/common/MivraCommon.h"
 
+#include "mivra/media/EncoderFactory.h"
+#include "mivra/media/EncoderParameters.h"
+#include "mivra/media/IEncoder.h"
 #include "mivra/media/IInteractiveMediaSource.h"
 #include "mivra/media/IMediaSink.h"
 #include "mivra/media/IMediaSource.h"
@@ -71,6 +74,9 @@
 #include "mivra/media/MediaSession.h"
 #include "mivra/media/MediaState.h"
 
+#include "mivra/ffmpeg/FfmpegEncoder.h"
 #include "mivra/ffmpeg/FfmpegInventory.h"
+#include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
+#include "mivra/mediafoundation/MFEncoder.h"

@@ -153,7 +153,7 @@ class RelayTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(ffmpeg.IsLoaded());
-        routeFfmpegLog();
+        FFmpeg::RouteFfmpegLog();
     }
     void TearDown() override { EXPECT_EQ(log.Errors(), std::vector<std::string>()); }
 

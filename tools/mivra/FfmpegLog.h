@@ -1,28 +1,23 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+
+#include "mivra/ffmpeg/FfmpegLog.h"
 
 namespace Mivra::Tool {
 
-/// Sends FFmpeg's own messages into the library's log instead of to standard error: errors and warnings as
-/// such, information as debugging. FFmpeg has to be loaded. Process-wide; before other threads use FFmpeg.
-void routeFfmpegLog();
-
 /// Watches, on the thread that makes it, for the errors that FFmpeg tells of one object (an AVFormatContext).
-/// One of these at a time on a thread.
-class FfmpegErrorWatch {
+class FfmpegErrorWatch : public FFmpeg::FfmpegMessageWatch {
 public:
-    explicit FfmpegErrorWatch(const void* object);
-    ~FfmpegErrorWatch();
-    FfmpegErrorWatch(const FfmpegErrorWatch&) = delete;
-    FfmpegErrorWatch& operator=(const FfmpegErrorWatch&) = delete;
+    explicit FfmpegErrorWatch(const void* object) : watched(object) {}
 
     /// The first such message; empty when there was none.
     const std::string& FirstError() const { return first; }
 
-private:
-    friend struct FfmpegMessages;
+    int OnMessage(const void* object, int level, std::string_view message) noexcept override;
 
+private:
     const void* const watched;
     std::string first;
 };

@@ -18,7 +18,7 @@ MediaRuntime::MediaRuntime() {
     if (!ffmpeg.IsLoaded()) {
         throw ProblemError(ExitCode::CannotOpen, ffmpegMissing());
     }
-    routeFfmpegLog();
+    FFmpeg::RouteFfmpegLog();
 }
 
 }  // namespace Mivra::Tool

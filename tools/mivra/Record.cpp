@@ -261,7 +261,7 @@ ExitCode record(const RecordOptions& options) {
         if (!ffmpeg.IsLoaded()) {
             throw ProblemError(ExitCode::CannotOpen, ffmpegMissing());
         }
-        routeFfmpegLog();
+        FFmpeg::RouteFfmpegLog();
         return Recording(options, names, *trigger, console).Run();
     } catch (const ProblemError& error) {
         console.Error(error.problem);

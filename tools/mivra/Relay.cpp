@@ -187,7 +187,7 @@ ExitCode relay(const RelayOptions& options) {
         console.Error(ffmpegMissing());
         return ExitCode::CannotOpen;
     }
-    routeFfmpegLog();
+    FFmpeg::RouteFfmpegLog();
     return Relay(options, console).Run();
 }
 
