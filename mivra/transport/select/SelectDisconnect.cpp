@@ -42,6 +42,7 @@ void SelectTransport::disconnectClient(const ContextPointer& context, bool wait,
         }
     } else if (turn == Turn::Busy) {
         using enum SelectWorker::Kind;
+        if (context->worker == nullptr) return;  // who has the turn is at it
         try {
             context->worker->Post(notify ? Disconnect : DisconnectQuietly, context->ClientId());
         } catch (const std::bad_alloc&) {
@@ -140,18 +141,17 @@ void SelectTransport::DisconnectClientAsync(unsigned int clientId, bool notify) 
 }
 
 void SelectTransport::DisconnectAll() {
-    const std::vector<ContextPointer> all = snapshot();
-    for (const ContextPointer& context : all)
+    std::uint32_t last = 0;
+    while (const ContextPointer context = next(last)) {
+        last = context->ClientId();
         disconnectClient(context, false, true);
+    }
     if (NotificationScope::Active()) return;
     // Those that were being served are now their workers' to end.
     for (int look = 0; look < kLooksForAll; ++look) {
         const std::uint32_t seen = contextGone->Sequence();
-        bool open = false;
-        for (const ContextPointer& context : all) {
-            open = open || context->Socket() != NetClientContext::InvalidSocket;
-        }
-        if (!open) return;
+        const ContextPointer first = next(0);
+        if (first == nullptr || first->ClientId() > last) return;
         contextGone->Wait(seen, kLook);
     }
 }

@@ -67,6 +67,7 @@ bool SelectTransport::Start() {
     if (!startWorkers()) {
         started = false;
         stopWorkers();
+        dropContexts();
         allocator.reset();
         return false;
     }
@@ -128,7 +129,7 @@ void SelectTransport::Shutdown() {
 void SelectTransport::awaitRelease() {
     for (int look = 0; look < kReleaseLooks; ++look) {
         const std::uint32_t seen = contextGone->Sequence();
-        if (snapshot().empty()) {
+        if (next(0) == nullptr) {
             LogLine(FileLog::Debug, "SelectTransport::Shutdown: all client contexts released");
             return;
         }
@@ -152,17 +153,18 @@ void SelectTransport::stopWorkers() {
 }
 
 void SelectTransport::dropContexts() {
-    const std::vector<ContextPointer> left = snapshot();
+    std::map<std::uint32_t, ContextPointer> left;
+    {
+        AutoLock guard(engineLock);
+        left.swap(clients);
+    }
     if (left.empty()) return;
     LogLine(FileLog::Debug, "SelectTransport::Shutdown: de-allocate client contexts");
-    for (const ContextPointer& context : left) {
+    for (const auto& [id, context] : left) {
         context->closing = true;
         context->closeSocket(true);
         context->sendQueue.Close();
-        LogLine(FileLog::Debug, "SelectTransport::Shutdown: removed client context %d",
-                static_cast<int>(context->ClientId()));
-        AutoLock guard(engineLock);
-        clients.erase(context->ClientId());
+        LogLine(FileLog::Debug, "SelectTransport::Shutdown: removed client context %d", static_cast<int>(id));
     }
 }
 
@@ -172,13 +174,10 @@ SelectTransport::ContextPointer SelectTransport::find(unsigned int clientId) {
     return found == clients.end() ? nullptr : found->second;
 }
 
-std::vector<SelectTransport::ContextPointer> SelectTransport::snapshot() {
+SelectTransport::ContextPointer SelectTransport::next(unsigned int clientId) {
     AutoLock guard(engineLock);
-    std::vector<ContextPointer> all;
-    all.reserve(clients.size());
-    for (const auto& [id, context] : clients)
-        all.push_back(context);
-    return all;
+    const auto found = clients.upper_bound(clientId);
+    return found == clients.end() ? nullptr : found->second;
 }
 
 bool SelectTransport::SendAsync(unsigned int clientId, Common::PacketBuffer* packet) {

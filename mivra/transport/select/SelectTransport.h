@@ -73,7 +73,8 @@ private:
     void dropContexts() MIVRA_EXCLUDES(engineLock);
 
     ContextPointer find(unsigned int clientId) MIVRA_EXCLUDES(engineLock);
-    std::vector<ContextPointer> snapshot() MIVRA_EXCLUDES(engineLock);
+    /// The one with the lowest id above the given one, or null. Walks over all without taking memory.
+    ContextPointer next(unsigned int clientId) MIVRA_EXCLUDES(engineLock);
 
     bool connectTcp(const NetConnectionParameters& parameters);
     bool connectUdp(const NetConnectionParameters& parameters);

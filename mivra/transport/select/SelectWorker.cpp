@@ -57,6 +57,7 @@ void SelectWorker::Join() {
     std::map<std::uint32_t, ContextPointer> left;
     std::vector<ContextPointer> unsent;
     AutoLock guard(lock);
+    joined = true;
     left.swap(clients);
     unsent.swap(posted);
     commands.clear();
@@ -78,6 +79,7 @@ void SelectWorker::PostSend(ContextPointer context) noexcept {
             return;
         }
         AutoLock guard(lock);
+        if (joined) return;  // it and the context would keep each other alive
         posted.push_back(std::move(context));
     } catch (const std::bad_alloc&) {
         lookForSends = true;
@@ -135,6 +137,7 @@ void SelectWorker::pass() {
     takeCommands();
     flushPosted();
     refreshTable();
+    flushUnposted();
     const int ready = wait();
     unmute();
     if (ready > 0) {
@@ -200,9 +203,14 @@ void SelectWorker::flushPosted() {
         flush(context);
     }
     sending.clear();
-    if (lookForSends.exchange(false)) {
-        for (const ContextPointer& context : table)
-            flush(context);
+}
+
+// After memory was short: a context that could not be noted stands as noted, and would never be again.
+void SelectWorker::flushUnposted() {
+    if (!lookForSends.exchange(false)) return;
+    for (const ContextPointer& context : table) {
+        context->sendPosted = false;
+        flush(context);
     }
 }
 

@@ -70,6 +70,7 @@ private:
     void disconnect(const ContextPointer& context, Kind kind);
     void refreshTable() MIVRA_EXCLUDES(lock);
     void flushPosted();
+    void flushUnposted();
     int wait();
     int pollTable(int milliseconds);
     void unmute();
@@ -108,6 +109,7 @@ private:
     std::map<std::uint32_t, ContextPointer> clients MIVRA_GUARDED_BY(lock);
     std::vector<Command> commands MIVRA_GUARDED_BY(lock);
     std::vector<ContextPointer> posted MIVRA_GUARDED_BY(lock);
+    bool joined MIVRA_GUARDED_BY(lock) = false;
     std::atomic<int> clientCount{0};
     std::atomic<std::uint32_t> version{1};       // of clients
     std::atomic<std::uint32_t> pollSequence{0};  // odd: in poll()
