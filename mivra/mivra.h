@@ -63,8 +63,11 @@
 #include "mivra/codecs/h264/SeiPayloadTypes.h"
 #include "mivra/common/MivraCommon.h"
 
+#include "mivra/media/DecoderFactory.h"
+#include "mivra/media/DecoderParameters.h"
 #include "mivra/media/EncoderFactory.h"
 #include "mivra/media/EncoderParameters.h"
+#include "mivra/media/IDecoder.h"
 #include "mivra/media/IEncoder.h"
 #include "mivra/media/IInteractiveMediaSource.h"
 #include "mivra/media/IMediaSink.h"
@@ -74,9 +77,11 @@
 #include "mivra/media/MediaSession.h"
 #include "mivra/media/MediaState.h"
 
+#include "mivra/ffmpeg/FfmpegDecoder.h"
 #include "mivra/ffmpeg/FfmpegEncoder.h"
 #include "mivra/ffmpeg/FfmpegInventory.h"
 #include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
+#include "mivra/mediafoundation/MFDecoder.h"
 #include "mivra/mediafoundation/MFEncoder.h"

@@ -1,5 +1,6 @@
 #include "mivra/ffmpeg/PictureLayout.h"
 
+#include <cstring>
 #include <limits>
 
 #include "mivra/ffmpeg/FfmpegFormats.h"
@@ -115,6 +116,30 @@ void tellPictureLayout(const PictureLayout& layout, Common::MediaType& type) {
     type.ExpectedFrameSize() = layout.size;
     type.CodecMetadata()[Key::kStride] = layout.stride;
     type.CodecMetadata()[Key::kRows] = layout.rows;
+}
+
+void copyPicture(const std::uint8_t* const* data, const int* linesizes, const PictureLayout& layout,
+                 std::uint8_t* base) {
+    PictureLayout packed;
+    if (!makePictureLayout(layout.format, layout.width, layout.height, 0, 0, packed)) {
+        return;
+    }
+    for (int plane = 0; plane < packed.planes; ++plane) {
+        const int end = plane + 1 < packed.planes ? packed.offsets[plane + 1] : packed.size;
+        const int bytes = end - packed.offsets[plane];
+        const int row = packed.linesizes[plane];
+        std::uint8_t* to = base + layout.offsets[plane];
+        const std::uint8_t* from = data[plane];
+        if (row <= 0) {  // a palette
+            std::memcpy(to, from, static_cast<std::size_t>(bytes));
+            continue;
+        }
+        for (int rows = bytes / row; rows > 0; --rows) {
+            std::memcpy(to, from, static_cast<std::size_t>(row));
+            to += layout.linesizes[plane];
+            from += linesizes[plane];
+        }
+    }
 }
 
 }  // namespace Mivra::FFmpeg

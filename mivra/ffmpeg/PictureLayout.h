@@ -48,4 +48,8 @@ bool pictureLayoutOf(const Common::MediaType& type, PictureLayout& layout);
 /// Writes size, format, "Stride", "Rows", FrameSize and ExpectedFrameSize.
 void tellPictureLayout(const PictureLayout& layout, Common::MediaType& type);
 
+/// Copies a picture of the layout's format and size, whose planes and rows stand elsewhere, to `base`.
+void copyPicture(const std::uint8_t* const* data, const int* linesizes, const PictureLayout& layout,
+                 std::uint8_t* base);
+
 }  // namespace Mivra::FFmpeg

@@ -1,0 +1,66 @@
+#pragma once
+
+// Fields of FFmpeg's records whose place differs between the versions that this library is compiled with.
+
+#include <cstdint>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+}
+
+namespace Mivra::FFmpeg {
+
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored \
+    "-Wdeprecated-declarations"  // what replaces them is too new for the oldest version
+#endif
+
+/// 0: unknown.
+inline std::int64_t frameDuration(const AVFrame& frame) {
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 30, 100)
+    return frame.duration;
+#else
+    return frame.pkt_duration;
+#endif
+}
+
+inline void setFrameDuration(AVFrame& frame, std::int64_t duration) {
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 30, 100)
+    frame.duration = duration;
+#else
+    frame.pkt_duration = duration;
+#endif
+}
+
+inline bool isKeyFrame(const AVFrame& frame) {
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+    return (frame.flags & AV_FRAME_FLAG_KEY) != 0;
+#else
+    return frame.key_frame != 0;
+#endif
+}
+
+/// A number that a packet carries to its frames. FFmpeg hands a packet's position on without looking at it.
+inline void setPacketNumber(AVPacket& packet, std::int64_t number) {
+    packet.pos = number;
+}
+inline std::int64_t packetNumber(const AVFrame& frame) {
+    return frame.pkt_pos;
+}
+
+/// Lets frame threads call get_buffer2 themselves; from FFmpeg 6 on they always do.
+inline void allowThreadedBuffers(AVCodecContext& context) {
+#if FF_API_THREAD_SAFE_CALLBACKS
+    context.thread_safe_callbacks = 1;
+#else
+    static_cast<void>(context);
+#endif
+}
+
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+
+}  // namespace Mivra::FFmpeg

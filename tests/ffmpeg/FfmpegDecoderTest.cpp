@@ -1,0 +1,136 @@
+// The decoder against the ffmpeg program: of files that it makes in every codec, each decoded frame has the
+// bytes and the time that it gives it.
+#include "mivra/ffmpeg/FfmpegDecoder.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "mivra/ffmpeg/FfmpegObjects.h"
+#include "tests/ffmpeg/CodedStream.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempFolder.h"
+
+namespace Mivra::FFmpeg {
+namespace {
+
+using Common::ContentType_t;
+using Common::MediaType;
+using Media::DecoderParameters;
+using Mivra::Test::CodedStream;
+using Mivra::Test::FrameDigest;
+
+constexpr const char* kPictures = "-f lavfi -i testsrc2=size=144x112:rate=25:duration=1.2 ";
+constexpr const char* kTones = "-f lavfi -i 'aevalsrc=sin(440*t)|sin(660*t*t):s=48000:d=1' ";
+
+struct Case {
+    const char* name;
+    ContentType_t content;
+    const char* file;       // extension
+    const char* arguments;  // of the encoder
+    const char* oracle = "";
+};
+
+constexpr ContentType_t kVideo = ContentType_t::Video;
+constexpr ContentType_t kAudio = ContentType_t::Audio;
+const Case kCases[] = {
+    {"H264", kVideo, "mp4", "-c:v libx264 -bf 3 -g 12"},
+    {"H264AnnexB", kVideo, "h264", "-c:v libx264 -bf 2 -g 12"},
+    {"H264Ts", kVideo, "ts", "-c:v libx264 -bf 2 -g 12"},
+    {"H264Interlaced", kVideo, "mp4", "-c:v libx264 -flags +ilme+ildct -x264opts tff=1 -bf 2 -g 12"},
+    {"H264TenBit", kVideo, "mp4", "-pix_fmt yuv420p10le -c:v libx264 -bf 2"},
+    {"H264Chroma422", kVideo, "mkv", "-pix_fmt yuv422p -c:v libx264 -bf 2"},
+    {"H264Cropped", kVideo, "mp4", "-vf scale=134:90 -c:v libx264 -bf 2"},
+    {"H265", kVideo, "mp4", "-c:v libx265 -x265-params log-level=error -g 12"},
+    {"H265Main10", kVideo, "mkv", "-pix_fmt yuv420p10le -c:v libx265 -x265-params log-level=error"},
+    {"MPEG1", kVideo, "mpg", "-c:v mpeg1video -bf 2 -g 9"},
+    {"MPEG2", kVideo, "ts", "-c:v mpeg2video -bf 2 -g 9"},
+    {"MPEG2Interlaced", kVideo, "mpg", "-c:v mpeg2video -flags +ilme+ildct -bf 2 -g 9"},
+    {"MPEG4", kVideo, "mp4", "-c:v mpeg4 -bf 2 -g 9"},
+    {"H263", kVideo, "3gp", "-vf scale=176:144 -c:v h263"},
+    {"WMV2", kVideo, "asf", "-c:v wmv2"},
+    {"MJPEG", kVideo, "avi", "-c:v mjpeg"},
+    {"VP8", kVideo, "mkv", "-c:v libvpx -auto-alt-ref 1 -lag-in-frames 8 -g 12 -deadline realtime"},
+    {"VP9", kVideo, "mkv",
+     "-c:v libvpx-vp9 -auto-alt-ref 1 -lag-in-frames 8 -g 12 -deadline realtime -cpu-used 8"},
+    {"Uncompressed", kVideo, "avi", "-pix_fmt bgr24 -c:v rawvideo"},
+    {"AAC", kAudio, "mp4", "-c:a aac", "-c:a pcm_f32le"},
+    {"AACAdts", kAudio, "aac", "-c:a aac", "-c:a pcm_f32le"},
+    {"MP2", kAudio, "mp2", "-c:a mp2", "-c:a pcm_s16le"},
+    {"MP3", kAudio, "mp3", "-c:a libmp3lame", "-c:a pcm_f32le"},
+    {"AC3", kAudio, "ac3", "-c:a ac3", "-c:a pcm_f32le"},
+    {"EAC3", kAudio, "mkv", "-c:a eac3", "-c:a pcm_f32le"},
+    {"DTS", kAudio, "mkv", "-strict -2 -c:a dca -b:a 768k", "-c:a pcm_f32le"},
+    {"Opus", kAudio, "mkv", "-c:a libopus", "-c:a pcm_f32le"},
+    {"FLAC", kAudio, "flac", "-c:a flac", "-c:a pcm_s16le"},
+    {"ALAC", kAudio, "mp4", "-c:a alac", "-c:a pcm_s16le"},
+    {"WavPack", kAudio, "mkv", "-c:a wavpack", "-c:a pcm_s16le"},
+    {"TTA", kAudio, "mkv", "-c:a tta", "-c:a pcm_s16le"},
+    {"Vorbis", kAudio, "mkv", "-c:a libvorbis", "-c:a pcm_f32le"},
+    {"WMA", kAudio, "asf", "-c:a wmav2", "-c:a pcm_f32le"},
+    {"PCM", kAudio, "wav", "-c:a pcm_s16le", "-c:a pcm_s16le"},
+    {"PCM24", kAudio, "mkv", "-c:a pcm_s24le", "-c:a pcm_s32le"},
+    {"G711U", kAudio, "wav", "-ar 8000 -ac 1 -c:a pcm_mulaw", "-c:a pcm_s16le"},
+    {"G711A", kAudio, "wav", "-ar 8000 -ac 1 -c:a pcm_alaw", "-c:a pcm_s16le"},
+    {"G722", kAudio, "wav", "-ar 16000 -ac 1 -c:a g722", "-c:a pcm_s16le"},
+    {"G726", kAudio, "wav", "-ar 8000 -ac 1 -c:a g726 -b:a 32k", "-c:a pcm_s16le"},
+    {"G7231", kAudio, "mkv", "-ar 8000 -ac 1 -c:a g723_1 -b:a 6300", "-c:a pcm_s16le"},
+    {"GSM", kAudio, "mkv", "-ar 8000 -ac 1 -c:a libgsm_ms", "-c:a pcm_s16le"},
+    {"RealAudio", kAudio, "rm", "-ar 8000 -ac 1 -c:a real_144", "-c:a pcm_s16le"},
+};
+
+class FfmpegDecoderTest : public testing::TestWithParam<Case> {
+protected:
+    FfmpegDecoderTest() { EXPECT_TRUE(use.IsLoaded()); }
+
+    std::string makeFile(const Case& test) const {
+        const std::string path = folder / (std::string("coded.") + test.file);
+        Mivra::Test::RunFfmpeg((test.content == kVideo ? kPictures : kTones) + std::string(test.arguments) +
+                               " " + path);
+        return path;
+    }
+
+    const FfmpegUse use;
+    Mivra::Test::LogCapture log;
+    const Mivra::Test::TempFolder folder;
+};
+
+/// Equal frames in equal order; times may differ by what the oracle's coarser clock rounds.
+void expectSame(const std::vector<FrameDigest>& got, const std::vector<FrameDigest>& expected,
+                std::int64_t tolerance) {
+    ASSERT_EQ(got.size(), expected.size());
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].size, expected[i].size) << i;
+        ASSERT_EQ(got[i].hash, expected[i].hash) << i;
+        EXPECT_LE(std::abs(got[i].time - expected[i].time), tolerance)
+            << i << ": " << got[i].time << " " << expected[i].time;
+    }
+}
+
+TEST_P(FfmpegDecoderTest, GivesTheFramesThatFfmpegGives) {
+    const Case& test = GetParam();
+    const std::string path = makeFile(test);
+    CodedStream stream = Mivra::Test::ReadStream(path, test.content);
+    const std::vector<FrameDigest> expected = Mivra::Test::FfmpegDigests(path, test.content, test.oracle);
+    ASSERT_GE(expected.size(), 5u);
+    for (const int threads : {1, 2, 4}) {
+        SCOPED_TRACE(threads);
+        DecoderParameters parameters;
+        parameters.ThreadCount = threads;
+        FfmpegDecoder decoder(&stream.type, nullptr, &parameters);
+        ASSERT_TRUE(decoder.IsUsable());
+        const std::vector<FrameDigest> got = Mivra::Test::DecodeAll(decoder, stream);
+        constexpr std::int64_t kSecond = 10000000;
+        expectSame(got, expected, test.content == kAudio ? kSecond / stream.type.SampleRate() : 0);
+        if (test.content == kAudio) {
+            break;  // always one thread
+        }
+    }
+    EXPECT_TRUE(log.Errors().empty()) << log.Errors()[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, FfmpegDecoderTest, testing::ValuesIn(kCases),
+                         [](const testing::TestParamInfo<Case>& one) { return std::string(one.param.name); });
+
+}  // namespace
+}  // namespace Mivra::FFmpeg
