@@ -51,7 +51,7 @@ bool crop(const PictureLayout& whole, int width, int height, PictureLayout& layo
 }  // namespace
 
 PictureOutput::PictureOutput(const MediaType& input, const MediaType& wanted_, FramePool::Pointer lent_)
-    : wanted(wanted_), nextTime(kUnsetTime), lent(std::move(lent_)), own(FramePool::Make()) {
+    : wanted(wanted_), lent(std::move(lent_)), own(FramePool::Make()) {
     type = wanted;
     type.ContentType() = Common::ContentType_t::Video;
     type.CodecId() = Common::Codec_t::UNCOMPRESSED;
@@ -253,9 +253,9 @@ void PictureOutput::tellType(const AVFrame& frame, const PictureLayout& layout) 
 }
 
 void PictureOutput::tellTimes(const AVFrame& frame, PacketBuffer& made) {
-    const std::int64_t time =
-        frame.best_effort_timestamp == kUnsetTime ? nextTime : frame.best_effort_timestamp;
     const std::int64_t duration = frameDuration(frame) > 0 ? frameDuration(frame) : usualDuration;
+    const std::int64_t guess = duration > 0 ? nextTime : kUnsetTime;
+    const std::int64_t time = frame.best_effort_timestamp == kUnsetTime ? guess : frame.best_effort_timestamp;
     made.Pts() = time;
     made.Dts() = time;
     made.Duration() = duration;

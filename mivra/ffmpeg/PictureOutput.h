@@ -48,7 +48,7 @@ private:
     const Common::MediaType wanted;
     Common::Rational inputAspect;
     std::int64_t usualDuration = 0;  // of a frame, 0: unknown; this and nextTime in kEngineTimeBase
-    std::int64_t nextTime;
+    std::int64_t nextTime = 0;       // a stream without any times begins at 0
     const FramePool::Pointer lent;
     const FramePool::Pointer own;
     PictureScaler scaler;

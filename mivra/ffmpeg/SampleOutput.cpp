@@ -127,6 +127,7 @@ void SampleOutput::noteTime(const AVFrame& frame) {
     const std::int64_t time =
         frame.pts != kUnsetTime || startTime != kUnsetTime ? frame.pts : frame.best_effort_timestamp;
     if (time == kUnsetTime) {
+        startTime = startTime == kUnsetTime ? 0 : startTime;  // a stream without any times begins at 0
         return;
     }
     const AVRational rate{1, from.rate};

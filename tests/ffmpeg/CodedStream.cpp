@@ -53,6 +53,7 @@ MediaType typeOf(const AVStream& stream) {
     type.Height() = from.height;
     (video ? reinterpret_cast<int&>(type.PixelFormat()) : reinterpret_cast<int&>(type.SampleFormat())) =
         from.format;
+    type.Bitrate() = static_cast<int>(from.bit_rate);
     type.SampleRate() = from.sample_rate;
     type.Channels() = from.ch_layout.nb_channels;
     type.ChannelLayout() = FFmpeg::channelMask(from.ch_layout);

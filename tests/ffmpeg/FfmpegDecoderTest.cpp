@@ -62,10 +62,10 @@ const Case kCases[] = {
     {"EAC3", kAudio, "mkv", "-c:a eac3", "-c:a pcm_f32le"},
     {"DTS", kAudio, "mkv", "-strict -2 -c:a dca -b:a 768k", "-c:a pcm_f32le"},
     {"Opus", kAudio, "mkv", "-c:a libopus", "-c:a pcm_f32le"},
-    {"FLAC", kAudio, "flac", "-c:a flac", "-c:a pcm_s16le"},
-    {"ALAC", kAudio, "mp4", "-c:a alac", "-c:a pcm_s16le"},
-    {"WavPack", kAudio, "mkv", "-c:a wavpack", "-c:a pcm_s16le"},
-    {"TTA", kAudio, "mkv", "-c:a tta", "-c:a pcm_s16le"},
+    {"FLAC", kAudio, "flac", "-sample_fmt s16 -c:a flac", "-c:a pcm_s16le"},
+    {"ALAC", kAudio, "mp4", "-sample_fmt s16p -c:a alac", "-c:a pcm_s16le"},
+    {"WavPack", kAudio, "mkv", "-sample_fmt s16p -c:a wavpack", "-c:a pcm_s16le"},
+    {"TTA", kAudio, "mkv", "-sample_fmt s16 -c:a tta", "-c:a pcm_s16le"},
     {"Vorbis", kAudio, "mkv", "-c:a libvorbis", "-c:a pcm_f32le"},
     {"WMA", kAudio, "asf", "-c:a wmav2", "-c:a pcm_f32le"},
     {"PCM", kAudio, "wav", "-c:a pcm_s16le", "-c:a pcm_s16le"},
@@ -112,16 +112,19 @@ TEST_P(FfmpegDecoderTest, GivesTheFramesThatFfmpegGives) {
     const std::string path = makeFile(test);
     CodedStream stream = Mivra::Test::ReadStream(path, test.content);
     const std::vector<FrameDigest> expected = Mivra::Test::FfmpegDigests(path, test.content, test.oracle);
-    ASSERT_GE(expected.size(), 5u);
+    ASSERT_GE(expected.size(), 1u);
     for (const int threads : {1, 2, 4}) {
         SCOPED_TRACE(threads);
         DecoderParameters parameters;
         parameters.ThreadCount = threads;
         FfmpegDecoder decoder(&stream.type, nullptr, &parameters);
-        ASSERT_TRUE(decoder.IsUsable());
+        ASSERT_TRUE(decoder.IsUsable()) << ::testing::PrintToString(log.Errors());
         const std::vector<FrameDigest> got = Mivra::Test::DecodeAll(decoder, stream);
         constexpr std::int64_t kSecond = 10000000;
-        expectSame(got, expected, test.content == kAudio ? kSecond / stream.type.SampleRate() : 0);
+        // Its clock for audio ticks in samples, and glides over the whole milliseconds of some containers.
+        const bool coarse = std::string(test.file) == "mkv" || std::string(test.file) == "asf";
+        const std::int64_t sample = kSecond / std::max(stream.type.SampleRate(), 1);
+        expectSame(got, expected, test.content == kVideo ? 0 : coarse ? kSecond / 1000 : sample);
         if (test.content == kAudio) {
             break;  // always one thread
         }
