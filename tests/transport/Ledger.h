@@ -111,6 +111,18 @@ public:
         std::lock_guard guard(mutex);
         return releases;
     }
+    /// The highest id that was heard of; 0: none.
+    unsigned int Newest() {
+        std::lock_guard guard(mutex);
+        return lives.empty() ? 0 : lives.rbegin()->first;
+    }
+    std::uint64_t ReceivedBytes() {
+        std::lock_guard guard(mutex);
+        std::uint64_t bytes = 0;
+        for (const auto& [id, life] : lives)
+            bytes += life.receivedBytes;
+        return bytes;
+    }
     void Forget(unsigned int client) {
         std::lock_guard guard(mutex);
         lives.erase(client);

@@ -200,6 +200,16 @@ TEST_F(SelectLoad, ConnectionsThatEndLeaveNothingBehind) {
     }
 }
 
+TEST_F(SelectLoad, PacketsForAListenerWaitForItsEnd) {
+    start();
+    const int port = listen();
+    EXPECT_TRUE(engine->SendAsync(1, packet(1, kPacket).get()));
+    std::vector<unsigned int> ids;
+    const std::vector<PosixPeer> peers = accept(port, 2, ids);
+    EXPECT_EQ(pool.FreeBufferCount(), pool.BufferCount() - 1);
+    EXPECT_TRUE(engine->StopListen(port));
+}
+
 TEST_F(SelectLoad, DescriptorsBeyondTheSetsOfSelect) {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);

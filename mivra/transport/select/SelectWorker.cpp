@@ -215,7 +215,7 @@ void SelectWorker::flushUnposted() {
 }
 
 void SelectWorker::flush(const ContextPointer& context) {
-    if (context->sendBlocked) return;
+    if (context->sendBlocked || context->isListener) return;  // what is queued to a listener stays there
     if (!context->tryTurn()) {
         if (!context->disconnecting) sendAgain(context);
         return;
