@@ -44,6 +44,7 @@ Bytes slice(unsigned char header, std::string_view bits) {
 }
 
 TEST(AccessUnits, APictureBeginsWhereItsSliceHeaderSaysSo) {
+    const Bytes P = slice(0x41, "1 00110 1 0001 0 0011 1 1");
     // first_mb, slice_type 5, set; then frame_num, field, bottom, (idr_pic_id), order count, (delta),
     // redundant.
     const struct {
@@ -52,31 +53,22 @@ TEST(AccessUnits, APictureBeginsWhereItsSliceHeaderSaysSo) {
         Bytes second;
         bool begins;
     } cases[] = {
-        {"another slice", slice(0x41, "1 00110 1 0001 0 0011 1 1"),
-         slice(0x41, "011 00110 1 0001 0 0011 1 1"), false},
-        {"the first macroblock does not matter", slice(0x41, "1 00110 1 0001 0 0011 1 1"),
-         slice(0x41, "1 00110 1 0001 0 0011 1 1"), false},
-        {"frame_num", slice(0x41, "1 00110 1 0001 0 0011 1 1"), slice(0x41, "011 00110 1 0010 0 0011 1 1"),
-         true},
-        {"the set", slice(0x41, "1 00110 1 0001 0 0011 1 1"), slice(0x41, "1 00110 010 0001 1 1"), true},
-        {"field_pic_flag", slice(0x41, "1 00110 1 0001 0 0011 1 1"), slice(0x41, "1 00110 1 0001 1 0 0011 1"),
-         true},
+        {"another slice", P, slice(0x41, "011 00110 1 0001 0 0011 1 1"), false},
+        {"the first macroblock does not matter", P, P, false},
+        {"frame_num", P, slice(0x41, "011 00110 1 0010 0 0011 1 1"), true},
+        {"the set", P, slice(0x41, "1 00110 010 0001 1 1"), true},
+        {"field_pic_flag", P, slice(0x41, "1 00110 1 0001 1 0 0011 1"), true},
         {"bottom_field_flag", slice(0x41, "1 00110 1 0001 1 0 0011 1"),
          slice(0x41, "1 00110 1 0001 1 1 0011 1"), true},
-        {"nal_ref_idc is 0", slice(0x41, "1 00110 1 0001 0 0011 1 1"),
-         slice(0x01, "1 00110 1 0001 0 0011 1 1"), true},
-        {"nal_ref_idc is not", slice(0x41, "1 00110 1 0001 0 0011 1 1"),
-         slice(0x61, "1 00110 1 0001 0 0011 1 1"), false},
+        {"nal_ref_idc is 0", P, slice(0x01, "1 00110 1 0001 0 0011 1 1"), true},
+        {"nal_ref_idc is not", P, slice(0x61, "1 00110 1 0001 0 0011 1 1"), false},
         {"the type", slice(0x65, "1 00110 1 0001 0 1 0011 1 1"), slice(0x61, "1 00110 1 0001 0 0011 1 1"),
          true},
         {"idr_pic_id", slice(0x65, "1 00110 1 0000 0 1 0011 1 1"),
          slice(0x65, "1 00110 1 0000 0 010 0011 1 1"), true},
-        {"order count", slice(0x41, "1 00110 1 0001 0 0011 1 1"), slice(0x41, "1 00110 1 0001 0 0101 1 1"),
-         true},
-        {"its delta", slice(0x41, "1 00110 1 0001 0 0011 1 1"), slice(0x41, "1 00110 1 0001 0 0011 010 1"),
-         true},
-        {"a redundant picture", slice(0x41, "1 00110 1 0001 0 0011 1 1"),
-         slice(0x41, "1 00110 1 0001 0 0101 1 010"), false},
+        {"order count", P, slice(0x41, "1 00110 1 0001 0 0101 1 1"), true},
+        {"its delta", P, slice(0x41, "1 00110 1 0001 0 0011 010 1"), true},
+        {"a redundant picture", P, slice(0x41, "1 00110 1 0001 0 0101 1 010"), false},
         {"partitions", slice(0x42, "1 00110 1 0001 0 0011 1 1"), slice(0x42, "1 00110 1 0010 0 0011 1 1"),
          true},
         {"delta 0", slice(0x41, "1 00110 010 0001 1 1"), slice(0x41, "1 00110 010 0001 010 1"), true},
@@ -86,7 +78,7 @@ TEST(AccessUnits, APictureBeginsWhereItsSliceHeaderSaysSo) {
         {"no set known, another", slice(0x41, "1 00110 011 0001"), slice(0x41, "011 00110 011 0010"), false},
         {"a set that cannot be", slice(0x41, "1 00110 00000000 1 00000001 1"),
          slice(0x41, "011 00110 00000000 1 00000001 1"), false},
-        {"cut off", slice(0x41, "1 00110 1 0001 0 0011 1 1"), Bytes{0x41}, false},
+        {"cut off", P, Bytes{0x41}, false},
     };
     for (const auto& [what, first, second, begins] : cases) {
         const std::vector<int> expected = begins ? std::vector{0, 5} : std::vector{0};

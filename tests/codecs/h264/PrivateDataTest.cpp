@@ -42,11 +42,6 @@ Bytes DataOf(const MediaType& type) {
     return {type.CodecPrivateData(), type.CodecPrivateData() + type.CodecPrivateDataSize()};
 }
 
-/// The type's own private data, as input.
-unsigned char* Own(MediaType& type) {
-    return reinterpret_cast<unsigned char*>(type.CodecPrivateData());
-}
-
 struct Pair {
     Bytes record;
     Bytes annexB;
@@ -67,24 +62,6 @@ const std::map<std::string, Pair>& Seeds() {
         return pairs;
     }();
     return seeds;
-}
-
-TEST(PrivateData, ConvertsToWhatFfmpegWrites) {
-    ASSERT_GE(Seeds().size(), 80U);
-    for (const auto& [name, pair] : Seeds()) {
-        SCOPED_TRACE(name);
-        MediaType type = TypeWith(pair.annexB);
-        EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));
-        EXPECT_EQ(DataOf(type), pair.record);
-        EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));  // is a record already
-        EXPECT_EQ(DataOf(type), pair.record);
-        EXPECT_TRUE(Parser::ConvertPrivateDataToAnnexB(type));
-        const bool severalSets =
-            (pair.record[5] & 0x1F) > 1;  // of which FFmpeg keeps the order in the stream
-        EXPECT_TRUE(severalSets || DataOf(type) == pair.annexB);
-        EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, Own(type), type.CodecPrivateDataSize()));
-        EXPECT_EQ(DataOf(type), pair.record);
-    }
 }
 
 const Bytes Sps{0x67, 0x42, 0xC0, 0x1E, 0x95};        // Baseline, level 3

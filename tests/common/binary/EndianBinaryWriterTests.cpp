@@ -64,31 +64,6 @@ TEST(EndianBinaryWriter, WritesValuesInBothOrders) {
     EXPECT_EQ(reader.ReadDouble(), -2.0);
 }
 
-TEST(EndianBinaryWriter, WritesCodesAsBitStringsInEitherOrder) {
-    struct Case {
-        bool isSigned;
-        int value;
-        const char* bits;
-    };
-    constexpr Case Cases[] = {{false, 0, "1"},     {false, 1, "010"},     {false, 2, "011"},
-                              {false, 3, "00100"}, {false, 7, "0001000"}, {true, 1, "010"},
-                              {true, -1, "011"},   {true, 2, "00100"}};
-    for (const Endianness order : {Endianness::Big, Endianness::Little}) {
-        for (const Case& c : Cases) {
-            Packet packet(Bytes(16));
-            EndianBinaryWriter writer(packet.buffer);
-            writer.SetEndiannes(order);
-            c.isSigned ? writer.WriteSignedExpGolomb(c.value)
-                       : writer.WriteUnsignedExpGolomb(static_cast<unsigned>(c.value));
-            std::string bits;
-            for (int i = 0; i < writer.FullBitPosition(); ++i) {
-                bits += (packet.bytes[static_cast<std::size_t>(i / 8)] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
-            }
-            EXPECT_EQ(bits, c.bits) << c.value;
-        }
-    }
-}
-
 TEST(EndianBinaryWriter, FailsInItsOwnWordsAndWritesNothing) {
     const std::string outbound =
         "EndianBinaryWriter::checkBuffer: outbound size nRequiredSize %, this->buffer->Position() 1, "

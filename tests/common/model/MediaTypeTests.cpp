@@ -245,18 +245,9 @@ TEST(MediaType, DerivesTheProfileLevelFromPrivateData) {
         EXPECT_EQ(cut.GetReorderingQueueDepth(), 0);
         setPrivateData(cut, form);
         EXPECT_EQ(cut.GetReorderingQueueDepth(), 0) << "computed once";
+        cut.SetReorderingQueueDepth(3);
+        EXPECT_EQ(cut.GetReorderingQueueDepth(), 3);
     }
-}
-
-TEST(MediaType, ComputesTheReorderingDepthOnce) {
-    MediaType type;
-    type.ContentType() = ContentType_t::Video;
-    type.CodecId() = Codec_t::H264;
-    EXPECT_EQ(type.GetReorderingQueueDepth(), 0);
-    setPrivateData(type, "\1");
-    EXPECT_EQ(type.GetReorderingQueueDepth(), 0);
-    type.SetReorderingQueueDepth(4);
-    EXPECT_EQ(type.GetReorderingQueueDepth(), 4);
 }
 
 TEST(MediaType, LosesNothingWhenMemoryEnds) {

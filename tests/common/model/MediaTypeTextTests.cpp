@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <locale>
+#include <sstream>
 
 extern "C" {
 #include <libavcodec/codec_id.h>
@@ -42,68 +43,19 @@ TEST(MediaTypeText, NumbersAreThoseOfFfmpeg) {
     static_assert(static_cast<int>(PixelFormat_t::BGRA) == AV_PIX_FMT_BGRA);
     static_assert(static_cast<int>(SampleFormat_t::DBLP) == AV_SAMPLE_FMT_DBLP);
     // Each enumerator that has a display name of its own has that name; the rest are the ranges.
-    struct Case {
-        int code;
-        const char* display;
-    };
-    constexpr Case Cases[] = {{0, "None"},
-                              {1, "MPEG1"},
-                              {2, "MPEG2"},
-                              {4, "H263"},
-                              {7, "MJPEG"},
-                              {12, "MPEG4"},
-                              {13, "Uncompressed"},
-                              {17, "WMV"},
-                              {18, "WMV"},
-                              {71, "WMV"},
-                              {70, "VC1"},
-                              {27, "H264"},
-                              {139, "VP8"},
-                              {167, "VP9"},
-                              {173, "H265"},
-                              {65536, "PCM"},
-                              {65541, "PCM"},
-                              {65542, "G711U"},
-                              {65543, "G711A"},
-                              {65544, "PCM"},
-                              {65566, "PCM"},
-                              {65567, "Codec 65567"},
-                              {69643, "G726"},
-                              {69660, "G722"},
-                              {73728, "AMR_NB"},
-                              {73729, "AMR_WB"},
-                              {77824, "RealAudio"},
-                              {77825, "RealAudio"},
-                              {86016, "MP2"},
-                              {86017, "MP3"},
-                              {86018, "AAC"},
-                              {86019, "AC3"},
-                              {86020, "DTS"},
-                              {86021, "Vorbis"},
-                              {86022, "Codec 86022"},
-                              {86023, "WMA"},
-                              {86024, "WMA"},
-                              {86052, "WMA"},
-                              {86053, "WMA"},
-                              {86054, "WMA"},
-                              {86028, "FLAC"},
-                              {86032, "ALAC"},
-                              {86034, "GSM"},
-                              {86037, "TrueSpeech"},
-                              {86038, "TTA"},
-                              {86040, "QCELP"},
-                              {86041, "WavPack"},
-                              {86046, "GSM_MS"},
-                              {86048, "Ape"},
-                              {86056, "EAC3"},
-                              {86058, "MP1"},
-                              {86065, "AAC-LATM"},
-                              {86068, "G723_1"},
-                              {86069, "G729"},
-                              {-5, "Codec -5"}};
-    for (const Case& c : Cases) {
-        EXPECT_EQ(CodecName(static_cast<Codec_t>(c.code)), c.display);
+    std::istringstream names(
+        "0 None/1 MPEG1/2 MPEG2/4 H263/7 MJPEG/12 MPEG4/13 Uncompressed/17 WMV/18 WMV/71 WMV/70 VC1/"
+        "27 H264/139 VP8/167 VP9/173 H265/65536 PCM/65541 PCM/65542 G711U/65543 G711A/65544 PCM/"
+        "65566 PCM/65567 Codec 65567/69643 G726/69660 G722/73728 AMR_NB/73729 AMR_WB/77824 RealAudio/"
+        "77825 RealAudio/86016 MP2/86017 MP3/86018 AAC/86019 AC3/86020 DTS/86021 Vorbis/"
+        "86022 Codec 86022/86023 WMA/86024 WMA/86052 WMA/86053 WMA/86054 WMA/86028 FLAC/86032 ALAC/"
+        "86034 GSM/86037 TrueSpeech/86038 TTA/86040 QCELP/86041 WavPack/86046 GSM_MS/86048 Ape/"
+        "86056 EAC3/86058 MP1/86065 AAC-LATM/86068 G723_1/86069 G729/-5 Codec -5");
+    int code = 0;
+    for (std::string name; names >> code && std::getline(names >> std::ws, name, '/');) {
+        EXPECT_EQ(CodecName(static_cast<Codec_t>(code)), name);
     }
+    EXPECT_EQ(code, -5) << "the last";
 }
 
 TEST(MediaTypeText, ParsesTheNamesItKnows) {

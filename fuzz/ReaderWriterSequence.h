@@ -1,7 +1,7 @@
 #pragma once
 
 // A sequence of reader and writer operations, taken from bytes, against a model that keeps one bit at a time.
-// Shared by the fuzz target and the tests. A difference is a std::logic_error.
+// A difference is a std::logic_error.
 
 #include <algorithm>
 #include <cstdint>
