@@ -1,7 +1,6 @@
 #include "mivra/common/binary/EndianBinaryReader.h"
 
 #include "mivra/common/binary/EndianBinaryWriter.h"
-
 #include "tests/common/binary/BinaryFixture.h"
 
 namespace Mivra::Test {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <string>
@@ -123,6 +124,11 @@ TEST_F(MediaGlobalTest, ExtraBigPoolNamesTheBigOneInItsLine) {
     PacketBuffer* const buffer = MediaGlobal::LockBuffer(31);
     EXPECT_EQ(buffer->Size(), 40);
     EXPECT_EQ(buffer->Allocator()->BufferCount(), 4);
+    std::vector<PacketBuffer*> others(4);
+    std::generate(others.begin(), others.end(), [] { return MediaGlobal::LockBuffer(31); });
+    EXPECT_EQ(buffer->Allocator()->BufferCount(), 5) << "it may grow";
+    for (PacketBuffer* const other : others)
+        other->Release();
     MediaGlobal::Uninitialize();
     EXPECT_EQ(buffer->Release(), 0);
     MediaGlobal::Initialize({10, 1, false, 1.0F}, {20, 1, false, 1.0F}, {30, 1, false, 1.0F});
