@@ -8,7 +8,6 @@
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/ffmpeg/EncoderOpening.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
-#include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
@@ -63,7 +62,6 @@ std::string EncoderCore::Open() {
     if (!ffmpeg.IsLoaded()) {
         return "FFmpeg cannot be loaded";
     }
-    RouteFfmpegLog();
     if (const char* const missing = missingFunction()) {
         return std::string("FFmpeg lacks the function ") + missing;
     }

@@ -113,18 +113,24 @@ AVPixelFormat choosePixelFormat(const EncoderRequest& request, const AVCodec& co
     return first == nullptr ? AV_PIX_FMT_YUV420P : *first;
 }
 
-/// The description of colours: the output type's, else, where nothing is converted, the input's.
+/// The description of colours: the output type's, else the input's, as converted pictures keep theirs; but
+/// what is no RGB any more has not its matrix either.
 void setColors(const EncoderRequest& request, AVCodecContext& context) {
-    const bool kept = toFfmpeg(request.input.PixelFormat()) == context.pix_fmt;
-    const auto look = [&](const char* key, int none) {
-        const std::int64_t given = kept ? metadataNumber(request.input, key, none) : none;
-        return static_cast<int>(metadataNumber(request.output, key, given));
+    const auto look = [&](const char* key, int none, int count) {
+        return metadataEnumerator(request.output, key, metadataEnumerator(request.input, key, none, count),
+                                  count);
     };
-    context.color_range = AVColorRange(look(Key::kColorRange, AVCOL_RANGE_UNSPECIFIED));
-    context.color_primaries = AVColorPrimaries(look(Key::kColorPrimaries, AVCOL_PRI_UNSPECIFIED));
-    context.color_trc = AVColorTransferCharacteristic(look(Key::kColorTransfer, AVCOL_TRC_UNSPECIFIED));
-    context.colorspace = AVColorSpace(look(Key::kColorSpace, AVCOL_SPC_UNSPECIFIED));
-    context.chroma_sample_location = AVChromaLocation(look(Key::kChromaLocation, AVCHROMA_LOC_UNSPECIFIED));
+    context.color_range = AVColorRange(look(Key::kColorRange, AVCOL_RANGE_UNSPECIFIED, AVCOL_RANGE_NB));
+    context.color_primaries =
+        AVColorPrimaries(look(Key::kColorPrimaries, AVCOL_PRI_UNSPECIFIED, AVCOL_PRI_NB));
+    context.color_trc =
+        AVColorTransferCharacteristic(look(Key::kColorTransfer, AVCOL_TRC_UNSPECIFIED, AVCOL_TRC_NB));
+    context.colorspace = AVColorSpace(look(Key::kColorSpace, AVCOL_SPC_UNSPECIFIED, AVCOL_SPC_NB));
+    context.chroma_sample_location =
+        AVChromaLocation(look(Key::kChromaLocation, AVCHROMA_LOC_UNSPECIFIED, AVCHROMA_LOC_NB));
+    if (context.colorspace == AVCOL_SPC_RGB && toFfmpeg(request.input.PixelFormat()) != context.pix_fmt) {
+        context.colorspace = AVCOL_SPC_UNSPECIFIED;
+    }
 }
 
 std::string setPicture(const EncoderRequest& request, const AVCodec& codec, AVCodecContext& context) {
@@ -323,6 +329,11 @@ AVRational frameRate(const EncoderRequest& request) {
     return {kUsualRate, 1};
 }
 
+int metadataEnumerator(const MediaType& type, const char* key, int none, int count) {
+    const std::int64_t value = metadataNumber(type, key, none);
+    return value >= 0 && value < count ? static_cast<int>(value) : none;
+}
+
 AVSampleFormat rawSampleFormat(const MediaType& type) {
     SampleFormat_t meant = SampleFormat_t::None;
     switch (type.CodecId()) {
@@ -363,6 +374,7 @@ AVSampleFormat rawSampleFormat(const MediaType& type) {
 
 std::string openEncoder(const EncoderRequest& request, const AVCodec& codec, int upload,
                         CodecContextPointer& context) {
+    ComplaintWatch watch;
     CodecContextPointer made(FfmpegProxy::avcodec_alloc_context3(&codec));
     if (made == nullptr) {
         return "no memory";
@@ -379,7 +391,6 @@ std::string openEncoder(const EncoderRequest& request, const AVCodec& codec, int
     if (!request.setsInPackets) {
         made->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
-    ComplaintWatch watch;
     if (upload != AV_HWDEVICE_TYPE_NONE) {
         problem = setUpload(upload, *made);
     }

@@ -30,6 +30,10 @@ AVRational frameRate(const EncoderRequest& request);
 /// is no raw audio that this machine reads (big-endian, 24 bits), or the two contradict each other.
 AVSampleFormat rawSampleFormat(const Common::MediaType& type);
 
+/// An enumerator of FFmpeg's that the metadata carries; `none` when there is no such key, or the value is none
+/// of the `count` that there are.
+int metadataEnumerator(const Common::MediaType& type, const char* key, int none, int count);
+
 /// Opens the encoder with the sizes, rates and formats of the request, what the output type leaves open taken
 /// from the input type. Upload: as in EncoderCandidate. Empty, and `context` is open; else why not, and
 /// `context` is untouched. What FFmpeg says meanwhile goes to the log at level 4; its first complaint is part

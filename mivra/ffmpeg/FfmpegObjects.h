@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
 
@@ -19,10 +20,14 @@ extern "C" {
 
 namespace Mivra::FFmpeg {
 
-/// One Load of FFmpeg for as long as the object lives.
+/// One Load of FFmpeg for as long as the object lives, with FFmpeg's messages in the library's log.
 class FfmpegUse {
 public:
-    FfmpegUse() : loaded(FfmpegProxy::Load()) {}
+    FfmpegUse() : loaded(FfmpegProxy::Load()) {
+        if (loaded) {
+            RouteFfmpegLog();
+        }
+    }
     ~FfmpegUse() {
         if (loaded) {
             FfmpegProxy::Unload();

@@ -1,15 +1,18 @@
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "mivra/ffmpeg/EncoderInput.h"
+#include "mivra/ffmpeg/EncoderOpening.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
 #include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/ffmpeg/FrameTimes.h"
 #include "mivra/ffmpeg/PictureLayout.h"
+#include "mivra/ffmpeg/PictureScaler.h"
 
 extern "C" {
 #include <libavutil/log.h>
-#include <libswscale/swscale.h>
 }
 
 namespace Mivra::FFmpeg {
@@ -62,7 +65,9 @@ private:
     PictureTimes times;
     PictureLayout given;
     PictureLayout taken;
-    ScalerPointer scaler;             // null: pictures fit as they are
+    PictureScaler scaler;
+    bool scales = false;              // else pictures fit as they are
+    FramePointer source;              // what the scaler reads from
     AVBufferRef* surfaces = nullptr;  // the encoder's; null: it takes pictures from memory
     Reference<PacketBuffer> pending;
     std::int64_t pendingTick = 0;
@@ -85,15 +90,28 @@ std::string PictureInput::Configure(const MediaType& type, const AVCodecContext&
     from.format = withRange(from.format, metadataNumber(type, Key::kColorRange, 0) == AVCOL_RANGE_JPEG);
     given = from;
     taken = to;
-    scaler.reset();
-    if (given.format == taken.format && given.width == taken.width && given.height == taken.height) {
+    scales = given.format != taken.format || given.width != taken.width || given.height != taken.height;
+    if (!scales) {
         return {};
     }
+    if (source == nullptr) {
+        source.reset(FfmpegProxy::av_frame_alloc());
+    }
+    if (source == nullptr) {
+        return "no memory";
+    }
+    source->format = given.format;
+    source->width = given.width;
+    source->height = given.height;
+    source->color_range = AVColorRange(
+        metadataEnumerator(type, Key::kColorRange, AVCOL_RANGE_UNSPECIFIED, AVCOL_RANGE_NB));
+    source->colorspace =
+        AVColorSpace(metadataEnumerator(type, Key::kColorSpace, AVCOL_SPC_UNSPECIFIED, AVCOL_SPC_NB));
+    for (int plane = 0; plane < kMostPlanes; ++plane) {
+        source->linesize[plane] = given.linesizes[plane];
+    }
     ScalerWatch watch;
-    scaler.reset(FfmpegProxy::sws_getContext(given.width, given.height, given.format, taken.width,
-                                             taken.height, taken.format, SWS_BICUBIC, nullptr, nullptr,
-                                             nullptr));
-    return scaler == nullptr ? "the pictures cannot be converted" : std::string();
+    return PictureScaler::CanMake(taken) ? std::string() : "the pictures cannot be converted";
 }
 
 std::string PictureInput::Take(PacketBuffer& buffer) {
@@ -145,9 +163,9 @@ bool PictureInput::convert(AVFrame& frame) {
     }
     std::uint8_t* planes[kMostPlanes] = {};
     given.Point(reinterpret_cast<std::uint8_t*>(pending->Buffer()), planes);
+    std::copy(std::begin(planes), std::end(planes), source->data);
     ScalerWatch watch;
-    return FfmpegProxy::sws_scale(scaler.get(), planes, given.linesizes, 0, given.height, frame.data,
-                                  frame.linesize) == taken.height;
+    return scaler.Scale(*source, taken, frame.data[0]);
 }
 
 /// Puts the picture on a surface of the encoder's device.
@@ -168,9 +186,8 @@ bool PictureInput::Next(AVFrame& frame) {
         return false;
     }
     const bool filled =
-        scaler != nullptr
-            ? convert(frame)
-            : fillFrame(*pending.get(), reinterpret_cast<std::uint8_t*>(pending->Buffer()), given, frame);
+        scales ? convert(frame)
+               : fillFrame(*pending.get(), reinterpret_cast<std::uint8_t*>(pending->Buffer()), given, frame);
     if (!filled || (surfaces != nullptr && !upload(frame))) {
         FfmpegProxy::av_frame_unref(&frame);
         return false;
