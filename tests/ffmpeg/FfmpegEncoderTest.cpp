@@ -6,11 +6,16 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/ffmpeg/EncoderOptions.h"
 #include "tests/ffmpeg/EncoderFixture.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 namespace Mivra::Test {
 namespace {
@@ -123,6 +128,191 @@ TEST_F(FfmpegEncoderTest, SamplesAreWhatFfmpegTakesAndKeepTheirTimes) {
         }
         EXPECT_GE(sample + padding, one.rate);  // everything went in
     }
+}
+
+TEST_F(FfmpegEncoderTest, TimesOffTheGridComeOutAsTheyWentIn) {
+    const MediaType input = videoInput({});
+    for (const Codec_t codec : {Codec_t::H264, Codec_t::MPEG4}) {
+        Frames frames = pictures(input, 60);
+        std::vector<std::int64_t> times;
+        std::int64_t time = -7 * kSecond;
+        for (std::size_t n = 0; n < frames.size(); ++n) {
+            // Jitter, two very close, and gaps of up to an hour.
+            time += n % 7 == 3 ? 1
+                    : n == 40  ? 3600 * kSecond
+                               : 400000 + std::int64_t(n * n * 7919 % 200000) - 100000;
+            frames[n]->Pts() = time;
+            frames[n]->Duration() = 1000 + std::int64_t(n);
+            frames[n]->StreamIndex() = 3;
+            frames[n]->Discontinuity() = n == 40;
+            times.push_back(time);
+        }
+        const auto encoder = make(input, wanted(codec), "bf=2:g=15");
+        const Frames packets = encode(*encoder, frames);
+        ASSERT_EQ(packets.size(), frames.size());
+        for (std::size_t at = 0; at < packets.size(); ++at) {
+            const auto n = std::find(times.begin(), times.end(), packets[at]->Pts()) - times.begin();
+            ASSERT_LT(n, 60);
+            EXPECT_EQ(packets[at]->Duration(), 1000 + n);
+            EXPECT_EQ(packets[at]->Discontinuity(), n == 40);
+            EXPECT_EQ(packets[at]->StreamIndex(), 3);
+            EXPECT_LE(packets[at]->Dts(), packets[at]->Pts());
+            EXPECT_TRUE(at == 0 || packets[at]->Dts() > packets[at - 1]->Dts()) << at;
+            times[std::size_t(n)] = INT64_MIN;
+        }
+    }
+}
+
+TEST_F(FfmpegEncoderTest, SamplesKeepTheTimesOfTheirBuffers) {
+    const MediaType input = audioInput(SampleFormat_t::S16, 48000, 1);
+    Frames frames = tones(input, 10240, 1024);
+    for (std::size_t n = 5; n < frames.size(); ++n) {
+        frames[n]->Pts() += 3 * kSecond + 1;  // a gap
+    }
+    frames[7]->Pts() = INT64_MIN;  // follows from the one before
+    MediaType output = wanted(Codec_t::AAC);
+    output.Timescale() = {1, 1000};
+    const auto encoder = make(input, output);
+    const Frames packets = encode(*encoder, frames);
+    ASSERT_EQ(packets.size(), 11U);
+    for (std::size_t n = 0; n < packets.size(); ++n) {
+        const std::int64_t sample = (std::int64_t(n) - 1) * 1024;
+        const std::int64_t gap = n > 5 ? 3 * kSecond + 1 : 0;
+        const std::int64_t exact =
+            FfmpegProxy::av_rescale_q(sample, {1, 48000}, FFmpeg::kEngineTimeBase) + gap;
+        EXPECT_EQ(packets[n]->Pts(), FfmpegProxy::av_rescale_q(exact, FFmpeg::kEngineTimeBase, {1, 1000}))
+            << n;
+    }
+}
+
+TEST_F(FfmpegEncoderTest, SamplesOfAnotherRateAreConvertedAndKeepTheirTimes) {
+    const MediaType input = audioInput(SampleFormat_t::FLT, 44100, 2);
+    MediaType output = wanted(Codec_t::PCM_S16LE);
+    output.SampleRate() = 48000;
+    output.Channels() = 1;
+    const auto encoder = make(input, output);
+    const Frames packets = encode(*encoder, tones(input, 44100, 441));
+    std::int64_t samples = 0;
+    for (const Frame& packet : packets) {
+        EXPECT_EQ(packet->Pts(), FfmpegProxy::av_rescale_q(samples, {1, 48000}, FFmpeg::kEngineTimeBase));
+        samples += packet->ActualSize() / 2;
+    }
+    EXPECT_EQ(samples, 48000);
+    EXPECT_EQ(encoder->GetOutputMediaType()->Bitrate(), 768000);
+    EXPECT_FALSE(encoder->GetOutputMediaType()->Compressed());
+}
+
+TEST_F(FfmpegEncoderTest, LosslessCodecsGiveBackWhatWentIn) {
+    const MediaType input = videoInput({});
+    const Frames frames = pictures(input, 10);
+    MediaType output = wanted(Codec_t::H264);
+    const auto encoder = make(input, output, "qp=0:preset=veryfast:bf=2");
+    const Frames packets = encode(*encoder, frames);
+    mux(folder / "lossless.mov", "mov", *encoder->GetOutputMediaType(), packets);
+    const std::string decoded =
+        run("ffmpeg -v warning -i " + (folder / "lossless.mov") + " -f rawvideo -pix_fmt yuv420p -");
+    EXPECT_TRUE(decoded == bytesOf(frames));
+    const MediaType audio = audioInput(SampleFormat_t::S16, 48000, 2);
+    const Frames samples = tones(audio, 5000, 333);
+    EXPECT_TRUE(bytesOf(encode(*make(audio, wanted(Codec_t::PCM_S16LE)), samples)) == bytesOf(samples));
+}
+
+TEST_F(FfmpegEncoderTest, LayoutsOfTheSamePictureGiveTheSamePackets) {
+    for (const PixelFormat_t format : {PixelFormat_t::YUV420P, PixelFormat_t::NV12, PixelFormat_t::RGB24}) {
+        const MediaType packed = videoInput({62, 46, format});
+        MediaType padded = packed;
+        padded.CodecMetadata()["Stride"] = format == PixelFormat_t::RGB24 ? 200 : 80;
+        padded.CodecMetadata()["Rows"] = 64;
+        Frames changing = pictures(packed, 5);
+        const Frames others = pictures(padded, 10);
+        changing.insert(changing.end(), others.begin() + 5, others.end());
+        changing[5]->NewMediaType() = new MediaType(padded);
+        const std::string expected =
+            bytesOf(encode(*make(packed, wanted(Codec_t::MPEG4)), pictures(packed, 10)));
+        EXPECT_TRUE(bytesOf(encode(*make(padded, wanted(Codec_t::MPEG4)), others)) == expected);
+        EXPECT_TRUE(bytesOf(encode(*make(packed, wanted(Codec_t::MPEG4)), changing)) == expected);
+    }
+}
+
+TEST_F(FfmpegEncoderTest, PicturesAreScaledToTheOutputsSize) {
+    const MediaType input = videoInput({176, 144, PixelFormat_t::RGBA});
+    MediaType output = wanted(Codec_t::H264, 200000);
+    output.Width() = 88;
+    output.Height() = 72;
+    output.CodecMetadata()["Profile"] = FF_PROFILE_H264_BASELINE;
+    output.CodecMetadata()["Level"] = 21;
+    output.PixelFormat() = PixelFormat_t::RGBA;  // which libx264 has not
+    const auto encoder = make(input, output, "preset=veryfast");
+    const MediaType& type = *encoder->GetOutputMediaType();
+    EXPECT_EQ(type.PixelFormat(), PixelFormat_t::YUV420P);
+    EXPECT_EQ(type.GetProfileLevel(), 0x42c015U);
+    mux(folder / "small.mov", "mov", type, encode(*encoder, pictures(input, 3)));
+    const std::string file = folder / "small.mov";
+    EXPECT_EQ(run("ffprobe -v warning -show_entries stream=width,height,profile,level -of csv=p=0 " + file),
+              "Constrained Baseline,88,72,21\n");
+    const std::string ours = run("ffmpeg -v error -i " + file + " -f rawvideo -pix_fmt gray -");
+    const std::string theirs = bytesOf(pictures(input, 3));
+    const auto mean = [](const std::string& bytes) {
+        double sum = 0;
+        for (const char byte : bytes) {
+            sum += static_cast<unsigned char>(byte);
+        }
+        return sum / double(bytes.size());
+    };
+    EXPECT_EQ(ours.size(), 3U * 88 * 72);
+    EXPECT_NEAR(mean(ours), mean(theirs), 8);
+}
+
+TEST_F(FfmpegEncoderTest, PrivateDataAndItsFormAreAsAskedFor) {
+    using Codecs::H264::H264ConfigurationParser;
+    const MediaType input = videoInput({});
+    const Frames frames = pictures(input, 4);
+    const auto prefixed = make(input, wanted(Codec_t::H264), "preset=ultrafast");
+    EXPECT_TRUE(prefixed->IsOutputMediaTypeDirty());
+    MediaType type = *prefixed->GetOutputMediaType();
+    EXPECT_EQ(privateData(type).substr(0, 1), "\1");
+    const Frames lengths = encode(*prefixed, frames);
+    EXPECT_FALSE(prefixed->IsOutputMediaTypeDirty());
+    MediaType output = wanted(Codec_t::H264);
+    setPrivateData(output, std::string("\0\0\0\1", 4));
+    const auto codes = make(input, output, "preset=ultrafast");
+    EXPECT_EQ(codes->GetOutputMediaType()->CodecPrivateDataSize(), 0);
+    const Frames units = encode(*codes, frames);
+    EXPECT_TRUE(codes->IsOutputMediaTypeDirty());
+    MediaType annexB = *codes->GetOutputMediaType();
+    WriteWholeFile(folder / "x.h264", bytesOf(units));
+    EXPECT_EQ(run("ffprobe -v warning -count_frames -show_entries stream=nb_read_frames -of csv=p=0 " +
+                  (folder / "x.h264")),
+              "4\n");
+    EXPECT_TRUE(H264ConfigurationParser::ConvertPrivateDataToAnnexB(type));
+    EXPECT_EQ(privateData(type), privateData(annexB));
+    EXPECT_NE(bytesOf(units).find(privateData(annexB)), std::string::npos);
+    const auto aac = make(audioInput(SampleFormat_t::S16, 48000, 2), wanted(Codec_t::AAC));
+    EXPECT_EQ(privateData(*aac->GetOutputMediaType()).substr(0, 2), "\x11\x90");  // ISO/IEC 14496-3 1.6.2.1
+    EXPECT_EQ(aac->GetOutputMediaType()->ToBucketMediaType(), "mp4a.40.2");
+    EXPECT_EQ(aac->GetOutputMediaType()->ChannelLayout(), 2U);
+}
+
+TEST_F(FfmpegEncoderTest, MessagesOfFfmpegGoToTheLog) {
+    struct Watch : FFmpeg::FfmpegMessageWatch {
+        int OnMessage(const void* object, int level, std::string_view message) noexcept override {
+            seen.push_back({object, level, std::string(message)});
+            return level == AV_LOG_FATAL ? AV_LOG_INFO : level;
+        }
+        std::vector<std::tuple<const void*, int, std::string>> seen;
+    };
+    const MediaType input = videoInput({});
+    Watch watch;
+    const auto encoder = make(input, wanted(Codec_t::H264), "preset=ultrafast");
+    EXPECT_TRUE(log.Contains("FFmpeg: [libx264"));
+    EXPECT_EQ(log.Lines(Common::FileLog::Warning).size(), 0U);
+    EXPECT_TRUE(watch.seen.empty());  // told to the innermost, which is the engine's
+    SwsContext* const none = FfmpegProxy::sws_getContext(16, 16, AV_PIX_FMT_VAAPI, 16, 16, AV_PIX_FMT_YUV420P,
+                                                         4, nullptr, nullptr, nullptr);
+    EXPECT_EQ(none, nullptr);
+    ASSERT_EQ(watch.seen.size(), 1U);
+    EXPECT_EQ(std::get<1>(watch.seen[0]), AV_LOG_ERROR);
+    EXPECT_NE(onlyError().find("FFmpeg: [swscaler @"), std::string::npos);
 }
 
 /// The libraries alone: every frame sent, every packet taken, one thread.
