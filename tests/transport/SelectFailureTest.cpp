@@ -99,7 +99,9 @@ TEST_F(SelectFailure, StartsWholeOrNotAtAll) {
         const FaultPlan plan(FaultKind::StartThread, 2);
         EXPECT_FALSE(engine->Start());
     }
-    EXPECT_EQ(log.Errors().size(), 3U);
+    ASSERT_EQ(log.Errors().size(), 3U);
+    EXPECT_EQ(log.Errors()[1], "SelectTransport::Start: worker thread 1 could not be started: 24");
+    EXPECT_EQ(log.Errors()[2], "SelectTransport::Start: worker thread 1 could not be started: 11");
     log.Clear();
     EXPECT_TRUE(engine->Start());
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
@@ -93,15 +95,18 @@ bool SelectTransport::startWorkers() {
     AutoLock guard(engineLock);
     const int count = workerCount;
     for (int i = 0; i < count; ++i) {
-        const char* reason = "no descriptor";
+        int error;
         try {
             workers.push_back(std::make_shared<SelectWorker>(*this, i));
             if (workers.back()->Start()) continue;
-        } catch (const std::exception& error) {
-            reason = error.what();
+            error = errno;
+        } catch (const std::system_error& failure) {
+            error = failure.code().value();
+        } catch (const std::bad_alloc&) {
+            error = ENOMEM;
         }
-        LogLine(FileLog::Error, "SelectTransport::Start: worker thread %d could not be started: %s", i,
-                reason);
+        LogLine(FileLog::Error, "SelectTransport::Start: worker thread %d could not be started: %d", i,
+                error);
         return false;
     }
     return true;
