@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Holds the README to the tree: check_readme.py SOURCE-FOLDER [MIVRA]
 
-The program it shows is examples/FirstPacket.cpp to the letter, every file it points to is there, and the commands it
+The programs it shows are those of examples/ to the letter, every file it points to is there, and the commands it
 shows for a shell do what they are for.
 """
 
@@ -11,7 +11,7 @@ import subprocess
 import sys
 import tempfile
 
-PROGRAM = "examples/FirstPacket.cpp"
+PROGRAMS = ["examples/FirstPacket.cpp", "examples/EchoServer.cpp"]
 
 
 def run_recipes(readme, mivra):
@@ -33,11 +33,9 @@ def main():
     readme = (root / "README.md").read_text(encoding="utf-8")
     if len(sys.argv) > 2:
         faults += run_recipes(readme, sys.argv[2])
-    shown = re.search(r"```cpp\n(.*?)```", readme, re.DOTALL)
-    if shown is None:
-        faults.append("README.md shows no program")
-    elif shown[1] != (root / PROGRAM).read_text(encoding="utf-8"):
-        faults.append(f"the program in README.md is not {PROGRAM}")
+    shown = re.findall(r"```cpp\n(.*?)```", readme, re.DOTALL)
+    if shown != [(root / program).read_text(encoding="utf-8") for program in PROGRAMS]:
+        faults.append(f"the programs in README.md are not {', '.join(PROGRAMS)}")
     for document in [root / "README.md", *sorted((root / "docs").rglob("*.md"))]:
         text = document.read_text(encoding="utf-8")
         for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", text):
