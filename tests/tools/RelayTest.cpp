@@ -28,10 +28,17 @@ namespace {
 using Common::MediaType;
 using Common::PacketBuffer;
 using Common::Reference;
+using Mivra::Test::FaultKind;
+using Mivra::Test::FaultPlan;
 
 std::string film(const std::string& name) {
     const char* const folder = std::getenv("MIVRA_FILMS");
-    return (folder != nullptr ? std::string(folder) : ".") + "/" + name;
+    std::string path = (folder != nullptr ? std::string(folder) : ".") + "/" + name;
+    if (!std::filesystem::exists(path)) {
+        std::fprintf(stderr, "%s is missing: run these by ctest, whose tools.films makes it\n", path.c_str());
+        std::exit(1);
+    }
+    return path;
 }
 
 /// Keeps what it is told; holds the session up while the gate is shut.
@@ -115,7 +122,9 @@ public:
         session.Start();
         for (std::uint64_t before = 0; before == 0 || before != shared->monitor.Packets();) {
             before = shared->monitor.Packets();
-            shared->monitor.Wait(20, -1);
+            if (shared->monitor.Wait(20, -1)) {
+                return;
+            }
         }
     }
     void Stop() {
@@ -233,9 +242,14 @@ TEST_F(RelayTest, StopEndsASourceThatWaitsForBuffers) {
     FileSource& source = flow.Read(film("bframes.mp4"));
     sink.gate.acquire();
     flow.StartUntilHeldBack();
-    source.Stop();
+    {
+        const FaultPlan noThreads(FaultKind::StartThread, 1, FaultPlan::Span::FromThenOn);
+        EXPECT_THROW(source.Stop(), std::system_error);  // which tell of it; it stops all the same
+    }
     EXPECT_EQ(source.State(), Media::MediaState::Stopped);
     sink.gate.release();
+    flow.shared->monitor.Wait(1000, -1);
+    EXPECT_LT(flow.shared->monitor.Packets(), 361u);
 }
 
 TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
@@ -336,8 +350,6 @@ TEST_F(RelayTest, APacketThatTheEndRefusesIsDamageAndKeepsNoOtherBack) {
 
 // The end of a relay starts five threads to tell of it; the file does not depend on any of them.
 TEST_F(RelayTest, OutputsAreFinishedWhenNoThreadCanBeStarted) {
-    using Mivra::Test::FaultKind;
-    using Mivra::Test::FaultPlan;
     RelayOptions options;
     options.inputs = {film("bframes.mp4")};
     options.outputs = {folder / "a.mp4"};
@@ -368,8 +380,7 @@ TEST_F(RelayTest, TheSteadyStateAllocatesNothing) {
         std::uint64_t calls[2];
         std::uint64_t packets[2];
         for (const int i : {0, 1}) {
-            const Mivra::Test::FaultPlan counter(Mivra::Test::FaultKind::Allocate,
-                                                 std::numeric_limits<std::uint64_t>::max());
+            const FaultPlan counter(FaultKind::Allocate, UINT64_MAX);
             Flow flow;
             flow.Read(film(name), i == 0 ? 1 : 4);
             flow.Write(folder / "a.ts", false);

@@ -122,7 +122,11 @@ void FileSource::Start() {
 }
 
 void FileSource::Stop() {
-    setStateInThread(MediaState::Stopping);
+    try {
+        setStateInThread(MediaState::Stopping);
+    } catch (const std::system_error&) {
+        // No thread to tell of it: it ends all the same.
+    }
     halt();
     setStateInThread(MediaState::Stopped);
 }

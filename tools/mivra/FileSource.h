@@ -63,7 +63,8 @@ public:
 
     void Open() override;
     void Start() override;
-    /// Any thread but its own: ends Open and the delivery, and waits for the thread's end.
+    /// Any thread but its own: ends Open and the delivery, and waits for the thread's end. Does so too when
+    /// it throws because no thread can be started to tell of it.
     void Stop() override;
     int GetStreamCount() override;
     Common::MediaType GetMediaType(int streamIndex) override;
