@@ -265,6 +265,9 @@ TEST_F(RelayTest, PauseHoldsAndSettingsAnswer) {
     });
     source.Pause();
     flow.session.Start();
+    while (flow.session.State() != Media::MediaState::Running) {
+        flow.shared->monitor.Wait(5, -1);
+    }
     EXPECT_FALSE(flow.shared->monitor.Wait(20, -1));
     EXPECT_EQ(sink.packets, 0);
     EXPECT_TRUE(source.CanSeek());

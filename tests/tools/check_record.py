@@ -166,6 +166,39 @@ class Rotation(Case):
                 os.unlink(recorder.pipe)
 
 
+def record(*words, **options):
+    """A recording of files, with its events."""
+    done = subprocess.run([MIVRA, "record", *map(str, words), "--json", "--stats", "0"], text=True, timeout=60,
+                          stdin=subprocess.DEVNULL, capture_output=True, **options)
+    return done, [json.loads(line) for line in done.stdout.splitlines()]
+
+
+class Inputs(Case):
+    def test_none_waits_for_the_key_frame_of_another(self):
+        """The first has a key frame every 2 s and so nothing to begin with, the second every 0.4 s."""
+        out = self.folder / "both.mkv"
+        done, told = record(INPUTS / "bframes.mp4", FILM, "-o", out, "--preroll", 1, "--trigger", "after:1.5", "--for", 1)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertGreater(told[1]["delivered"], 0.5)
+        recorded = [packets.of(out, stream=stream) for stream in (0, 2)]
+        for got, film in zip(recorded, [INPUTS / "bframes.mp4", FILM]):
+            wanted = [p.data for p in packets.of(film)[0]]
+            first = wanted.index(got[0].data)
+            self.assertTrue(got[0].key)
+            self.assertEqual([p.data for p in got], wanted[first:first + len(got)])
+        self.assertGreater(recorded[0][0].pts - recorded[1][0].pts, 0.5)
+
+    def test_a_cover_is_no_video(self):
+        cover, song, out = self.folder / "cover.png", self.folder / "song.m4a", self.folder / "out.mkv"
+        make = lambda *words: subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *map(str, words)], check=True)
+        make("-f", "lavfi", "-i", "testsrc2=s=64x64", "-frames:v", 1, cover)
+        make("-f", "lavfi", "-i", "sine", "-i", cover, "-t", 3, "-map", 0, "-map", 1, "-c:v", "copy", "-disposition:v",
+             "attached_pic", song)
+        done, told = record(song, "-o", out, "--preroll", 1, "--trigger", "after:1.5", "--for", 0.2)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertGreater(told[1]["delivered"], 0.9)
+
+
 class Ends(Case):
     def test_interrupted(self):
         body = FILM.read_bytes()
@@ -197,6 +230,41 @@ class Ends(Case):
         out, complaints = recorder.child.communicate(timeout=60)
         recorder.told += [json.loads(line) for line in out.splitlines()]
         return recorder.child.returncode, complaints
+
+    def test_without_a_key_frame(self):
+        done, _ = record(INPUTS / "bframes.mp4", "-o", self.folder / "a.ts", "--preroll", 1, "--trigger", "after:1.3",
+                         "--for", 0.1)
+        self.assertEqual((done.returncode, done.stderr),
+                         (4, "mivra: no key frame came before the end; nothing is recorded\n"))
+        self.assertEqual(list(self.folder.iterdir()), [])
+
+    def test_killed(self):
+        """The next recording removes what is left, and nothing of one that lives."""
+        os.environ["XDG_DATA_HOME"] = str(self.folder)
+        buffer = self.folder / "Mivrasoft" / "buffer"
+        body = FILM.read_bytes()
+        recorders = []
+        for name in ["dies", "lives"]:
+            recorders.append(Recorder(self, "--cache", "disk", name=name + ".mkv"))
+            recorders[-1].feed(body[:len(body) // 2])
+            os.unlink(recorders[-1].pipe)
+        recorders[0].child.kill()
+        recorders[0].child.wait()
+        left = set(buffer.iterdir())
+        self.assertEqual(len(left), 4)  # of each its lock and a file
+        recorders[1].child.send_signal(signal.SIGSTOP)
+        self.assertEqual(record(FILM, "-o", self.folder / "next.ts", "--cache", "disk", "--trigger", "after:0", "--for",
+                                0.2)[0].returncode, 0)
+        recorders[1].child.send_signal(signal.SIGCONT)
+        kept = set(buffer.iterdir())
+        self.assertEqual(len(kept), 2)
+        self.assertLess(kept, left)
+        recorders[1].child.send_signal(signal.SIGUSR1)
+        recorders[1].await_event("recording")
+        recorders[1].write(body[len(body) // 2:])
+        self.assertEqual(recorders[1].end(), (0, ""))
+        self.is_tail(recorders[1].files())
+        self.assertEqual(list(buffer.iterdir()), [])
 
     def test_before_the_trigger(self):
         recorder = Recorder(self)
@@ -271,6 +339,17 @@ class Refusals(Case):
                 self.assertRegex(done.stderr, r"\Amivra: [^\n]+\n\Z")
                 self.assertIn(text, done.stderr)
         self.assertFalse((self.folder / "a.ts").exists())
+
+    def test_a_pipe_is_opened_once(self):
+        out = self.folder / "out.mkv"
+        os.mkfifo(out)
+        reader = subprocess.Popen(["ffprobe", "-v", "error", "-count_packets", "-show_entries", "stream=nb_read_packets",
+                                   "-of", "csv=p=0", out], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(reader.kill)
+        recorder = Recorder(self, trigger="after:0")
+        recorder.write(FILM.read_bytes())
+        self.assertEqual(recorder.end(), (0, ""))
+        self.assertEqual(reader.communicate(timeout=60), ("150\n283\n", ""))
 
     def test_a_full_device(self):
         (self.folder / "full.ts").symlink_to("/dev/full")

@@ -81,6 +81,10 @@ void FileSource::openInput() {
     demuxer->Open();
     for (int i = 0; i < demuxer->StreamCount(); ++i) {
         types.push_back(demuxer->Type(i));
+        if (!options.stills && isStill(types.back())) {
+            types.back().ContentType() = Common::ContentType_t::Binary;
+            demuxer->SetDiscarded(i, true);
+        }
         const auto kind = types.back().ContentType();
         const bool read = kind == Common::ContentType_t::Video || kind == Common::ContentType_t::Audio;
         ended.push_back(!read);

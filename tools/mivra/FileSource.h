@@ -35,6 +35,7 @@ struct FileSourceOptions {
     int index = 0;            ///< among the relay's inputs
     bool realtime = false;    ///< no faster than it plays
     std::int64_t length = 0;  ///< so much of it, in kPacketTimeBase; 0: all
+    bool stills = true;       ///< covers of sound are streams of pictures; else of data, and not delivered
     int loops = -1;           ///< when it is set to loop: so many rounds more; below 0: without end
 };
 

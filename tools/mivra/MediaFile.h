@@ -63,6 +63,7 @@ public:
     /// Takes the file away again, when this object made it.
     void Discard();
     AVIOContext* Context() { return context; }
+    bool IsRegular() const { return regular; }
     /// errno of the first write that failed; 0: none.
     int WriteError() const { return writeError; }
     /// How many pieces have left the buffer, and how many of those the system has taken.

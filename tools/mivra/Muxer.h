@@ -42,6 +42,7 @@ public:
     void Begin(const std::vector<Common::MediaType>& types) { Begin(types, Section()); }
     /// Which of the streams Begin would take, and what LeftOut would say then. ProblemError when none.
     std::vector<std::size_t> Choose(const std::vector<Common::MediaType>& types);
+    bool IsRegular() const { return file.IsRegular(); }
     /// Whether Begin has taken the stream.
     bool Takes(int stream) const;
     /// Whether the format has times. Before Finish.

@@ -65,8 +65,7 @@ bool hasFlashRate(const MediaType& type) {
 /// Matroska keeps cover pictures as attachments.
 bool isMatroskaCover(const OutputFormat& format, const MediaType& type) {
     const int codec = static_cast<int>(type.CodecId());
-    return std::strcmp(format.muxer, "matroska") == 0 &&
-           (numberOf(type, Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0 &&
+    return std::strcmp(format.muxer, "matroska") == 0 && isStill(type) &&
            (codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG);
 }
 
@@ -81,10 +80,10 @@ bool holds(const OutputFormat& format, const AVOutputFormat& muxer, const MediaT
 }
 
 std::int64_t score(const MediaType& type) {
-    const std::int64_t disposition = numberOf(type, Key::kDisposition, 0);
-    if ((disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+    if (isStill(type)) {
         return 1;
     }
+    const std::int64_t disposition = numberOf(type, Key::kDisposition, 0);
     const std::int64_t size = type.ContentType() == ContentType_t::Video
                                   ? std::int64_t{type.Width()} * type.Height()
                                   : type.Channels();

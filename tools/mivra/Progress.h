@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,12 @@ namespace Mivra::Tool {
 
 /// Where a relay stands.
 struct Progress {
-    double elapsed = 0;         ///< seconds since the start
-    double position = 0;        ///< seconds of media done
-    double duration = 0;        ///< seconds of media in all, 0 when unknown
-    std::uint64_t packets = 0;  ///< taken from the inputs; in a summary, written
-    std::uint64_t bytes = 0;    ///< payload of those
-    std::uint64_t queued = 0;   ///< packets on their way to the outputs
+    double elapsed = 0;                        ///< seconds since the start
+    double position = 0;                       ///< seconds of media done
+    double duration = 0;                       ///< seconds of media in all, 0 when unknown
+    std::uint64_t packets = 0;                 ///< taken from the inputs; in a summary, written
+    std::uint64_t bytes = 0;                   ///< payload of those
+    std::optional<std::uint64_t> queued = {};  ///< packets on their way to the outputs, where that is known
 };
 
 /// So much media.

@@ -109,7 +109,9 @@ std::vector<Field> liveFields(const Progress& progress, const LiveStyle& style) 
     fields.push_back(plain(speed, 1, static_cast<int>(speed.size()) - (style.unicode ? 1 : 0)));
     fields.push_back(plain(std::to_string(progress.packets) + " packets", 4));
     fields.push_back(plain(scaled(bitRateOf(progress), "b/s"), 5));
-    fields.push_back(plain("queue " + std::to_string(progress.queued), 6));
+    if (progress.queued.has_value()) {
+        fields.push_back(plain("queue " + std::to_string(*progress.queued), 6));
+    }
     return fields;
 }
 
@@ -161,7 +163,7 @@ std::string keyValues(const Progress& progress) {
     }
     line += " speed=" + fixed(speedOf(progress), 2) + " packets=" + std::to_string(progress.packets);
     line += " bytes=" + std::to_string(progress.bytes) + " bitrate=" + fixed(bitRateOf(progress), 0);
-    return line + " queue=" + std::to_string(progress.queued);
+    return progress.queued.has_value() ? line + " queue=" + std::to_string(*progress.queued) : line;
 }
 
 double rounded(double value) {
@@ -182,7 +184,9 @@ Json toJson(const char* event, const Progress& progress) {
     object["packets"] = progress.packets;
     object["bytes"] = progress.bytes;
     object["bitrate"] = std::llround(bitRateOf(progress));
-    object["queue"] = progress.queued;
+    if (progress.queued.has_value()) {
+        object["queue"] = *progress.queued;
+    }
     return object;
 }
 

@@ -90,6 +90,7 @@ private:
             source.path = options.inputs[i];
             source.index = static_cast<int>(i);
             source.realtime = isFile(source.path);
+            source.stills = false;  // or the pre-roll would begin with a picture that comes once
             sources.emplace_back(new FileSource(source, shared));
             sources.back()->SetUniqueId(orderedId(i));
             session.AddSource(sources.back().get());
@@ -185,6 +186,10 @@ private:
         attempt([&] { session.Stop(); });
         attempt([&] { sink->Stop(); });
         tellPreroll();
+        if (isTriggered && !interrupted && sink->Begun() == kUnsetTime) {
+            shared->monitor.Fail(ExitCode::TimeOut,
+                                 {"no key frame came before the end", "", "nothing is recorded"});
+        }
     }
 
     std::int64_t played() const {

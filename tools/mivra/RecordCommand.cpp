@@ -20,8 +20,8 @@ constexpr const char* kFooter =
     "\n  mivra record cam.ts -o 'cam-%Y%m%d-%H%M%S.ts'"
     "\n  mivra record - -o cam.mp4 --preroll 30 --cache disk --trigger signal --for 60"
     "\n  mivra record cam.ts -o 'cam-%H%M%S.ts' --trigger after:0 --rotate 600"
-    "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, or no trigger"
-    "\nbefore the inputs end, 5 damaged input, 6 an output that failed while writing.";
+    "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, or neither"
+    "\ntrigger nor key frame before the end, 5 damaged input, 6 an output that failed while writing.";
 
 constexpr int kMostFiles = 1000;
 constexpr int kLongestPreroll = 86400;  // seconds

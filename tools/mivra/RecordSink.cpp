@@ -25,16 +25,16 @@ bool isJoined(const OutputFormat& format) {
     return std::strcmp(format.muxer, "mpegts") == 0;
 }
 
-/// The stream whose key frames begin files; -1: none is taken.
+/// The stream whose key frames begin the files after the first: the first that carries video, else the first
+/// of all; -1: none is taken.
 int leadingStream(const std::vector<MediaType>& types, const std::vector<bool>& taken) {
     int lead = -1;
     for (std::size_t i = 0; i < types.size(); ++i) {
-        const bool still = (numberOf(types[i], Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0;
-        if (taken[i] && !still) {
-            if (types[i].ContentType() == ContentType_t::Video) {
-                return static_cast<int>(i);
-            }
-            lead = lead < 0 ? static_cast<int>(i) : lead;
+        if (taken[i] && types[i].ContentType() == ContentType_t::Video) {
+            return static_cast<int>(i);
+        }
+        if (taken[i] && lead < 0) {
+            lead = static_cast<int>(i);
         }
     }
     return lead;
@@ -48,11 +48,12 @@ RecordSink::RecordSink(const OutputFormat& of, std::string firstPlace, std::shar
 RecordSink::~RecordSink() {
     destroying = true;
     muxer.reset();
+    opened.reset();
 }
 
 void RecordSink::Open() {
     try {
-        muxer = std::make_unique<Muxer>(place, format, shared->stop);
+        opened = std::make_unique<Muxer>(place, format, shared->stop);
     } catch (const ProblemError& error) {
         if (!shared->stop.IsRaised()) {  // else it was told to give up
             shared->monitor.Fail(error.code, error.problem);
@@ -74,7 +75,7 @@ void RecordSink::Start(bool) {
     taken.resize(types.size());
     ended.resize(types.size(), true);
     try {
-        for (const std::size_t index : muxer->Choose(types)) {
+        for (const std::size_t index : opened->Choose(types)) {
             taken[index] = true;
             ended[index] = false;
         }
@@ -83,10 +84,12 @@ void RecordSink::Start(bool) {
         return;
     }
     lead = leadingStream(types, taken);
-    if (!muxer->LeftOut().empty()) {
-        shared->monitor.Note(muxer->LeftOut());
+    if (!opened->LeftOut().empty()) {
+        shared->monitor.Note(opened->LeftOut());
     }
-    muxer.reset();  // and with it the file, when it was not there before
+    if (opened->IsRegular()) {
+        opened.reset();  // and with it the file, when it was not there before
+    }
     started = lead >= 0;
     setStateInThread(MediaState::Started);
 }
@@ -102,21 +105,25 @@ void RecordSink::PushMedia(int stream, PacketBuffer* sample) {
     if (sample->NewMediaType() != nullptr) {
         types[index] = *sample->NewMediaType();
     }
-    if (isEntry(stream, *sample)) {
-        const std::int64_t period = std::int64_t{GetRotationPeriod()} * (kPacketSecond / 1000);
-        const bool isFull = period > 0 && sample->Dts() - fileBegin >= period;
-        if ((muxer == nullptr || isFull) && !(finishFile() && beginFile(*sample))) {
-            started = false;
-            return;
-        }
+    if (isEntry(stream, *sample) && !(finishFile() && beginFile(*sample))) {
+        started = false;
+        return;
     }
     if (muxer != nullptr) {
         write(stream, *sample);
     }
 }
 
-bool RecordSink::isEntry(int stream, PacketBuffer& sample) const {
-    return stream == lead && sample.KeyFrame();
+// The first file begins with whichever source comes first: none waits for another one's key frame.
+bool RecordSink::isEntry(int stream, PacketBuffer& sample) {
+    const auto kind = [this](int of) -> ContentType_t {
+        return types[static_cast<std::size_t>(of)].ContentType();
+    };
+    if (muxer == nullptr) {
+        return kind(stream) == kind(lead) && sample.KeyFrame();
+    }
+    const std::int64_t period = std::int64_t{GetRotationPeriod()} * (kPacketSecond / 1000);
+    return stream == lead && sample.KeyFrame() && period > 0 && sample.Dts() - fileBegin >= period;
 }
 
 bool RecordSink::isPastEnd(int stream, std::int64_t dts) {
@@ -142,7 +149,10 @@ bool RecordSink::beginFile(PacketBuffer& sample) {
         OutputSummary summary;
         summary.path = GetNextUri()();
         summary.format = format.muxer;
-        muxer = std::make_unique<Muxer>(summary.path, format, shared->stop);
+        muxer = opened != nullptr && summary.path == place
+                    ? std::move(opened)
+                    : std::make_unique<Muxer>(summary.path, format, shared->stop);
+        opened.reset();
         muxer->Begin(types, section);
         for (std::size_t i = 0; i < types.size(); ++i) {
             if (muxer->Takes(static_cast<int>(i))) {

@@ -14,14 +14,16 @@
 namespace Mivra::Tool {
 
 /// A sink that records: into files one after the other, whose locations it gets from GetNextUri when it
-/// begins them. The rotation period is in milliseconds of media: a file that has lasted so long ends where
-/// the leading stream, the first that carries video, else the first audio, has its next key frame, which is
-/// the first packet of the next file; so no packet is lost or written twice. The first file begins with a key
-/// frame of the leading stream too. Transport streams keep the session's times, so that the files can be
-/// joined; in every other format each file begins at 0.
+/// begins them. The first file begins with the first key frame of any video stream, each stream in it with
+/// its own. The rotation period is in milliseconds of media: a file that has lasted so long ends where the
+/// leading stream, the first that carries video, has its next key frame, which is the first packet of the
+/// next file; so no packet is lost or written twice. Where there is no video that holds for sound. Transport
+/// streams keep the session's times, so that the files can be joined; in every other format each file begins
+/// at 0.
 ///
-/// Open makes sure that files can be written where the first one would be, and leaves none. Stop finishes the
-/// last file; whoever stops the session calls it when the session has ended.
+/// Open makes sure that files can be written where the first one would be, and leaves none; what is no
+/// regular file, a named pipe say, stays open. Stop finishes the last file; whoever stops the session calls
+/// it when the session has ended.
 class RecordSink : public Media::IMediaSink {
 public:
     /// place: where the first file would be now. SetNextUri before Open.
@@ -43,7 +45,7 @@ public:
     const std::vector<OutputSummary>& Summaries() const { return summaries; }
 
 private:
-    bool isEntry(int stream, Common::PacketBuffer& sample) const;
+    bool isEntry(int stream, Common::PacketBuffer& sample);
     bool isPastEnd(int stream, std::int64_t dts);
     bool beginFile(Common::PacketBuffer& sample);
     bool finishFile();
@@ -55,7 +57,8 @@ private:
     const OutputFormat& format;
     const std::string place;
     const std::shared_ptr<RelayShared> shared;
-    std::unique_ptr<Muxer> muxer;  // of the present file; before Start one that only looks
+    std::unique_ptr<Muxer> opened;  // what Open made: to look, or of what is opened only once
+    std::unique_ptr<Muxer> muxer;   // of the present file
     std::vector<Common::MediaType> types;
     std::vector<bool> taken;  // streams that the format holds
     std::vector<bool> ended;  // those that have come to the end

@@ -266,6 +266,10 @@ MediaType toMediaType(const AVStream& stream) {
     return type;
 }
 
+bool isStill(const MediaType& type) {
+    return (numberOf(type, Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0;
+}
+
 bool fillStream(const MediaType& type, const AVOutputFormat& format, AVStream& stream) {
     AVCodecParameters& to = *stream.codecpar;
     to.codec_type = mediaType(type.ContentType());

@@ -29,6 +29,9 @@ AVRational timeBaseOf(const Common::MediaType& type);
 /// Number that a media type carries under a key, or the value for "none".
 std::int64_t numberOf(const Common::MediaType& type, const char* key, std::int64_t none);
 
+/// Whether it is one picture that belongs to the others, a cover say.
+bool isStill(const Common::MediaType& type);
+
 void setPrivateData(Common::MediaType& type, const void* data, std::size_t size);
 
 /// Such as "video h264 1280x720", "audio aac 48000 Hz 2 ch".
