@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "mivra/common/identity/Guid.h"
 #include "mivra/common/runtime/GeneralException.h"
@@ -88,10 +89,14 @@ std::string CacheFiles::DefaultFolder() {
 CacheFiles::CacheFiles(std::string path) : folder(std::move(path)) {}
 
 CacheFiles::~CacheFiles() {
+    giveUpName();
+}
+
+void CacheFiles::giveUpName() {
     if (lockFile >= 0) {
         // First its name: who finds the lock free finds nothing behind it.
         System().unlink(lockPath.c_str());
-        System().close(lockFile);
+        System().close(std::exchange(lockFile, -1));
     }
 }
 
@@ -99,6 +104,7 @@ void CacheFiles::Open() {
     if (folder.empty()) {
         throw GeneralException("there is no home folder");
     }
+    giveUpName();
     makeFolder();
     for (int attempt = 0; !takeName(); ++attempt) {
         if (attempt == kNameAttempts) {

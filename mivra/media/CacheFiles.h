@@ -23,7 +23,8 @@ public:
     CacheFiles& operator=(const CacheFiles&) = delete;
 
     /// Makes the folder (mode 0700), takes a name, and removes what sessions left that have died.
-    /// GeneralException when there is no folder or no name to be had.
+    /// GeneralException when there is no folder or no name to be had. Once more when somebody has removed the
+    /// folder: from then on files have the new name.
     void Open();
     /// A new file for reading and writing, which must not be there yet (mode 0600): its descriptor, or -1
     /// with errno.
@@ -34,6 +35,7 @@ public:
 
 private:
     bool takeName();
+    void giveUpName();
     void removeDead() const;
     void removeFilesOf(const std::string& name, const std::vector<std::string>& entries) const;
     void makeFolder() const;

@@ -28,6 +28,7 @@ struct CacheRecord {
     std::int32_t operation;
     std::uint32_t sourceId;  // the caller's number for it
     std::uint64_t userContext;
+    std::uint64_t dataChecksum;
     std::uint64_t checksum;  // of all before it
 
     /// The head for a sample.
@@ -35,6 +36,8 @@ struct CacheRecord {
                           std::uint32_t sourceId);
     /// Whether it is whole.
     bool IsValid() const;
+    /// Whether these bytes, as many as it says, are its data.
+    bool HasData(const char* data) const;
     /// Gives a packet, which holds the data, the attributes.
     void ApplyTo(Common::PacketBuffer& sample) const;
 
@@ -42,7 +45,7 @@ private:
     std::uint64_t sum() const;
 };
 
-static_assert(sizeof(CacheRecord) == 104, "there are no gaps in it");
+static_assert(sizeof(CacheRecord) == 112, "there are no gaps in it");
 
 /// Whether a packet carries more than a record can.
 bool HasMoreThanRecord(Common::PacketBuffer& sample);

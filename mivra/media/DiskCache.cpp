@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "mivra/common/buffers/MediaGlobal.h"
+#include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/media/HeldPacket.h"
 #include "mivra/platform/System.h"
@@ -33,6 +34,10 @@ constexpr std::int64_t kRetryAfter = 1'000'000'000;
 
 std::string reasonOf(int error) {
     return std::generic_category().message(error);
+}
+
+bool isFull(int error) {
+    return error == ENOSPC || error == EDQUOT;
 }
 
 Reference<PacketBuffer> attributesOf(PacketBuffer& sample) {
@@ -140,8 +145,8 @@ const char* DiskCache::nameOf(const Held& held) const {
 
 bool DiskCache::startFile() {
     const std::uint32_t number = current + 1;
+    const int descriptor = createFile(number);
     const std::string path = folder.NameOf(number);
-    const int descriptor = folder.Create(number);
     if (descriptor < 0) {
         giveUp(path, errno);
         return false;
@@ -157,6 +162,22 @@ bool DiskCache::startFile() {
     }
     current = number;
     return true;
+}
+
+int DiskCache::createFile(std::uint32_t number) {
+    int descriptor = folder.Create(number);
+    while (descriptor < 0 && isFull(errno) && dropOldestFile()) {
+        descriptor = folder.Create(number);
+    }
+    if (descriptor < 0 && errno == ENOENT) {  // somebody has removed the folder, and all that was in it
+        try {
+            folder.Open();
+            descriptor = folder.Create(number);
+        } catch (const Common::GeneralException&) {
+            errno = ENOENT;
+        }
+    }
+    return descriptor;
 }
 
 bool DiskCache::endFile() {
@@ -178,8 +199,7 @@ bool DiskCache::endFile() {
 template <typename Write>
 bool DiskCache::write(Write&& attempt) {
     for (int error = attempt(); error != 0; error = attempt()) {
-        const bool full = error == ENOSPC || error == EDQUOT;
-        if (!full || !dropOldestFile()) {
+        if (!isFull(error) || !dropOldestFile()) {
             giveUp(files[current].name, error);
             return false;
         }
@@ -189,7 +209,7 @@ bool DiskCache::write(Write&& attempt) {
 
 bool DiskCache::dropOldestFile() {
     const auto oldest = files.begin();
-    if (oldest == files.end() || oldest->first == current) {
+    if (oldest == files.end() || (writer.IsOpen() && oldest->first == current)) {
         return false;
     }
     const std::uint32_t number = oldest->first;
@@ -274,6 +294,10 @@ bool DiskCache::read(const Held& held, CacheRecord& record, char* data) {
         lose(held, "it is damaged");
         return false;
     }
+    if (!record.HasData(data)) {  // what follows it may be whole
+        tellLost(files[held.file], "a sample in it is damaged");
+        return false;
+    }
     return true;
 }
 
@@ -308,9 +332,13 @@ void DiskCache::closeReader() {
 void DiskCache::lose(const Held& held, const char* reason) {
     File& file = files[held.file];
     file.lost = true;
+    tellLost(file, reason);
+    closeReader();
+}
+
+void DiskCache::tellLost(const File& file, const char* reason) {
     LogLine(FileLog::Error, "MediaSession::writeBuffer: %s: %s", file.name.c_str(), reason);
     tell(toldLost, "Buffering error: " + file.name + ": " + reason);
-    closeReader();
 }
 
 void DiskCache::tell(bool& told, const std::string& text) {

@@ -40,6 +40,7 @@ private:
     };
 
     bool startFile();
+    int createFile(std::uint32_t number);
     bool endFile();
     template <typename Write>
     bool write(Write&& attempt);
@@ -50,7 +51,9 @@ private:
     bool read(const Held& held, CacheRecord& record, char* data);
     bool openToRead(std::uint32_t number, std::uint32_t offset);
     void closeReader();
+    /// All that is in the file.
     void lose(const Held& held, const char* reason);
+    void tellLost(const File& file, const char* reason);
     /// Tells a problem of a kind once.
     void tell(bool& told, const std::string& text);
 
