@@ -187,9 +187,10 @@ void SessionCore::openMembers() {
 bool SessionCore::openSources(const SessionLock& held) {
     try {
         for (auto& [id, record] : sources) {
-            record.createdTime = record.lastSampleTime = now();
+            record.createdTime = now();
             hook(record);
             record.source->Open();
+            record.lastSampleTime = now();  // no source is late for what it took to open
             if (held.Stopped()) {
                 return false;
             }

@@ -114,9 +114,14 @@ TEST_F(SessionTimeoutTest, SampleOrTheLargestValueHoldsTheCaptureTimeoutOff) {
     Renew(Timeouts::Default);
     const auto source = AddSource();
     const auto sink = AddSink();
+    source->onOpen = [&] {
+        clock.Advance(9 * kSecond);  // which do not count
+        source->Store(MediaState::Opened);
+    };
     session->Start();
     ASSERT_TRUE(Runs(*sink.get()));
     clock.Advance(8 * kSecond);
+    clock.LetItLook();
     source->Send(0);
     ASSERT_TRUE(Eventually([&] { return sink->Samples().size() == 1; }));
     clock.Advance(9 * kSecond);
