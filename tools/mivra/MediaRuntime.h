@@ -1,6 +1,9 @@
 #pragma once
 
+#include <string>
+
 #include "tools/mivra/FfmpegSupport.h"
+#include "tools/mivra/LibraryUse.h"
 
 namespace Mivra::Tool {
 
@@ -8,18 +11,13 @@ namespace Mivra::Tool {
 /// log. One at a time.
 class MediaRuntime {
 public:
-    /// ProblemError when FFmpeg cannot be loaded.
-    MediaRuntime();
+    /// log: empty for none. ProblemError when FFmpeg cannot be loaded.
+    explicit MediaRuntime(const std::string& log = {}, int logLevel = 0);
     MediaRuntime(const MediaRuntime&) = delete;
     MediaRuntime& operator=(const MediaRuntime&) = delete;
 
 private:
-    struct Library {
-        Library();
-        ~Library();
-    };
-
-    Library library;
+    LibraryUse library;
     FfmpegUse ffmpeg;
 };
 

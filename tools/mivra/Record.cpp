@@ -14,10 +14,10 @@
 #include <optional>
 
 #include "mivra/common/runtime/Reference.h"
-#include "tools/mivra/FfmpegLog.h"
 #include "tools/mivra/FileSource.h"
 #include "tools/mivra/Interrupt.h"
 #include "tools/mivra/LibraryUse.h"
+#include "tools/mivra/MediaRuntime.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/Progress.h"
 #include "tools/mivra/RecordNames.h"
@@ -261,12 +261,7 @@ ExitCode record(const RecordOptions& options) {
         }
         const Interrupt interrupt;
         const std::unique_ptr<IRecordTrigger> trigger = makeRecordTrigger(options.trigger);
-        const LibraryUse library(options.log, options.logLevel);
-        const FfmpegUse ffmpeg;
-        if (!ffmpeg.IsLoaded()) {
-            throw ProblemError(ExitCode::CannotOpen, ffmpegMissing());
-        }
-        FFmpeg::RouteFfmpegLog();
+        const MediaRuntime runtime(options.log, options.logLevel);
         return Recording(options, names, *trigger, console).Run();
     } catch (const ProblemError& error) {
         console.Error(error.problem);

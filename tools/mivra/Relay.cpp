@@ -14,11 +14,12 @@
 
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/media/MediaSession.h"
-#include "tools/mivra/FfmpegLog.h"
 #include "tools/mivra/FileSource.h"
 #include "tools/mivra/Interrupt.h"
 #include "tools/mivra/LibraryUse.h"
+#include "tools/mivra/MediaRuntime.h"
 #include "tools/mivra/MuxSink.h"
+#include "tools/mivra/ProblemError.h"
 #include "tools/mivra/Progress.h"
 #include "tools/mivra/RelayFiles.h"
 #include "tools/mivra/RelayMonitor.h"
@@ -181,14 +182,13 @@ ExitCode relay(const RelayOptions& options) {
         return ExitCode::Usage;
     }
     const Interrupt interrupt;
-    const LibraryUse library(options.log, options.logLevel);
-    const FfmpegUse ffmpeg;
-    if (!ffmpeg.IsLoaded()) {
-        console.Error(ffmpegMissing());
-        return ExitCode::CannotOpen;
+    try {
+        const MediaRuntime runtime(options.log, options.logLevel);
+        return Relay(options, console).Run();
+    } catch (const ProblemError& error) {
+        console.Error(error.problem);
+        return error.code;
     }
-    FFmpeg::RouteFfmpegLog();
-    return Relay(options, console).Run();
 }
 
 }  // namespace Mivra::Tool
