@@ -58,9 +58,9 @@ Reference<PacketBuffer> makePacket(int size, std::int64_t time, bool key) {
     return packet;
 }
 
-/// One packet in, and mostly one out at the head, while range(0) are held.
-void CacheInMivra(benchmark::State& state) {
-    MemoryCache cache(state.range(0) * kTick, oneSource(0));
+/// One packet in, and mostly one out at the head, while so many are held.
+void appendAmong(std::int64_t held, benchmark::State& state) {
+    MemoryCache cache(held * kTick, oneSource(0));
     // Held packets only matter by their references: a few are taken over and over.
     std::vector<Reference<PacketBuffer>> packets;
     for (int i = 0; i < 64; ++i)
@@ -72,10 +72,19 @@ void CacheInMivra(benchmark::State& state) {
         cache.Append(0, packet, 0);
         time += kTick;
     };
-    for (std::int64_t i = 0; i < state.range(0); ++i)
+    for (std::int64_t i = 0; i < held; ++i)
         append();
     for (auto _ : state)
         append();
+}
+
+void CacheInMivra(benchmark::State& state) {
+    appendAmong(state.range(0), state);
+}
+
+/// What the million is held against.
+void CacheInAtThousand(benchmark::State& state) {
+    appendAmong(1000, state);
 }
 
 /// A queue that drops from its head what is older than range(0) ms, and whose sink takes nothing.
@@ -324,10 +333,12 @@ private:
     std::chrono::steady_clock::time_point last;
 };
 
-/// "value": the longest gap in ns that a sink sees while a minute of film is drained and 100 samples a second
-/// go on arriving.
-void CacheGap(benchmark::State& state) {
+/// "value": the longest gap in ns that a sink sees while a minute of film is drained and a sample goes on
+/// arriving every millisecond; without a cache where range(0) is 0.
+void gapOf(int type, benchmark::State& state) {
     ::setenv("XDG_DATA_HOME", temporaryFolder().c_str(), 1);
+    constexpr int kLive = 300;
+    const bool buffers = type != 0;
     std::int64_t gap = 0;
     for (auto _ : state) {
         MediaSession session;
@@ -335,23 +346,35 @@ void CacheGap(benchmark::State& state) {
         auto sink = Reference<Sink>(new Sink);
         session.AddSource(source.get());
         session.AddSink(sink.get());
-        session.StartBuffering(3600, static_cast<MediaSession::BufferingType>(state.range(0)));
-        while (session.State() != MediaState::Started)
-            std::this_thread::yield();
-        for (const auto& packet : film())
-            source->onNewSample(0, packet.get());
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        session.Start();
-        for (int i = 0; i < 5; ++i) {
-            source->onNewSample(0, film()[static_cast<std::size_t>(i)].get());
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (buffers) {
+            session.StartBuffering(3600, static_cast<MediaSession::BufferingType>(type));
+            while (session.State() != MediaState::Started)
+                std::this_thread::yield();
+            for (const auto& packet : film())
+                source->onNewSample(0, packet.get());
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
         }
-        while (sink->count < kFrames)
+        session.Start();
+        while (!buffers && session.State() != MediaState::Running)
+            std::this_thread::yield();
+        for (int i = 0; i < kLive; ++i) {
+            source->onNewSample(0, film()[static_cast<std::size_t>(i)].get());
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        while (sink->count < (buffers ? kFrames : 0) + kLive)
             std::this_thread::yield();
         session.Stop();
         gap = std::max(gap, sink->gap);
     }
     state.counters["value"] = static_cast<double>(gap);
+}
+
+void CacheGap(benchmark::State& state) {
+    gapOf(static_cast<int>(state.range(0)), state);
+}
+
+void CacheGapLive(benchmark::State& state) {
+    gapOf(0, state);
 }
 
 /// "value": bytes that a second of 8 Mbit/s costs in the cache in packets of range(0) bytes out of buffers of
@@ -397,6 +420,7 @@ void held(benchmark::internal::Benchmark* benchmark) {
 }
 
 BENCHMARK(CacheInMivra)->Name("CacheIn/Mivra")->Apply(held);
+BENCHMARK(CacheInAtThousand)->Name("CacheIn/AtThousand")->Arg(1'000'000);
 BENCHMARK(CacheInGStreamer)->Name("CacheIn/GStreamer")->Apply(held);
 BENCHMARK(CacheDiskMivra)->Name("CacheDisk/Mivra")->UseRealTime();
 BENCHMARK(CacheDiskLimit)->Name("CacheDisk/limit")->UseRealTime();
@@ -406,6 +430,7 @@ BENCHMARK(CacheDrainMemoryLimit)->Name("CacheDrainMemory/limit")->UseRealTime()-
 BENCHMARK(CacheDrainDisk)->Name("CacheDrainDisk/Mivra")->UseRealTime()->Iterations(10);
 BENCHMARK(CacheDrainDiskLimit)->Name("CacheDrainDisk/limit")->UseRealTime()->Iterations(10);
 BENCHMARK(CacheGap)->Name("CacheGap/Mivra")->Arg(1)->Arg(2)->Iterations(1);
+BENCHMARK(CacheGapLive)->Name("CacheGap/live")->Arg(1)->Arg(2)->Iterations(1);
 BENCHMARK(CacheMemoryMivra)
     ->Name("CacheHeldPercent/Mivra")
     ->Args({1500, 2000})
