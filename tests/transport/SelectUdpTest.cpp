@@ -43,6 +43,33 @@ TEST_F(SelectUdp, CarriesDatagramsWholeAndInOrder) {
     EXPECT_TRUE(recorder->Await("sent 1", 100));
 }
 
+// Packets of one length go to the system as one message; each stays a datagram, also where that is refused.
+TEST_F(SelectUdp, RunsOfOneLengthStayDatagrams) {
+    std::vector<std::string> texts;
+    for (const auto& [times, size] :
+         {std::pair{70, 1316}, {1, 10}, {2, 0}, {3, 40}, {1, 41}, {1, 65507}, {2, 30000}}) {
+        for (int i = 0; i < times; ++i) {
+            texts.push_back(
+                std::string(static_cast<std::size_t>(size), static_cast<char>('a' + texts.size() % 26)));
+        }
+    }
+    recorder->quiet = true;
+    recorder->connected = [&](NetClientContext* context) {
+        for (std::string& text : texts)
+            EXPECT_TRUE(send(context->ClientId(), text));
+    };
+    peer.SetOption(SO_RCVBUF, 1 << 20);
+    start();
+    for (int client = 1; client <= 2; ++client) {
+        const FaultPlan plan(FaultKind::Send, client == 2 ? 1 : 1000, FaultPlan::Span::Once, EIO);
+        NetConnectionParameters parameters = udpParameters(0, Loopback(peer.Port()));
+        ASSERT_TRUE(engine->Connect(parameters));
+        for (const std::string& text : texts)
+            ASSERT_EQ(peer.ReceiveDatagram(), text);
+        ASSERT_TRUE(recorder->Await("sent " + std::to_string(client), static_cast<int>(texts.size())));
+    }
+}
+
 TEST_F(SelectUdp, ItsDestinationCanBeChanged) {
     PosixPeer second = PosixPeer::Bind(SOCK_DGRAM);
     PosixPeer third = PosixPeer::Bind(SOCK_DGRAM);

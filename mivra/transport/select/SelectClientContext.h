@@ -82,10 +82,11 @@ private:
     bool joined = false;  // a multicast group
     ip_mreq membership{};
     // The worker's own.
-    bool sendBlocked = false;  // until the socket is writable
-    bool starved = false;      // no buffer was to be had
-    bool muted = false;        // left out of the coming poll
-    int pollIndex = -1;        // in its table
+    bool sendBlocked = false;       // until the socket is writable
+    bool segmentsDatagrams = true;  // see DatagramBatch
+    bool starved = false;           // no buffer was to be had
+    bool muted = false;             // left out of the coming poll
+    int pollIndex = -1;             // in its table
 };
 
 }  // namespace Mivra::Transport

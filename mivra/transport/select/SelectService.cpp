@@ -11,6 +11,7 @@
 #include "mivra/platform/System.h"
 #include "mivra/transport/NetNotitications.h"
 #include "mivra/transport/NotificationScope.h"
+#include "mivra/transport/select/DatagramBatch.h"
 #include "mivra/transport/select/SelectTransport.h"
 #include "mivra/transport/select/SelectWorker.h"
 
@@ -30,7 +31,7 @@ constexpr int kStreamReceives = 8;
 constexpr int kDatagramReceives = 32;
 constexpr int kSends = 16;
 // Packets that go in one call.
-constexpr int kPieces = 64;
+constexpr int kPieces = DatagramBatch::Capacity;
 constexpr int kDatagramFailures = 10;
 
 bool isNotReady(int error) {
@@ -248,18 +249,19 @@ SelectWorker::Progress SelectWorker::sendStream(SelectClientContext& context, io
 }
 
 SelectWorker::Progress SelectWorker::sendDatagrams(SelectClientContext& context, iovec* pieces, int count) {
-    sockaddr_in peer = context.RemoteAddress();
-    mmsghdr messages[kPieces];
-    for (int i = 0; i < count; ++i) {
-        messages[i] = {};
-        messages[i].msg_hdr.msg_name = &peer;
-        messages[i].msg_hdr.msg_namelen = sizeof peer;
-        messages[i].msg_hdr.msg_iov = &pieces[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
+    DatagramBatch batch(context.RemoteAddress());
+    const auto attempt = [&] {
+        batch.Fill(pieces, count, context.segmentsDatagrams);
+        return System().sendMessages(context.Socket(), batch.Messages(), static_cast<unsigned>(batch.Count()),
+                                     0);
+    };
+    int sent = attempt();
+    if (sent < 0 && batch.IsSegmented() && progressOf<Progress>(errno) >= Progress::Later) {
+        context.segmentsDatagrams = false;  // the way there, or the socket's buffer, takes no long messages
+        sent = attempt();
     }
-    const int sent = System().sendMessages(context.Socket(), messages, static_cast<unsigned>(count), 0);
     if (sent < 0) return progressOf<Progress>(errno);
-    if (context.sendQueue.AdvancePackets(sent)) context.completeSent();
+    if (context.sendQueue.AdvancePackets(batch.PacketsOf(sent))) context.completeSent();
     return Progress::Some;
 }
 

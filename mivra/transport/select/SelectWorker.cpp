@@ -23,6 +23,7 @@ using Platform::System;
 namespace {
 
 constexpr int kIdleMilliseconds = 10;
+constexpr std::size_t kManySockets = 16;
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 constinit thread_local SelectWorker* s_current = nullptr;
@@ -251,10 +252,16 @@ void SelectWorker::refreshTable() {
 /// Sockets that are ready; -1 when poll() fails.
 int SelectWorker::wait() {
     const bool idle = toSend.empty() && orders.empty();
+    // To wait for many sockets costs much more than to look at them, and there is mostly something.
+    const bool look = std::exchange(busy, false) && table.size() >= kManySockets;
     ++pollSequence;
     int ready = 0;
     // A socket that has left the table meanwhile may be closed by now.
-    if (version.load() == tableVersion) ready = pollTable(idle && !hasWork.load() ? kIdleMilliseconds : 0);
+    if (version.load() == tableVersion) {
+        const int milliseconds = idle && !hasWork.load() ? kIdleMilliseconds : 0;
+        if (look || milliseconds == 0) ready = pollTable(0);
+        if (ready == 0 && milliseconds != 0 && !hasWork.load()) ready = pollTable(milliseconds);
+    }
     ++pollSequence;
     if (forgetters.load() != 0) System().wakeWord(&pollSequence, INT_MAX);
     toSend.insert(toSend.end(), later.begin(), later.end());
@@ -302,7 +309,6 @@ void SelectWorker::serveReady(int ready) {
 
 // Without poll(): every socket by itself, and a sleep when there was nothing.
 void SelectWorker::lookAtAll() {
-    busy = false;
     for (const ContextPointer& context : table)
         serve(context, SelectClientContext::Unknown);
     if (!busy && !hasWork) System().sleep(kIdleMilliseconds * kNanosecondsPerMillisecond);

@@ -128,7 +128,7 @@ private:
     std::vector<pollfd> polled;  // the wake descriptor, then as in table
     std::uint32_t tableVersion = 0;
     bool anyMuted = false;
-    bool busy = false;  // something came or went in this pass
+    bool busy = false;  // something came or went since the last poll()
 };
 
 }  // namespace Mivra::Transport
