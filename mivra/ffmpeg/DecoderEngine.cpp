@@ -8,6 +8,7 @@
 #include "mivra/common/runtime/GlobalLog.h"
 #include "mivra/ffmpeg/DecoderConfiguration.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
+#include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/ffmpeg/FrameFields.h"
 #include "mivra/ffmpeg/PictureOutput.h"
 #include "mivra/ffmpeg/SampleOutput.h"
@@ -57,6 +58,9 @@ DecoderEngine::DecoderEngine(const void* name_, const MediaType& input_, const M
       wanted(wanted_),
       parameters(parameters_),
       pool(FramePool::Make()) {
+    if (use.IsLoaded()) {
+        RouteFfmpegLog();
+    }
     const char* why = use.IsLoaded() ? makeOutput() : "the FFmpeg libraries cannot be loaded";
     if (why != nullptr) {
         LogLine(FileLog::Error, "FfmpegDecoder::FfmpegDecoder[%p]: %s: %s", name, input.ToString().c_str(),
@@ -184,12 +188,27 @@ Result DecoderEngine::offer(PacketBuffer& packet, std::int64_t number) {
     return result;
 }
 
+/// Gives the decoder something, taking frames until there is room for it. It may need to be asked for a frame
+/// that it does not have yet.
+template <typename Give>
+Result DecoderEngine::insist(const Give& give) {
+    Result result = give();
+    while (result == Result::Again) {
+        const bool stuck = collect() == Result::Again;
+        if (decoder == nullptr) {
+            return Result::Failed;
+        }
+        result = give();
+        if (stuck && result == Result::Again) {
+            return Result::Failed;  // no memory for a frame
+        }
+    }
+    return result;
+}
+
 void DecoderEngine::send(PacketBuffer& packet) {
     const std::int64_t number = marks.Note(packet);
-    Result result = offer(packet, number);
-    while (result == Result::Again && collect() != Result::Again && decoder != nullptr) {
-        result = offer(packet, number);
-    }
+    const Result result = insist([&] { return offer(packet, number); });
     if (result != Result::Failed || decoder == nullptr) {
         return;
     }
@@ -252,13 +271,9 @@ void DecoderEngine::fallBack() {
     }
     isReplayed = true;
     for (HardwareReplay::Entry& entry : kept.Packets()) {
-        Result result = decoder->Send(*entry.packet);
-        while (result == Result::Again && collect() != Result::Again) {
-            result = decoder->Send(*entry.packet);
-        }
+        insist([&] { return decoder->Send(*entry.packet); });
     }
-    if (isDraining) {
-        isDraining = false;
+    if (std::exchange(isDraining, false)) {
         Drain();
     }
 }
@@ -275,8 +290,10 @@ void DecoderEngine::Drain() {
     if (decoder == nullptr || isDraining) {
         return;
     }
+    collectAll();  // at the end libavcodec forgets a packet that it has taken and not looked at
     isDraining = true;
-    while (decoder != nullptr && decoder->Drain() == Result::Again && collect() != Result::Again) {
+    if (decoder != nullptr) {
+        insist([&] { return decoder->Drain(); });
     }
 }
 

@@ -52,6 +52,8 @@ private:
     void learn(Common::PacketBuffer& packet);
     void send(Common::PacketBuffer& packet);
     PacketDecoder::Result offer(Common::PacketBuffer& packet, std::int64_t number);
+    template <typename Give>
+    PacketDecoder::Result insist(const Give& give);
     PacketDecoder::Result collect();
     void collectAll();
     bool takeSpare();

@@ -35,6 +35,7 @@ FfmpegDecoder::FfmpegDecoder(MediaType* input, MediaType* output, Media::Decoder
             toldRevision = engine->Output()->Revision();
         }
     } catch (const std::bad_alloc&) {
+        usable = false;
         engine.reset();
         noteNoMemory(this, "FfmpegDecoder");
     }

@@ -1,5 +1,8 @@
 #include "mivra/ffmpeg/PictureScaler.h"
 
+#include <algorithm>
+#include <iterator>
+
 extern "C" {
 #include <libswscale/swscale.h>
 }
@@ -7,9 +10,15 @@ extern "C" {
 namespace Mivra::FFmpeg {
 namespace {
 
+/// Formats that are in the full range by definition.
 bool isFullRangeFormat(int format) {
-    return format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P ||
-           format == AV_PIX_FMT_YUVJ440P || format == AV_PIX_FMT_YUVJ411P;
+    constexpr int kFormats[] = {
+        AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUVJ422P, AV_PIX_FMT_YUVJ444P, AV_PIX_FMT_YUVJ440P,
+        AV_PIX_FMT_YUVJ411P, AV_PIX_FMT_GRAY8,    AV_PIX_FMT_GRAY9LE,  AV_PIX_FMT_GRAY9BE,
+        AV_PIX_FMT_GRAY10LE, AV_PIX_FMT_GRAY10BE, AV_PIX_FMT_GRAY12LE, AV_PIX_FMT_GRAY12BE,
+        AV_PIX_FMT_GRAY14LE, AV_PIX_FMT_GRAY14BE, AV_PIX_FMT_GRAY16LE, AV_PIX_FMT_GRAY16BE,
+        AV_PIX_FMT_YA8,      AV_PIX_FMT_YA16LE,   AV_PIX_FMT_YA16BE};
+    return std::find(std::begin(kFormats), std::end(kFormats), format) != std::end(kFormats);
 }
 
 /// Without the functions for it, libswscale takes every picture for BT.601 in the limited range.

@@ -17,7 +17,7 @@ class MIVRA_API IDecoder {
 public:
     /// Copies what the pointers show; each may be null. output: what the frames shall be; what it leaves open
     /// (0, -1, None) stays as decoded. Nothing is thrown for types that cannot be served: IsUsable() is
-    /// false.
+    /// false. std::bad_alloc when there is no memory for the copies.
     IDecoder(Common::MediaType* input, Common::MediaType* output, DecoderParameters* parameters);
     IDecoder(const IDecoder&) = delete;
     IDecoder& operator=(const IDecoder&) = delete;
