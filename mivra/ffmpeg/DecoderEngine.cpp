@@ -141,7 +141,9 @@ void DecoderEngine::beginAgain() {
     isDraining = false;
     kept.Clear();
     isReplayed = false;
-    if (decoder != nullptr && !decoder->Restart()) {
+    // What is told once, at the opening (samples to skip, predictors), audio needs again; its codecs open fast.
+    const bool reopens = input.ContentType() == ContentType_t::Audio;
+    if (decoder != nullptr && (reopens || !decoder->Restart())) {
         open(decoder->Device() != nullptr);
     }
 }

@@ -161,9 +161,7 @@ TEST_P(FfmpegDecoderTest, GivesTheFramesThatFfmpegGives) {
         const std::vector<FrameDigest> again = Mivra::Test::DecodeAll(decoder, stream);
         ASSERT_EQ(again.size(), got.size());
         for (std::size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(again[i].size, got[i].size);
-            // Predictors and noise generators of audio codecs go on where they were.
-            EXPECT_TRUE(test.content == kAudio || again[i].hash == got[i].hash) << i;
+            EXPECT_EQ(again[i].hash, got[i].hash) << i;
         }
         if (test.content == kAudio) {
             break;  // always one thread
