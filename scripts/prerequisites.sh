@@ -35,6 +35,8 @@ bench  libgstreamer-plugins-base1.0-dev  its appsrc and appsink
 bench  libgstreamer-plugins-bad1.0-dev   its parser of H.264
 bench  gstreamer1.0-plugins-base         the same, at run time
 bench  libspdlog-dev        a peer
+bench  libuv1-dev           a peer
+bench  libasio-dev          a peer
 bench  time                 measures a program's time and memory
 LIST
 }
