@@ -226,6 +226,9 @@ TEST(PrivateData, RefusesWhatMakesNone) {
         EXPECT_EQ(Parser::GenerateAnnexBCodecPrivateData(type, one.spsList, one.ppsList), one.annexB);
         EXPECT_EQ(DataOf(type) == kept, !one.annexB);
     }
+    large.pop_back();
+    MediaType longest;
+    EXPECT_TRUE(Parser::GenerateCodecPrivateData(longest, {unit(sps)}, {unit(large)}));
     MediaType type = TypeWith(kept);
     EXPECT_FALSE(Parser::GenerateAnnexBCodecPrivateData(type, {unit(startCode)}, {}));
     EXPECT_FALSE(Parser::ConvertPrivateDataToAvc(type));  // no start code

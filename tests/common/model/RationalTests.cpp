@@ -43,21 +43,30 @@ TEST(Rational, ReducesPositiveFractionsOnly) {
 }
 
 TEST(Rational, MakesSensibleFractionsOfDoubles) {
-    const double cases[][3] = {{0.0, 0, 0}, {-3.0, 0, 0}, {0.9e-8, 0, 0}, {25.0, 25, 1}, {24.995, 25, 1},
-                               {29.97, 30000, 1001}, {23.976, 24000, 1001}, {12.5, 25, 2}, {1001.5, 2003, 2},
-                               {0.5, 1, 2}, {33.3667, 33400, 1001}, {3.14159265, 31415927, 10000000},
-                               {2147483647.0, INT32_MAX, 1}, {2147483648.0, 0, 0}, {2147480.5, 4294961, 2},
-                               {1e300, 0, 0}, {std::numeric_limits<double>::infinity(), 0, 0},
-                               {std::numeric_limits<double>::quiet_NaN(), 0, 0},
-                               {EXPECT_EQ(parts(Rational(c.value)), pair(c.num, c.den)) << c.value;
+    const double cases[][3] = {{0.0, 0, 0},
+                               {-3.0, 0, 0},
+                               {0.9e-8, 0, 0},
+                               {25.0, 25, 1},
+                               {24.995, 25, 1},
+                               {29.97, 30000, 1001},
+                               {23.976, 24000, 1001},
+                               {12.5, 25, 2},
+                               {1001.5, 2003, 2},
+                               {0.5, 1, 2},
+                               {33.3667, 33400, 1001},
+                               {3.14159265, 31415927, 10000000},
+                               {2147483647.0, INT32_MAX, 1},
+                               {2147483648.0, 0, 0},
+                               {2147480.5, 4294961, 2},
+                               {1e300, 0, 0},
+                               {std::numeric_limits<double>::infinity(), 0, 0},
+                               {std::numeric_limits<double>::quiet_NaN(), 0, 0}};
+    for (const auto& [value, num, den] : cases) {
+        EXPECT_EQ(parts(Rational(value)), pair(static_cast<int>(num), static_cast<int>(den))) << value;
+    }
+    // The form over 1001 is never reduced.
+    EXPECT_EQ(parts(Rational(77.0 / 1001)), pair(77, 1001));
 }
-};  // namespace
-for (const auto& [value, num, den] : cases) {
-    EXPECT_EQ(parts(Rational(value)), pair(static_cast<int>(num), static_cast<int>(den))) << value;
-}
-// The form over 1001 is never reduced.
-EXPECT_EQ(parts(Rational(77.0 / 1001)), pair(77, 1001));
-}  // namespace Mivra::Test
 
 TEST(Rational, ComparesByMembersOrByValue) {
     Rational unreduced(1, 2);
