@@ -1,9 +1,6 @@
-// Many threads, many cycles: what a session promises whenever it is stopped, and whatever fails.
-
-#include <system_error>
+// Many threads, many cycles: what a session promises whenever it is stopped.
 
 #include "tests/media/SessionFixture.h"
-#include "tests/support/FaultInjection.h"
 
 namespace Mivra::Test {
 namespace {
@@ -195,25 +192,6 @@ TEST_F(SessionRaceTest, StopsOnTwoThreadsAtOnce) {
     }
 }
 
-TEST_F(SessionRaceTest, StopGetsItsTurnWhileASinkIsBusy) {
-    const auto source = AddSource();
-    const auto sink = AddSink();
-    std::atomic<int> pushed{0};
-    sink->onPush = [&] {
-        ++pushed;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    };
-    session->Start();
-    ASSERT_TRUE(Runs(*sink.get()));
-    for (int i = 0; i < 900; ++i)
-        source->Send(0, i);
-    ASSERT_TRUE(Eventually([&] { return pushed > 2; }));
-    const int before = pushed;
-    session->Stop();
-    EXPECT_LT(pushed - before, 10);  // the queue was not drained first
-    EXPECT_FALSE(log.Contains("MediaSession::cleanupBuffer: Released 0 buffers"));
-}
-
 TEST_F(SessionRaceTest, KeepsSourcesThatAreReleasedSlowlyOutOfStop) {
     std::atomic<bool> go{false};
     auto source = AddSource();
@@ -227,40 +205,6 @@ TEST_F(SessionRaceTest, KeepsSourcesThatAreReleasedSlowlyOutOfStop) {
     go = true;
     Common::ThreadHelper::Cleanup();
 }
-
-class SessionFaultTest : public SessionRaceTest, public testing::WithParamInterface<FaultKind> {};
-
-TEST_P(SessionFaultTest, LosesNothingWhateverCallFails) {
-    int completed = 0;
-    const auto life = [&] {
-        try {
-            Renew();
-            const auto source = AddSource(2);
-            const auto sink = AddSink();
-            session->Start();
-            const auto failed = [&] { return session->State() == MediaState::Stopped; };
-            EXPECT_TRUE(Eventually([&] { return sink->Starts() == 1 || failed(); }));
-            EXPECT_TRUE(Eventually([&] { return session->State() == MediaState::Running || failed(); }));
-            for (int i = 0; i < 3; ++i)
-                source->Send(i % 2, i);
-            EXPECT_TRUE(Eventually([&] { return sink->Samples().size() == 3 || failed(); }));
-            session->Stop();
-            ++completed;
-        } catch (const std::bad_alloc&) {
-        } catch (const std::system_error&) {
-        }
-        session.reset();
-        Common::ThreadHelper::Cleanup();
-        EXPECT_EQ(g_fakes, 0);
-    };
-    const std::uint64_t failed = ForEachNthFailure(GetParam(), life);
-    EXPECT_GT(failed, GetParam() == FaultKind::Allocate && !kCountsOperatorNew ? 0U : 2U);
-    EXPECT_GT(completed, 0);
-    expectedErrors = log.Errors();
-}
-
-INSTANTIATE_TEST_SUITE_P(All, SessionFaultTest, testing::Values(FaultKind::StartThread, FaultKind::Allocate),
-                         [](const auto& test) { return std::string(FaultName(test.param)); });
 
 }  // namespace
 }  // namespace Mivra::Test
