@@ -226,6 +226,7 @@ void connectAndClose(benchmark::State& state, Maker make) {
 
 constexpr std::uint32_t kDatagrams = 4096;
 constexpr int kDatagram = 1316;
+constexpr int kWindow = 64;
 
 /// Keeps a window of datagrams under way until so many have gone.
 class DatagramNotifications : public Mivra::Transport::NetNotitications {
@@ -245,9 +246,9 @@ public:
     }
     void OnClientReleased(NetClientContext*) override {}
     void Run() {
-        toQueue = kDatagrams - kStreamWindow;
+        toQueue = kDatagrams - kWindow;
         toGo = kDatagrams;
-        for (int i = 0; i < kStreamWindow; ++i)
+        for (int i = 0; i < kWindow; ++i)
             engine.SendAsync(1, packet);
         for (std::uint32_t left = toGo; left != 0; left = toGo)
             toGo.wait(left);

@@ -13,7 +13,7 @@
 enum class Service { Echo, Stream, Close };
 
 /// Packets of a stream that a server which queues may have on their way to one client.
-constexpr int kStreamWindow = 64;
+constexpr int kStreamWindow = 256;
 
 class Server {
 public:
