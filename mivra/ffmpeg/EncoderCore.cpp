@@ -137,7 +137,9 @@ std::string EncoderCore::makeInput(const AVCodecContext& opened) {
 
 /// Raw media of another form from here on.
 bool EncoderCore::adaptTo(const MediaType& type) {
-    const std::string problem = input->Configure(type, *context);
+    const AVRational base = timeBase(type);
+    const bool sameBase = base.num == timeBase(inputType).num && base.den == timeBase(inputType).den;
+    const std::string problem = sameBase ? input->Configure(type, *context) : "its time base is another one";
     if (!problem.empty()) {
         LogLine(FileLog::Error, "FfmpegEncoder::Write[%p]: the new media type is refused: %s", address,
                 problem.c_str());
@@ -210,7 +212,7 @@ bool EncoderCore::pump() {
         }
         ++accepted;
     }
-    if (draining && !drained && input->HasRoom()) {
+    if (draining && !drained && !input->Holds()) {
         drained = send(nullptr) != Sent::Full;
     }
     return true;

@@ -26,6 +26,8 @@ public:
     virtual std::string Configure(const Common::MediaType& type, const AVCodecContext& encoder) = 0;
     /// False while what was taken has not all gone to the encoder.
     virtual bool HasRoom() const = 0;
+    /// Whether anything is still to come out, once nothing more goes in.
+    virtual bool Holds() const = 0;
     /// Takes a buffer, with a reference of its own. Empty, or why it is refused. Needs room.
     virtual std::string Take(Common::PacketBuffer& buffer) = 0;
     /// Nothing more is taken: what was held back for a whole frame comes too.

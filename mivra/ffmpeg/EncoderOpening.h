@@ -30,8 +30,8 @@ AVRational frameRate(const EncoderRequest& request);
 /// is no raw audio that this machine reads (big-endian, 24 bits), or the two contradict each other.
 AVSampleFormat rawSampleFormat(const Common::MediaType& type);
 
-/// An enumerator of FFmpeg's that the metadata carries; `none` when there is no such key, or the value is none
-/// of the `count` that there are.
+/// An enumerator of FFmpeg's that the metadata carries; `none` when there is no such key, or the value is
+/// none of the `count` that there are.
 int metadataEnumerator(const Common::MediaType& type, const char* key, int none, int count);
 
 /// Opens the encoder with the sizes, rates and formats of the request, what the output type leaves open taken

@@ -191,6 +191,10 @@ void EncoderOutput::learn(const AVPacket& packet) {
 
 bool EncoderOutput::Make(const AVPacket& packet, Reference<PacketBuffer>& made) {
     const int size = std::max(packet.size, 0);
+    if (size == 0) {  // FLAC tells what it has counted at the end
+        learn(packet);
+        return true;
+    }
     // A start code of three bytes becomes a length of four, in front of a unit of one byte or more.
     const int growth = prefixed ? size / kLengthSize + kLengthSize : 0;
     if (size > INT32_MAX - growth - AV_INPUT_BUFFER_PADDING_SIZE) {

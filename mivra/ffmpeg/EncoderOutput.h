@@ -23,7 +23,8 @@ public:
     /// Writes into the type what the open encoder makes of it. False when its private data is malformed.
     bool Describe(const AVCodecContext& encoder);
     /// The packet in a buffer of the pools, with everything but its times. False when there is no buffer for
-    /// it; true and nothing made when the packet is malformed (it is then lost, and the log says so).
+    /// it; true and nothing made when the packet only brings private data, or is
+    /// malformed (it is then lost, and the log says so).
     bool Make(const AVPacket& packet, Common::Reference<Common::PacketBuffer>& made);
 
 private:

@@ -49,6 +49,7 @@ public:
 
     std::string Configure(const MediaType& type, const AVCodecContext& encoder) override;
     bool HasRoom() const override { return !pending; }
+    bool Holds() const override { return !HasRoom(); }
     std::string Take(PacketBuffer& buffer) override;
     void Finish() override {}
     bool Next(AVFrame& frame) override;
@@ -103,8 +104,8 @@ std::string PictureInput::Configure(const MediaType& type, const AVCodecContext&
     source->format = given.format;
     source->width = given.width;
     source->height = given.height;
-    source->color_range = AVColorRange(
-        metadataEnumerator(type, Key::kColorRange, AVCOL_RANGE_UNSPECIFIED, AVCOL_RANGE_NB));
+    source->color_range =
+        AVColorRange(metadataEnumerator(type, Key::kColorRange, AVCOL_RANGE_UNSPECIFIED, AVCOL_RANGE_NB));
     source->colorspace =
         AVColorSpace(metadataEnumerator(type, Key::kColorSpace, AVCOL_SPC_UNSPECIFIED, AVCOL_SPC_NB));
     for (int plane = 0; plane < kMostPlanes; ++plane) {

@@ -59,6 +59,9 @@ public:
 
     std::string Configure(const MediaType& type, const AVCodecContext& encoder) override;
     bool HasRoom() const override { return held.Left() == 0; }
+    bool Holds() const override {
+        return held.Left() > 0 || partial.used > 0 || (resampler != nullptr && !flushed);
+    }
     std::string Take(PacketBuffer& buffer) override;
     void Finish() override;
     bool Next(AVFrame& frame) override;
@@ -99,6 +102,9 @@ std::string SampleInput::Configure(const MediaType& type, const AVCodecContext& 
     }
     if (taken.format != AV_SAMPLE_FMT_NONE && from.rate != given.rate) {
         return "the sample rate changes in the middle of the stream";
+    }
+    if (from == given && to == taken) {
+        return {};  // the resampler keeps what it holds
     }
     given = from;
     taken = to;
@@ -196,7 +202,10 @@ bool SampleInput::flushResampler() {
     if (resampler == nullptr || !finished || flushed || held.Left() > 0) {
         return false;
     }
-    flushed = !convert(nullptr, 0) || held.Left() == 0;
+    if (!convert(nullptr, 0)) {
+        return false;  // no memory for it yet
+    }
+    flushed = held.Left() == 0;
     return !flushed;
 }
 

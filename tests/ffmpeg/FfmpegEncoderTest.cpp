@@ -102,6 +102,7 @@ const AudioCase kAudioCases[] = {
     {"MP2", Codec_t::MP2, SampleFormat_t::S16, 48000, 192000, "nut"},
     {"MP3", Codec_t::MP3, SampleFormat_t::S16, 44100, 128000, "nut"},
     {"Opus", kOpus, SampleFormat_t::FLT, 48000, 64000, "nut"},
+    {"FLAC", Codec_t::FLAC, SampleFormat_t::S16, 44100, 0, "nut"},
     {"PCM", Codec_t::PCM_S16LE, SampleFormat_t::S16, 48000, 0, "matroska"},
     {"G711", Codec_t::G711A, SampleFormat_t::S16, 8000, 0, "matroska"},
 };
