@@ -196,7 +196,7 @@ public:
     }
 
 private:
-    struct Newest {
+    struct alignas(8) Newest {  // in one piece
         int token;
         unsigned int id;
     };
