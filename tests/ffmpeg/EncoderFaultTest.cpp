@@ -220,11 +220,16 @@ TEST_F(EncoderFaultTest, TakesPicturesWithoutACopyAndGivesThemBack) {
 }
 
 TEST_F(EncoderFaultTest, AllocatesNothingInTheSteadyState) {
-    for (const auto& [codec, input, form] :
-         {std::tuple{Codec_t::H264, video, "bf=2"},
-          std::tuple{Codec_t::MPEG4, videoInput({64, 48, PixelFormat_t::RGB24}), ""},
-          std::tuple{Codec_t::AAC, audio, ""}}) {
-        const auto encoder = make(input, wanted(codec), form);
+    struct Case {
+        Codec_t codec;
+        MediaType input;
+        const char* options;
+    };
+    for (const Case& one : {Case{Codec_t::H264, video, "bf=2"},
+                            Case{Codec_t::MPEG4, videoInput({64, 48, PixelFormat_t::RGB24}), ""},
+                            Case{Codec_t::AAC, audio, ""}}) {
+        const MediaType& input = one.input;
+        const auto encoder = make(input, wanted(one.codec), one.options);
         const bool pictures = input.Width() != 0;
         const auto round = [&](int from, int to) {
             for (int n = from; n < to; ++n) {
@@ -242,8 +247,14 @@ TEST_F(EncoderFaultTest, AllocatesNothingInTheSteadyState) {
 }
 
 TEST_F(EncoderFaultTest, EveryAllocationMayFail) {
-    for (const auto& [codec, input] : {std::pair{Codec_t::H264, videoInput({64, 48, PixelFormat_t::RGB24})},
-                                       std::pair{Codec_t::AAC, audioInput(SampleFormat_t::S16, 44100, 2)}}) {
+    struct Case {
+        Codec_t codec;
+        MediaType input;
+    };
+    for (const Case& one : {Case{Codec_t::H264, videoInput({64, 48, PixelFormat_t::RGB24})},
+                            Case{Codec_t::AAC, audioInput(SampleFormat_t::S16, 44100, 2)}}) {
+        const MediaType& input = one.input;
+        const Codec_t codec = one.codec;
         const Frames frames = input.Width() != 0 ? pictures(input, 4) : tones(input, 4000, 1000);
         MediaType in = input;
         MediaType out = wanted(codec);
