@@ -28,15 +28,15 @@ struct CacheRecord {
     std::int32_t operation;
     std::uint32_t sourceId;  // the caller's number for it
     std::uint64_t userContext;
-    std::uint64_t dataChecksum;
-    std::uint64_t checksum;  // of all before it
+    std::uint64_t dataChecksum;  // of a part of each page of it, and of its end
+    std::uint64_t checksum;      // of all before it
 
     /// The head for a sample.
     static CacheRecord Of(Common::PacketBuffer& sample, std::uint32_t file, std::uint64_t number,
                           std::uint32_t sourceId);
     /// Whether it is whole.
     bool IsValid() const;
-    /// Whether these bytes, as many as it says, are its data.
+    /// Whether these bytes, as many as it says, look like its data: no page of them is missing.
     bool HasData(const char* data) const;
     /// Gives a packet, which holds the data, the attributes.
     void ApplyTo(Common::PacketBuffer& sample) const;

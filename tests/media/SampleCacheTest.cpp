@@ -222,10 +222,10 @@ const Damage kDamages[] = {
      "it is damaged"},
     {"Replaced", [](const auto& file, const auto& next) { WriteWholeFile(file, ReadWholeFile(next)); },
      "it is another"},
-    {"OneByte",
+    {"WithAHole",
      [](const auto& file, const auto&) {
          std::string body = ReadWholeFile(file);
-         body[150'000] ^= 1;
+         body.replace(150'000, 8192, 8192, '\x7F');
          WriteWholeFile(file, body);
      },
      "a sample in it is damaged", 10},
