@@ -24,14 +24,18 @@ inline AVCodecID toFfmpeg(Common::Codec_t codec) {
 inline Common::Codec_t fromFfmpeg(AVCodecID codec) {
     return static_cast<Common::Codec_t>(codec);
 }
+/// A number that FFmpeg does not have is none.
 inline AVPixelFormat toFfmpeg(Common::PixelFormat_t format) {
-    return static_cast<AVPixelFormat>(format);
+    const int number = static_cast<int>(format);
+    return number < 0 || number >= AV_PIX_FMT_NB ? AV_PIX_FMT_NONE : static_cast<AVPixelFormat>(number);
 }
 inline Common::PixelFormat_t fromFfmpeg(AVPixelFormat format) {
     return static_cast<Common::PixelFormat_t>(format);
 }
 inline AVSampleFormat toFfmpeg(Common::SampleFormat_t format) {
-    return static_cast<AVSampleFormat>(format);
+    const int number = static_cast<int>(format);
+    return number < 0 || number >= AV_SAMPLE_FMT_NB ? AV_SAMPLE_FMT_NONE
+                                                    : static_cast<AVSampleFormat>(number);
 }
 inline Common::SampleFormat_t fromFfmpeg(AVSampleFormat format) {
     return static_cast<Common::SampleFormat_t>(format);

@@ -377,7 +377,8 @@ TEST_F(EncoderFaultTest, EnginesLeaveNothingBehind) {
             before = residentPages();
         }
     }
-    EXPECT_LT(residentPages() - before, 1024);
+    // A program that looks for leaks keeps what is freed for a while.
+    EXPECT_TRUE(LeaksAllowed::kLooked || residentPages() - before < 1024);
 }
 
 }  // namespace

@@ -21,7 +21,39 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempFolder.h"
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#define MIVRA_TEST_LEAKS 1
+#endif
+#endif
+
 namespace Mivra::Test {
+
+/// What is allocated while it lives, on its thread, is no leak: libx265 keeps some of it for good.
+class LeaksAllowed {
+public:
+#if defined(MIVRA_TEST_LEAKS)
+    explicit LeaksAllowed(bool allowed_) : allowed(allowed_) {
+        if (allowed) __lsan_disable();
+    }
+    ~LeaksAllowed() {
+        if (allowed) __lsan_enable();
+    }
+    static constexpr bool kLooked = true;
+
+private:
+    const bool allowed;
+#else
+    explicit LeaksAllowed(bool /*allowed*/) {}
+    ~LeaksAllowed() = default;
+    static constexpr bool kLooked = false;
+
+private:
+#endif
+    LeaksAllowed(const LeaksAllowed&) = delete;
+    LeaksAllowed& operator=(const LeaksAllowed&) = delete;
+};
 
 using Frame = Common::Reference<Common::PacketBuffer>;
 using Frames = std::vector<Frame>;
