@@ -12,6 +12,7 @@
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/ffmpeg/EncoderOptions.h"
 #include "tests/ffmpeg/EncoderFixture.h"
+#include "tests/support/FaultInjection.h"
 
 extern "C" {
 #include <libavutil/log.h>
@@ -61,6 +62,9 @@ const VideoCase kVideoCases[] = {
 TEST_F(FfmpegEncoderTest, PicturesAreWhatFfmpegTakesAndKeepTheirTimes) {
     for (const VideoCase& one : kVideoCases) {
         SCOPED_TRACE(one.name);
+        if (one.codec == Codec_t::H265 && !kCountsOperatorNew) {
+            continue;  // under ThreadSanitizer, which does not see how libx265 keeps its threads apart
+        }
         const LeaksAllowed leaks(one.codec == Codec_t::H265);
         MediaType input = videoInput({176, 144, one.format, {30000, 1001}});
         const auto encoder = make(input, wanted(one.codec), one.options);
