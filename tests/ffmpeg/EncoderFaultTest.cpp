@@ -311,6 +311,18 @@ TEST_F(EncoderFaultTest, FullEncodersTakeNothingMoreAndLoseNothing) {
     EXPECT_TRUE(Frame::Adopt(encoder->Read()));
     EXPECT_EQ(encoder->Read(), nullptr);
     EXPECT_FALSE(encoder->Write(picture(video, 1).get()));  // drained
+    const auto sound = make(audio, wanted(Codec_t::AAC));
+    EXPECT_TRUE(sound->Write(tone(audio, 0, 1000).get()));
+    {
+        const Replaced noMemory(
+            FfmpegOptional::av_buffer_create,
+            +[](std::uint8_t*, std::size_t, void (*)(void*, std::uint8_t*), void*, int) -> AVBufferRef* {
+                return nullptr;
+            });
+        sound->Drain();  // the last samples stay where they are
+        EXPECT_EQ(sound->Read(), nullptr);
+    }
+    EXPECT_TRUE(Frame::Adopt(sound->Read()));
     const auto other = make(video, wanted(Codec_t::MPEG4));
     s_failures = 1;
     EXPECT_FALSE(other->Write(picture(video, 0).get()));
