@@ -45,8 +45,8 @@ const std::string& withFfmpeg(const std::string& path, bool loaded) {
 
 }  // namespace
 
-Demuxer::Demuxer(const std::string& name) try
-    : path(name), file(withFfmpeg(name, ffmpeg.IsLoaded())), packet(makePacket()) {
+Demuxer::Demuxer(const std::string& name, NetworkBoard* board) try
+    : path(name), file(openInput(withFfmpeg(name, ffmpeg.IsLoaded()), board)), packet(makePacket()) {
 } catch (const std::system_error& error) {
     failToOpen(name, error.code().message(), "check the name and the permissions");
 }
@@ -58,14 +58,14 @@ void Demuxer::Open() {
     if (made == nullptr) {
         throw std::bad_alloc();
     }
-    made->pb = file.Context();
+    made->pb = file->Context();
     AVDictionary* options = nullptr;
     FfmpegProxy::av_dict_set(&options, "scan_all_pmts", "1", 0);
     // Frees the context when it fails.
     int error = FfmpegProxy::avformat_open_input(&made, path.c_str(), nullptr, &options);
     FfmpegProxy::av_dict_free(&options);
     if (error < 0) {
-        failToOpen(path, errorText(error), "is it a media file?");
+        failAtOpen(error);
     }
     context.reset(made);
     {
@@ -75,7 +75,7 @@ void Demuxer::Open() {
         noteDamage(watch.FirstError());
     }
     if (error < 0 && made->nb_streams == 0) {
-        failToOpen(path, errorText(error), "is it a media file?");
+        failAtOpen(error);
     }
     bool any = false;
     for (unsigned i = 0; i < made->nb_streams; ++i) {
@@ -85,10 +85,19 @@ void Demuxer::Open() {
         types.push_back(toMediaType(stream));
     }
     if (!any) {
+        file->Check();
         failToOpen(path, "it has neither video nor audio", "is it a media file?");
     }
     timeline = std::make_unique<InputTimeline>(*made);
     entered.assign(types.size(), true);
+}
+
+void Demuxer::failAtOpen(int error) const {
+    file->Check();
+    if (error == AVERROR_EXIT) {
+        failToOpen(path, "the wait for it was ended", "nothing was read");
+    }
+    failToOpen(path, errorText(error), "is it a media file?");
 }
 
 std::int64_t Demuxer::Duration() const {
@@ -117,6 +126,9 @@ Demuxer::Result Demuxer::Read() {
         const int error = readWanted();
         if (error < 0 && interrupted) {
             return Result::Interrupted;  // what it takes that for is no damage
+        }
+        if (error < 0) {
+            file->Check();
         }
         noteDamage(watch.FirstError());
         if (error < 0) {
@@ -266,11 +278,11 @@ void Demuxer::noteDamage(const std::string& text) {
 }
 
 bool Demuxer::endsInsidePacket() const {
-    if (std::strcmp(context->iformat->name, "mpegts") != 0 || file.Size() <= 0) {
+    if (std::strcmp(context->iformat->name, "mpegts") != 0 || file->Size() <= 0) {
         return false;
     }
     for (const int size : kTransportPackets) {
-        if (file.Size() % size == 0) {
+        if (file->Size() % size == 0) {
             return false;
         }
     }

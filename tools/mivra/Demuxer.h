@@ -11,7 +11,7 @@
 #include "mivra/common/model/MediaType.h"
 #include "tools/mivra/FfmpegSupport.h"
 #include "tools/mivra/InputTimeline.h"
-#include "tools/mivra/MediaFile.h"
+#include "tools/mivra/MediaIo.h"
 
 namespace Mivra::Tool {
 
@@ -23,8 +23,8 @@ class Demuxer {
 public:
     enum class Result { Packet, End, Interrupted };
 
-    /// Opens the file. ProblemError when it cannot be opened.
-    explicit Demuxer(const std::string& path);
+    /// Opens the file or address; the board hears of clients. ProblemError when it cannot be opened.
+    explicit Demuxer(const std::string& path, NetworkBoard* board = nullptr);
     ~Demuxer();
     Demuxer(const Demuxer&) = delete;
     Demuxer& operator=(const Demuxer&) = delete;
@@ -40,7 +40,7 @@ public:
     /// It is a file whose length is known.
     bool CanSeek() const { return IsFile() && Duration() > 0; }
     /// It is a file: it could be read again from its beginning.
-    bool IsFile() const { return file.Size() >= 0; }
+    bool IsFile() const { return file->Size() >= 0; }
 
     /// Goes to the leading stream's last key frame that is shown at or before `time`, which is in
     /// kPacketTimeBase, or to its first one when none is. The next packet is that key frame; the other
@@ -48,7 +48,8 @@ public:
     /// nothing when there is none, and after an Interrupt: reading goes on wherever the input stands then.
     std::optional<std::int64_t> SeekToKeyFrame(std::int64_t time);
 
-    /// Reads the next packet. End after the last one, and where nothing more can be read.
+    /// Reads the next packet. End after the last one, and where nothing more can be read. ProblemError when a
+    /// live input has fallen silent.
     Result Read();
     /// The packet read last: times in its stream's time base. Valid until the next Read.
     AVPacket& Packet() { return *packet; }
@@ -61,7 +62,7 @@ public:
 
     void Interrupt() {
         interrupted = true;
-        file.Interrupt();
+        file->Interrupt();
     }
 
 private:
@@ -76,6 +77,7 @@ private:
         std::int64_t time;  // on the timeline
     };
 
+    [[noreturn]] void failAtOpen(int error) const;
     int readWanted();
     int leadingStream() const;
     bool moveTo(int stream, std::int64_t time);
@@ -89,7 +91,7 @@ private:
 
     const std::string path;
     FfmpegUse ffmpeg;
-    InputFile file;
+    const std::unique_ptr<IMediaInput> file;
     std::atomic<bool> interrupted{false};
     std::unique_ptr<AVFormatContext, ContextDeleter> context;
     PacketPointer packet;

@@ -1,6 +1,7 @@
 #include "tools/mivra/FileSource.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -9,6 +10,7 @@
 
 #include "mivra/common/runtime/GeneralException.h"
 #include "mivra/common/runtime/Reference.h"
+#include "tools/mivra/NetworkAddress.h"
 #include "tools/mivra/PacketFlags.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/StreamMapping.h"
@@ -41,6 +43,7 @@ bool isUsualStreamId(std::uint8_t id, Common::ContentType_t kind) {
 FileSource::FileSource(FileSourceOptions what, std::shared_ptr<RelayShared> with)
     : options(std::move(what)), shared(std::move(with)), lane(shared->budget.Lane(options.index)) {
     canPause = true;
+    isNetworkSource = NetworkAddress::IsOne(options.path);
 }
 
 FileSource::~FileSource() {
@@ -67,10 +70,10 @@ void FileSource::openInput() {
         throw ProblemError(ExitCode::Usage, {"the playback rate has to be above 0", options.path, ""});
     }
     clock.emplace(isRateSet ? rate : options.realtime ? 1 : -1);
-    mostInBatch = clock->Runs() || options.path == kStandardStream ? 1 : kMostInBatch;
+    mostInBatch = clock->Runs() || options.path == kStandardStream || isNetworkSource ? 1 : kMostInBatch;
     batch.reserve(mostInBatch);
     identity = FileIdentity::Of(options.path);
-    auto made = std::make_unique<Demuxer>(options.path);
+    auto made = std::make_unique<Demuxer>(options.path, &shared->board);
     {
         AutoLock hold(lock);
         demuxer = std::move(made);
@@ -192,6 +195,7 @@ void FileSource::run() {
             raiseErrorInThread(toLine(problem), false);
         }
     } catch (const ProblemError& error) {
+        awaitConsumed();
         fail(error.code, error.problem);
     } catch (const std::bad_alloc&) {
         fail(ExitCode::Failed, {"no memory for a packet of the input", options.path, "is the file damaged?"});
@@ -199,6 +203,17 @@ void FileSource::run() {
         fail(ExitCode::Failed, {std::string("cannot read on: ") + error.what(), options.path, ""});
     }
     finish();
+}
+
+/// An error ends the session at once, with what it has not passed on yet: what came before has its time.
+void FileSource::awaitConsumed() {
+    constexpr std::chrono::milliseconds kLook{10};
+    constexpr std::chrono::seconds kMost{2};
+    const auto end = std::chrono::steady_clock::now() + kMost;
+    std::unique_lock hold(gate);
+    while (!stopping && shared->monitor.Queued() > 0 && std::chrono::steady_clock::now() < end) {
+        gateChanged.wait_for(hold, kLook);
+    }
 }
 
 void FileSource::noteDamage() {

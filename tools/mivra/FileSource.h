@@ -102,6 +102,7 @@ private:
     bool waitUntilDue(std::int64_t dts);
     void fill(Common::PacketBuffer& buffer, const AVPacket& packet, std::int64_t shift);
     void fillSideData(Common::PacketBuffer& buffer, const AVPacket& packet) const;
+    void awaitConsumed();
     void noteDamage();
     void finish();
     void fail(ExitCode code, const Problem& problem);

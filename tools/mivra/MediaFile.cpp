@@ -9,14 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <new>
 #include <system_error>
 
 namespace Mivra::Tool {
 namespace {
-
-using FFmpeg::FfmpegOptional;
-using FFmpeg::FfmpegProxy;
 
 constexpr int kReadBuffer = 64 << 10;
 constexpr int kWriteBuffer = 256 << 10;
@@ -36,31 +32,6 @@ auto retried(Call call) {
 
 [[noreturn]] void fail(const std::string& path) {
     throw std::system_error(errno, std::generic_category(), path);
-}
-
-AVIOContext* makeContext(int bufferSize, bool writing, void* self, int (*read)(void*, std::uint8_t*, int),
-                         int (*write)(void*, std::uint8_t*, int),
-                         std::int64_t (*seek)(void*, std::int64_t, int)) {
-    auto* const buffer =
-        static_cast<unsigned char*>(FfmpegProxy::av_mallocz(static_cast<std::size_t>(bufferSize)));
-    if (buffer == nullptr) {
-        throw std::bad_alloc();
-    }
-    AVIOContext* const context =
-        FfmpegProxy::avio_alloc_context(buffer, bufferSize, writing ? 1 : 0, self, read, write, seek);
-    if (context == nullptr) {
-        FfmpegProxy::av_free(buffer);
-        throw std::bad_alloc();
-    }
-    context->seekable = seek != nullptr ? AVIO_SEEKABLE_NORMAL : 0;
-    return context;
-}
-
-void freeContext(AVIOContext*& context) {
-    if (context != nullptr) {
-        FfmpegProxy::av_freep(&context->buffer);
-        FfmpegOptional::avio_context_free(&context);
-    }
 }
 
 std::int64_t seekIn(int descriptor, std::int64_t offset, int whence) {
@@ -98,7 +69,7 @@ InputFile::InputFile(const std::string& path) {
         wakeDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     }
     try {
-        context = makeContext(kReadBuffer, false, this, read, nullptr, regular ? seek : nullptr);
+        context = makeAvio(kReadBuffer, false, this, read, nullptr, regular ? seek : nullptr);
     } catch (...) {
         ::close(descriptor);
         throw;
@@ -106,7 +77,6 @@ InputFile::InputFile(const std::string& path) {
 }
 
 InputFile::~InputFile() {
-    freeContext(context);
     ::close(descriptor);
     if (wakeDescriptor >= 0) {
         ::close(wakeDescriptor);
@@ -160,8 +130,7 @@ OutputFile::OutputFile(const std::string& name, const StopSignal& signal)
     struct stat status {};
     regular = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
     try {
-        context =
-            makeContext(kWriteBuffer, true, this, nullptr, write, regular && !standard ? seek : nullptr);
+        context = makeAvio(kWriteBuffer, true, this, nullptr, write, regular && !standard ? seek : nullptr);
     } catch (...) {
         ::close(descriptor);
         throw;
@@ -170,7 +139,6 @@ OutputFile::OutputFile(const std::string& name, const StopSignal& signal)
 }
 
 OutputFile::~OutputFile() {
-    freeContext(context);
     Close();
 }
 

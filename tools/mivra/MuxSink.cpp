@@ -23,7 +23,7 @@ MuxSink::~MuxSink() {
 
 void MuxSink::Open() {
     try {
-        muxer = std::make_unique<Muxer>(options.path, *options.format, shared->stop);
+        muxer = std::make_unique<Muxer>(options.path, *options.format, shared->stop, &shared->board);
     } catch (const ProblemError& error) {
         if (!shared->stop.IsRaised()) {  // else it was told to give up
             shared->monitor.Fail(error.code, error.problem);

@@ -145,8 +145,11 @@ void Muxer::ContextDeleter::operator()(AVFormatContext* output) const {
     FfmpegOptional::avformat_free_context(output);
 }
 
-Muxer::Muxer(const std::string& name, const OutputFormat& of, const StopSignal& stop) try
-    : path(name), format(of), file(withFfmpeg(name, ffmpeg.IsLoaded()), stop), packet(makePacket()) {
+Muxer::Muxer(const std::string& name, const OutputFormat& of, const StopSignal& stop, NetworkBoard* board) try
+    : path(name),
+      format(of),
+      file(openOutput(withFfmpeg(name, ffmpeg.IsLoaded()), stop, board)),
+      packet(makePacket()) {
     makeContext();
 } catch (const std::system_error& refusal) {
     const bool noReader = refusal.code().value() == ECANCELED;
@@ -156,7 +159,7 @@ Muxer::Muxer(const std::string& name, const OutputFormat& of, const StopSignal& 
 
 Muxer::~Muxer() {
     if (!headerWritten) {
-        file.Discard();
+        file->Discard();
     }
 }
 
@@ -168,7 +171,7 @@ void Muxer::makeContext() {
         failToOpen(path, errorText(code), "this FFmpeg cannot write " + std::string(format.muxer));
     }
     context.reset(made);
-    context->pb = file.Context();
+    context->pb = file->Context();
     context->max_delay = kMaxDelay;
 }
 
@@ -192,7 +195,7 @@ void Muxer::Begin(const std::vector<MediaType>& types, const Section& section) {
         addStream(index, types[index]);
         streams[index].begun = section.continued;
     }
-    if (!file.Begin()) {
+    if (!file->Begin()) {
         failToOpen(path, errorMessage(errno), "check the file and its permissions");
     }
     writeHeader(section.continued);
@@ -221,8 +224,8 @@ void Muxer::writeHeader(bool continued) {
         return;
     }
     failed = true;
-    if (file.WriteError() != 0) {
-        throw ProblemError(ExitCode::WriteFailed, writeProblem(path, file.WriteError()));
+    if (file->WriteError() != 0) {
+        throw ProblemError(ExitCode::WriteFailed, writeProblem(path, file->WriteError()));
     }
     const std::string why = watch.FirstError().empty() ? errorText(code) : watch.FirstError();
     failToOpen(path, why, "choose another format or check the place");
@@ -256,13 +259,13 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
         return explain(AVERROR(ENOMEM), "");
     }
     stream.handed.push_back({from.ActualSize(), from.Dts()});
-    const std::uint64_t sent = file.PiecesSent();
+    const std::uint64_t sent = file->PiecesSent();
     const MediaCount before = muxed;
     const FfmpegErrorWatch watch(context.get());
     const int code = FfmpegProxy::av_interleaved_write_frame(context.get(), packet.get());
     count();
-    if (file.PiecesSent() != sent) {
-        onTheirWay.push_back({file.PiecesSent(), before});  // at least what was there before this one
+    if (file->PiecesSent() != sent) {
+        onTheirWay.push_back({file->PiecesSent(), before});  // at least what was there before this one
     }
     settle();
     return code < 0 ? explain(code, watch.FirstError()) : Result::Done;
@@ -270,7 +273,7 @@ Muxer::Result Muxer::Write(int index, PacketBuffer& from) {
 
 /// Notes what the file has got meanwhile.
 void Muxer::settle() {
-    while (!onTheirWay.empty() && onTheirWay.front().pieces <= file.PiecesWritten()) {
+    while (!onTheirWay.empty() && onTheirWay.front().pieces <= file->PiecesWritten()) {
         written = onTheirWay.front().media;
         onTheirWay.erase(onTheirWay.begin());
     }
@@ -375,8 +378,8 @@ bool Muxer::setSideData(PacketBuffer& from) {
 }
 
 Muxer::Result Muxer::explain(int code, const std::string& message) {
-    if (file.WriteError() != 0) {
-        return fail(writeProblem(path, file.WriteError()));
+    if (file->WriteError() != 0) {
+        return fail(writeProblem(path, file->WriteError()));
     }
     if (code == AVERROR(ENOMEM)) {
         return fail(writeProblem(path, ENOMEM));
@@ -427,9 +430,9 @@ Muxer::Result Muxer::Finish() {
         result = code < 0 ? explain(code, watch.FirstError()) : result;
     }
     context.reset();
-    file.Close();
-    if (file.WriteError() != 0) {
-        result = fail(writeProblem(path, file.WriteError()));
+    file->Close();
+    if (file->WriteError() != 0) {
+        result = fail(writeProblem(path, file->WriteError()));
     }
     settle();
     written = failed || !headerWritten ? written : muxed;

@@ -8,7 +8,7 @@
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/model/MediaType.h"
 #include "tools/mivra/FfmpegSupport.h"
-#include "tools/mivra/MediaFile.h"
+#include "tools/mivra/MediaIo.h"
 #include "tools/mivra/OutputFormat.h"
 #include "tools/mivra/Progress.h"
 #include "tools/mivra/SampleClock.h"
@@ -29,9 +29,11 @@ public:
         bool continued = false;   ///< not the first one: no stream waits for a key frame
     };
 
-    /// Opens the file, which keeps what it holds until Begin. ProblemError when it cannot be opened; the
-    /// signal, which has to outlive this object, ends the wait for a reader.
-    Muxer(const std::string& path, const OutputFormat& format, const StopSignal& stop);
+    /// Opens the file, which keeps what it holds until Begin, or the address; the board hears of clients.
+    /// ProblemError when it cannot be opened; the signal, which has to outlive this object, ends the wait for
+    /// a reader.
+    Muxer(const std::string& path, const OutputFormat& format, const StopSignal& stop,
+          NetworkBoard* board = nullptr);
     ~Muxer();
     Muxer(const Muxer&) = delete;
     Muxer& operator=(const Muxer&) = delete;
@@ -42,7 +44,7 @@ public:
     void Begin(const std::vector<Common::MediaType>& types) { Begin(types, Section()); }
     /// Which of the streams Begin would take, and what LeftOut would say then. ProblemError when none.
     std::vector<std::size_t> Choose(const std::vector<Common::MediaType>& types);
-    bool IsRegular() const { return file.IsRegular(); }
+    bool IsRegular() const { return file->IsRegular(); }
     /// Whether Begin has taken the stream.
     bool Takes(int stream) const;
     /// Whether the format has times. Before Finish.
@@ -98,7 +100,7 @@ private:
     const std::string path;
     const OutputFormat& format;
     FfmpegUse ffmpeg;
-    OutputFile file;
+    const std::unique_ptr<IMediaOutput> file;
     std::unique_ptr<AVFormatContext, ContextDeleter> context;
     PacketPointer packet;
     std::vector<Stream> streams;  // by the place among the types

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tools/mivra/MediaFile.h"
+#include "tools/mivra/NetworkAddress.h"
 #include "tools/mivra/StreamMapping.h"
 
 namespace Mivra::Tool {
@@ -93,8 +94,8 @@ std::int64_t score(const MediaType& type) {
 }  // namespace
 
 const OutputFormat* findOutputFormat(const std::string& path) {
-    std::string extension =
-        path == kStandardStream ? ".ts" : std::filesystem::path(path).extension().string();
+    const bool stream = path == kStandardStream || NetworkAddress::IsOne(path);
+    std::string extension = stream ? ".ts" : std::filesystem::path(path).extension().string();
     std::transform(extension.begin(), extension.end(), extension.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     for (const OutputFormat& format : kFormats) {

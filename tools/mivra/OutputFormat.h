@@ -18,7 +18,8 @@ struct OutputFormat {
     std::span<const int> codecs;  ///< what it holds; empty: the muxer knows
 };
 
-/// By the extension, in whatever case; that of transport streams for standard output. Null for any other.
+/// By the extension, in whatever case; that of transport streams for standard output and for the network.
+/// Null for any other.
 const OutputFormat* findOutputFormat(const std::string& path);
 
 /// ".ts, .mp4, ..."

@@ -231,7 +231,8 @@ void addProbeCommand(CLI::App& program, Action& action) {
     command->add_flag("--nal", options->nal, "List the NAL units of H.264 streams, too");
     command->add_flag("--sdp", options->sdp, "Lines of a session description, too");
     command->footer(
-        "Whatever FFmpeg can take apart, raw .h264 and .aac included; '-' is standard input."
+        "Whatever FFmpeg can take apart, raw .h264 and .aac included; '-' is standard input, and"
+        "\ntcp://HOST:PORT, tcp-listen://HOST:PORT or udp://HOST:PORT the network."
         "\n\nEnds with 0 done, 2 usage, 3 a file that cannot be opened, 5 a damaged file: the first of "
         "them.");
     command->callback([options, &action] {

@@ -94,6 +94,19 @@ private:
 
 }  // namespace
 
+void ClientReport::Update(const NetworkBoard& board, const Progress& progress, IProgressReporter& reporter) {
+    if (!(interval > 0) || progress.elapsed < last + interval) {
+        return;
+    }
+    last = progress.elapsed;
+    for (ClientTable::Line& client : board.Clients()) {
+        client.stat.Speed() = progress.elapsed > 0 ? progress.position / progress.elapsed : 0;
+        const std::string figures = client.stat.ToString();
+        reporter.Tell(
+            {"client", {{"address", client.address}, {"figures", figures}}, client.address + ": " + figures});
+    }
+}
+
 std::unique_ptr<IProgressReporter> makeProgressReporter(Console& console, bool json, double statsSeconds) {
     if (json) {
         return std::make_unique<JsonReporter>(console, statsSeconds);

@@ -8,6 +8,7 @@
 
 #include "tools/mivra/Console.h"
 #include "tools/mivra/Event.h"
+#include "tools/mivra/NetworkBoard.h"
 
 namespace Mivra::Tool {
 
@@ -54,6 +55,19 @@ public:
     virtual void Tell(const Event& event) = 0;
     /// Once, at the end.
     virtual void Finish(const Summary& summary) = 0;
+};
+
+/// Tells of the clients of a relay in the network, once in so many seconds.
+class ClientReport {
+public:
+    /// seconds: 0 or less: never.
+    explicit ClientReport(double seconds) : interval(seconds) {}
+
+    void Update(const NetworkBoard& board, const Progress& progress, IProgressReporter& reporter);
+
+private:
+    const double interval;
+    double last = 0;
 };
 
 /// One JSON object a line when json; else on a terminal one live line, redrawn at most 10 times a second;

@@ -18,6 +18,7 @@
 #include "tools/mivra/Interrupt.h"
 #include "tools/mivra/LibraryUse.h"
 #include "tools/mivra/MediaRuntime.h"
+#include "tools/mivra/NetworkAddress.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/Progress.h"
 #include "tools/mivra/RecordNames.h"
@@ -51,7 +52,8 @@ public:
           trigger(beginning),
           console(where),
           shared(std::make_shared<RelayShared>(static_cast<int>(what.inputs.size()), where)),
-          begin(Clock::now()) {}
+          begin(Clock::now()),
+          clientReport(what.clients ? what.statsSeconds : 0) {}
 
     ExitCode Run() {
         makeSources();
@@ -71,7 +73,9 @@ public:
             if (shared->monitor.HaveSourcesEnded() && isAllWritten()) {
                 break;
             }
-            reporter->Update(progress());
+            const Progress now = progress();
+            reporter->Update(now);
+            clientReport.Update(shared->board, now, *reporter);
         }
         stop();
         return report();
@@ -105,11 +109,13 @@ private:
         session.AddSink(sink.get());
     }
 
-    // Files may end before others do.
+    // Files may end before others do, and what comes from the network watches itself.
     void setNoSamples() {
         if (options.noSamples > 0) {
             session.SetNoCaptureTimeout(toTime(options.noSamples));
-        } else if (std::all_of(options.inputs.begin(), options.inputs.end(), isFile)) {
+        } else if (std::all_of(options.inputs.begin(), options.inputs.end(), [](const std::string& name) {
+                       return isFile(name) || NetworkAddress::IsOne(name);
+                   })) {
             session.SetNoCaptureTimeout(kNever);
         }
     }
@@ -238,6 +244,7 @@ private:
     std::vector<Reference<FileSource>> sources;
     Reference<RecordSink> sink;
     std::unique_ptr<IProgressReporter> reporter;
+    ClientReport clientReport;
     std::optional<Clock::time_point> waitedSince;
     bool isTriggered = false;
     bool isTold = false;
@@ -255,6 +262,10 @@ ExitCode record(const RecordOptions& options) {
     try {
         if (const std::optional<Problem> wrong = names.Check()) {
             throw ProblemError(ExitCode::Usage, *wrong);
+        }
+        if (NetworkAddress::IsOne(options.output) && options.rotation > 0) {
+            throw ProblemError(ExitCode::Usage,
+                               {"--rotate is for files", options.output, "leave it away, or name a file"});
         }
         if (const std::optional<Problem> wrong = checkLogPlace(options.log, options.logLevel)) {
             throw ProblemError(ExitCode::Usage, *wrong);

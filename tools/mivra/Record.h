@@ -18,6 +18,7 @@ struct RecordOptions {
     double rotation = 0;          ///< seconds of media in a file; 0: all in one
     double noSamples = 0;         ///< seconds without a packet that end it; 0: as the session has it
     double statsSeconds = 1;
+    bool clients = false;  ///< each client of the network has a line of figures, too
     bool json = false;
     std::string log;
     int logLevel = 3;

@@ -13,7 +13,8 @@ namespace {
 using Media::MediaSession;
 
 constexpr const char* kFooter =
-    "Inputs are those of relay; files come no faster than they play. The output's name may hold %Y %m %d"
+    "Inputs are those of relay, the network too; files come no faster than they play. The output's name may "
+    "hold %Y %m %d"
     "\n%H %M %S for the local time when the file begins. It begins with a key frame, so the pre-roll may be"
     "\nshorter than asked for. Nothing is encoded anew."
     "\n\nExamples:"
@@ -64,7 +65,9 @@ void addOptions(CLI::App& command, Arguments& arguments) {
     command.add_option("--no-samples", options.noSamples, "Give up when an input brings nothing for so long")
         ->type_name("SECONDS")
         ->check(numberBetween(0.001, kLongest));
-    command.add_option("--stats", options.statsSeconds, "Seconds between lines of figures; 0: only the last")
+    command
+        .add_option("--stats", options.statsSeconds,
+                    "Seconds between lines of figures, of clients too; 0: only the last")
         ->type_name("SECONDS")
         ->check(numberBetween(0.0, kLongest));
     command.add_flag("--json", options.json, "Figures as one JSON object a line");
@@ -84,7 +87,8 @@ void addRecordCommand(CLI::App& program, Action& action) {
     const auto arguments = std::make_shared<Arguments>();
     addOptions(*command, *arguments);
     command->footer(kFooter);
-    command->callback([arguments, &action] {
+    command->callback([arguments, command, &action] {
+        arguments->options.clients = command->count("--stats") > 0;
         if (arguments->options.inputs.empty() || arguments->options.output.empty()) {
             throw CLI::ValidationError("an input and -o with the output's name are needed");
         }

@@ -53,7 +53,7 @@ RecordSink::~RecordSink() {
 
 void RecordSink::Open() {
     try {
-        opened = std::make_unique<Muxer>(place, format, shared->stop);
+        opened = std::make_unique<Muxer>(place, format, shared->stop, &shared->board);
     } catch (const ProblemError& error) {
         if (!shared->stop.IsRaised()) {  // else it was told to give up
             shared->monitor.Fail(error.code, error.problem);
@@ -151,7 +151,7 @@ bool RecordSink::beginFile(PacketBuffer& sample) {
         summary.format = format.muxer;
         muxer = opened != nullptr && summary.path == place
                     ? std::move(opened)
-                    : std::make_unique<Muxer>(summary.path, format, shared->stop);
+                    : std::make_unique<Muxer>(summary.path, format, shared->stop, &shared->board);
         opened.reset();
         muxer->Begin(types, section);
         for (std::size_t i = 0; i < types.size(); ++i) {

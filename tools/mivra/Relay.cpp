@@ -39,7 +39,8 @@ public:
         : options(what),
           console(where),
           shared(std::make_shared<RelayShared>(static_cast<int>(what.inputs.size()), where)),
-          begin(Clock::now()) {}
+          begin(Clock::now()),
+          clientReport(what.clients ? what.statsSeconds : 0) {}
 
     ExitCode Run() {
         makeSources();
@@ -51,7 +52,9 @@ public:
         session.Start();
         while (!shared->monitor.Wait(kLookMilliseconds, Interrupt::Descriptor()) &&
                !Interrupt::IsRequested()) {
-            reporter->Update(progress());
+            const Progress now = progress();
+            reporter->Update(now);
+            clientReport.Update(shared->board, now, *reporter);
         }
         stop();
         return report();
@@ -162,6 +165,7 @@ private:
     std::vector<Reference<FileSource>> sources;
     std::vector<Reference<MuxSink>> sinks;
     std::unique_ptr<IProgressReporter> reporter;
+    ClientReport clientReport;
     bool interrupted = false;
     std::atomic<bool> stopping{false};
     MediaSession session;

@@ -16,6 +16,7 @@ struct RelayOptions {
     int loops = 0;       ///< rounds more; below 0: without end
     double rate = 0;     ///< so many times as fast as it plays; 0: not set
     double statsSeconds = 1;
+    bool clients = false;  ///< each client of the network has a line of figures, too
     bool json = false;
     std::string log;
     int logLevel = 3;

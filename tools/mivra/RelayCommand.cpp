@@ -14,12 +14,18 @@ constexpr const char* kFooter =
     "The last file is the first output; -o adds more. Outputs: .ts .mp4 .mkv .flv .h264 .aac .m4a; '-' is "
     "standard"
     "\ninput or output, which is written as MPEG-TS. Nothing is encoded anew."
+    "\n\nThe network carries MPEG-TS: tcp://HOST:PORT connects, tcp-listen://HOST:PORT waits for others,"
+    "\nudp://HOST:PORT gets or sends datagrams, of a group too (?interface=ADDRESS). Whoever connects to a"
+    "\ntcp-listen output begins at the next key frame. An input that brings nothing for 10 s, or what"
+    "\n?timeout=SECONDS says, is a time-out."
     "\n\nExamples:"
     "\n  mivra relay film.mp4 film.ts"
     "\n  mivra relay film.mp4 copy.mkv -o film.ts"
     "\n  mivra relay picture.mp4 sound.mp4 both.mkv"
     "\n  mivra relay --realtime film.mp4 - | player"
     "\n  mivra relay --seek 90 --for 30 film.mp4 part.mp4"
+    "\n  mivra relay film.mp4 tcp-listen://0.0.0.0:9000 --realtime"
+    "\n  mivra relay 'udp://239.1.1.1:5000?interface=10.0.0.2' tape.ts"
     "\n\nEnds with 0 done, 2 usage, 3 an input or output that cannot be opened, 4 time-out, 5 damaged input,"
     "\n6 an output that failed while writing.";
 
@@ -68,7 +74,9 @@ void addRelayCommand(CLI::App& program, Action& action) {
     command->add_option("--for", options.seconds, "Stop after so many seconds of media")
         ->type_name("SECONDS")
         ->check(numberBetween(0.001, kLongest));
-    command->add_option("--stats", options.statsSeconds, "Seconds between lines of figures; 0: only the last")
+    command
+        ->add_option("--stats", options.statsSeconds,
+                     "Seconds between lines of figures, of clients too; 0: only the last")
         ->type_name("SECONDS")
         ->check(numberBetween(0.0, kLongest));
     command->add_flag("--json", options.json, "Figures as one JSON object a line");
@@ -79,7 +87,8 @@ void addRelayCommand(CLI::App& program, Action& action) {
         ->type_name("N")
         ->check(wholeNumberBetween(0, 5));
     command->footer(kFooter);
-    command->callback([arguments, &action] {
+    command->callback([arguments, command, &action] {
+        arguments->options.clients = command->count("--stats") > 0;
         if (arguments->files.size() < 2) {
             throw CLI::ValidationError("an input and an output are needed");
         }

@@ -9,7 +9,9 @@
 #include <filesystem>
 
 #include "tools/mivra/MediaFile.h"
+#include "tools/mivra/NetworkAddress.h"
 #include "tools/mivra/OutputFormat.h"
+#include "tools/mivra/ProblemError.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -73,6 +75,9 @@ std::vector<Place> placesOf(const std::vector<std::string>& names, int standardD
     std::vector<Place> places;
     places.reserve(names.size());
     for (const std::string& name : names) {
+        if (NetworkAddress::IsOne(name)) {
+            continue;
+        }
         places.push_back(name == kStandardStream ? standardPlace(name, standardDescriptor) : placeOf(name));
     }
     return places;
@@ -93,6 +98,20 @@ std::optional<Problem> checkLog(const std::string& log, const std::vector<Place>
     return std::nullopt;
 }
 
+/// What is wrong with the first wrong address among the names.
+std::optional<Problem> checkAddresses(const std::vector<std::string>& names) {
+    try {
+        for (const std::string& name : names) {
+            if (NetworkAddress::IsOne(name)) {
+                NetworkAddress::Parse(name);
+            }
+        }
+    } catch (const ProblemError& error) {
+        return error.problem;
+    }
+    return std::nullopt;
+}
+
 std::ptrdiff_t countStandard(const std::vector<std::string>& names) {
     return std::count(names.begin(), names.end(), kStandardStream);
 }
@@ -105,6 +124,11 @@ std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
         if (findOutputFormat(output) == nullptr) {
             return Problem{"the output's name does not tell a format", output,
                            "use one of " + outputExtensions()};
+        }
+    }
+    for (const auto* const names : {&inputs, &outputs}) {
+        if (std::optional<Problem> wrong = checkAddresses(*names)) {
+            return wrong;
         }
     }
     if (countStandard(inputs) > 1) {
@@ -120,7 +144,7 @@ std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
         }
         for (std::size_t j = 0; j < i; ++j) {
             if (isSame(written[i], written[j]) ||
-                (outputs[i] == outputs[j] && outputs[i] == kStandardStream)) {
+                (written[i].name == written[j].name && written[i].name == kStandardStream)) {
                 return Problem{"two outputs are the same file", written[i].name, "choose another name"};
             }
         }

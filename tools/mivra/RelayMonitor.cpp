@@ -94,6 +94,9 @@ std::vector<Problem> RelayMonitor::Damages() {
 }
 
 RelayShared::RelayShared(int sources, Console& console, std::int64_t budgetBytes)
-    : budget(sources, budgetBytes), pace(sources, kLargestLead), monitor(sources, console) {}
+    : board([this](const std::string& text) { monitor.Note(text); }),
+      budget(sources, budgetBytes),
+      pace(sources, kLargestLead),
+      monitor(sources, console) {}
 
 }  // namespace Mivra::Tool

@@ -8,6 +8,7 @@
 #include "mivra/common/runtime/CritSec.h"
 #include "tools/mivra/Console.h"
 #include "tools/mivra/ExitCode.h"
+#include "tools/mivra/NetworkBoard.h"
 #include "tools/mivra/PacketBudget.h"
 #include "tools/mivra/SourcePace.h"
 #include "tools/mivra/StopSignal.h"
@@ -78,6 +79,7 @@ private:
 struct RelayShared {
     RelayShared(int sources, Console& console, std::int64_t budgetBytes = PacketBudget::kDefaultBytes);
 
+    NetworkBoard board;
     PacketBudget budget;
     SourcePace pace;
     RelayMonitor monitor;

@@ -40,7 +40,9 @@ _mivra() {
         probe:-*) mapfile -t COMPREPLY < <(compgen -W "--help --json --nal --sdp" -- "$word") ;;
         convert:-*) mapfile -t COMPREPLY < <(compgen -W "--help --to" -- "$word") ;;
         sps:-*) mapfile -t COMPREPLY < <(compgen -W "--help --crop --aspect --output" -- "$word") ;;
-        relay:* | record:* | probe:* | convert:* | sps:*) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+        relay:* | record:* | probe:* | convert:* | sps:*)
+            mapfile -t COMPREPLY < <(compgen -f -- "$word"; compgen -W "tcp:// tcp-listen:// udp://" -- "$word")
+            ;;
         doctor:*) [[ $previous == --log ]] && mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
     esac
 }
