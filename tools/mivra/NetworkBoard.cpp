@@ -52,29 +52,36 @@ void ClientTable::Received(unsigned id, int bytes) {
 void ClientTable::Queued(unsigned id, int bytes) {
     AutoLock hold(lock);
     if (const auto found = clients.find(id); found != clients.end()) {
+        found->second.queue.push_back(bytes);
         found->second.stat.SendQueueSize() += bytes;
         found->second.stat.SendQueueLength() += 1;
     }
 }
 
-void ClientTable::Refused(unsigned id, int bytes) {
+void ClientTable::Refused(unsigned id) {
     AutoLock hold(lock);
     if (const auto found = clients.find(id); found != clients.end()) {
-        found->second.stat.SendQueueSize() -= bytes;
+        found->second.stat.SendQueueSize() -= found->second.queue.back();
+        found->second.queue.pop_back();
         found->second.stat.SendQueueLength() -= 1;
         found->second.stat.StreamErrors() += 1;
     }
 }
 
-void ClientTable::Sent(unsigned id, int bytes) {
+int ClientTable::Sent(unsigned id) {
     AutoLock hold(lock);
-    if (const auto found = clients.find(id); found != clients.end()) {
-        Network::NetworkStat& stat = found->second.stat;
-        stat.SendQueueSize() -= bytes;
-        stat.SendQueueLength() -= 1;
-        stat.TotalSent() += static_cast<std::uint64_t>(bytes);
-        stat.LastActivity() = std::time(nullptr);
+    const auto found = clients.find(id);
+    if (found == clients.end() || found->second.queue.empty()) {
+        return 0;
     }
+    const int bytes = found->second.queue.front();
+    found->second.queue.pop_front();
+    Network::NetworkStat& stat = found->second.stat;
+    stat.SendQueueSize() -= bytes;
+    stat.SendQueueLength() -= 1;
+    stat.TotalSent() += static_cast<std::uint64_t>(bytes);
+    stat.LastActivity() = std::time(nullptr);
+    return bytes;
 }
 
 void ClientTable::Recipients(bool entry, std::vector<unsigned>& all, std::vector<unsigned>& joining) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,8 +23,9 @@ public:
     struct Client {
         std::string address;
         Network::NetworkStat stat;
-        bool joined = false;   // gets what is sent
-        bool leaving = false;  // has been told to go
+        std::deque<int> queue;  // sizes of what is queued: a packet that was sent may be another's already
+        bool joined = false;    // gets what is sent
+        bool leaving = false;   // has been told to go
     };
 
     void Add(unsigned id, const sockaddr_in& address);
@@ -35,9 +37,10 @@ public:
     void Received(unsigned id, int bytes);
     void QueueLength(int packets) { waiting = packets; }
     void Lost() { lost += 1; }
+    /// A packet is about to be queued; it was not; the first one that was queued has gone, of so many bytes.
     void Queued(unsigned id, int bytes);
-    void Refused(unsigned id, int bytes);
-    void Sent(unsigned id, int bytes);
+    void Refused(unsigned id);
+    int Sent(unsigned id);
 
     /// Those that get what is sent now; at an entry those who wait join, and stand in `joining` too.
     void Recipients(bool entry, std::vector<unsigned>& all, std::vector<unsigned>& joining);

@@ -51,9 +51,9 @@ public:
         owner.clients->Received(context->ClientId(), packet->ActualSize());
         owner.handler.Received(context->ClientId(), *packet);
     }
-    void OnSendCompleted(NetClientContext* context, PacketBuffer* packet) override {
-        owner.clients->Sent(context->ClientId(), packet->ActualSize());
-        owner.handler.Sent(context->ClientId(), *packet);
+    // The packet may be on its way with other bytes already: what it was stands in the table.
+    void OnSendCompleted(NetClientContext* context, PacketBuffer*) override {
+        owner.handler.Sent(context->ClientId(), owner.clients->Sent(context->ClientId()));
     }
     void OnClientReleased(NetClientContext* context) override {
         if (owner.clients->Remove(context->ClientId())) {
@@ -204,12 +204,11 @@ void NetworkEndpoint::awaitConnected() {
 }
 
 bool NetworkEndpoint::Send(unsigned client, PacketBuffer& packet) {
-    const int size = packet.ActualSize();
-    clients->Queued(client, size);
+    clients->Queued(client, packet.ActualSize());
     if (engine.SendAsync(client, &packet)) {
         return true;
     }
-    clients->Refused(client, size);
+    clients->Refused(client);
     return false;
 }
 

@@ -24,7 +24,8 @@ public:
 
     virtual void Connected(unsigned client) = 0;
     virtual void Received(unsigned, Common::PacketBuffer&) {}
-    virtual void Sent(unsigned, Common::PacketBuffer&) {}
+    /// The oldest packet that was queued for it, of so many bytes, has gone.
+    virtual void Sent(unsigned, int) {}
     /// The table does not have it any more.
     virtual void Gone(unsigned client) = 0;
 };

@@ -39,10 +39,10 @@ void NetworkOutput::Connected(unsigned client) {
     peer = client;
 }
 
-void NetworkOutput::Sent(unsigned, PacketBuffer& packet) {
+void NetworkOutput::Sent(unsigned, int bytes) {
     {
         const std::lock_guard hold(gate);
-        waiting -= packet.ActualSize();
+        waiting -= bytes;
         progress += 1;
     }
     taken += 1;

@@ -36,7 +36,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void Connected(unsigned client) override;
-    void Sent(unsigned client, Common::PacketBuffer& packet) override;
+    void Sent(unsigned client, int bytes) override;
     void Gone(unsigned client) override;
 
     static int write(void* self, std::uint8_t* data, int size);
