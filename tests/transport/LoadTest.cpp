@@ -31,6 +31,10 @@ protected:
         start();
         std::vector<unsigned int> ids;
         const std::vector<PosixPeer> peers = accept(listen(), clients, ids);
+        NetConnectionParameters narrow;  // so that packets go out in parts
+        narrow.sendBufferSize = 100'000;
+        for (const unsigned int id : ids)
+            engine->Update(id, narrow);
         StreamReaders readers(peers, kPacket);
         std::thread reading([&] { readers.Run(packets); });
         broadcast(ids, packets);
