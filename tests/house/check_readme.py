@@ -11,7 +11,7 @@ import subprocess
 import sys
 import tempfile
 
-PROGRAMS = ["examples/FirstPacket.cpp", "examples/EchoServer.cpp"]
+PROGRAMS = ["examples/FirstPacket.cpp", "examples/Decode.cpp", "examples/EchoServer.cpp"]
 
 
 def run_recipes(readme, mivra):
