@@ -54,10 +54,13 @@ void FramePool::Expect(int count) {
 
 FrameBuffer* FramePool::Lend(int size) noexcept {
     FrameBuffer* buffer = nullptr;
+    if (size < 0 || size > std::numeric_limits<int>::max() - FrameBuffer::kSlack) {
+        return nullptr;
+    }
     {
         const AutoLock guard(lock);
-        if (size > bufferSize) {
-            resize(size);
+        if (size + FrameBuffer::kSlack > bufferSize) {
+            resize(size + FrameBuffer::kSlack);
         }
         buffer = take();
     }
@@ -84,8 +87,7 @@ FrameBuffer* FramePool::take() {
 }
 
 FrameBuffer* FramePool::make() {
-    constexpr std::size_t kExtra = FrameBuffer::kAlignment + FrameBuffer::kSlack;
-    const std::size_t bytes = static_cast<std::size_t>(bufferSize) + kExtra;
+    const std::size_t bytes = static_cast<std::size_t>(bufferSize) + FrameBuffer::kAlignment;
     void* const memory = System().allocate(bytes);
     if (memory == nullptr) {
         return nullptr;
@@ -147,8 +149,8 @@ PacketBuffer* FramePool::LockBuffer(bool) {
 
 void FramePool::Reallocate(int size, int count) {
     const AutoLock guard(lock);
-    if (size >= 0 && size <= std::numeric_limits<int>::max()) {
-        resize(size);
+    if (size >= 0 && size <= std::numeric_limits<int>::max() - FrameBuffer::kSlack) {
+        resize(size + FrameBuffer::kSlack);
         expected = count;
     }
 }

@@ -19,7 +19,8 @@ namespace Mivra::FFmpeg {
 class FrameBuffer : public Common::PacketBuffer {
 public:
     static constexpr std::size_t kAlignment = 64;
-    static constexpr std::size_t kSlack = 128;  ///< Bytes behind the end, readable and writable.
+    /// Bytes behind the valid ones, inside Size(), that vector instructions may touch: FFmpeg's encoders too.
+    static constexpr int kSlack = 128;
 
     ~FrameBuffer() override;
 
