@@ -59,6 +59,15 @@ int reorderingDepth(const MediaType& type) {
     return isBaseline ? 0 : std::clamp(type.GetReorderingQueueDepth(), 0, kMostReordered);
 }
 
+/// One of FFmpeg's enumerators, of which there are so many, from the metadata; others change nothing.
+template <typename Enumeration>
+void takeNumber(const MediaType& type, const char* key, int count, Enumeration& value) {
+    const std::int64_t number = metadataNumber(type, key, -1);
+    if (number >= 0 && number < count) {
+        value = static_cast<Enumeration>(number);
+    }
+}
+
 void setVideo(const MediaType& type, AVCodecContext& context) {
     context.width = std::max(type.Width(), 0);
     context.height = std::max(type.Height(), 0);
@@ -69,18 +78,12 @@ void setVideo(const MediaType& type, AVCodecContext& context) {
     if (type.Framerate().Num() > 0 && type.Framerate().Den() > 0) {
         context.framerate = toFfmpeg(type.Framerate());
     }
-    const auto number = [&type](const char* key, int none) {
-        return static_cast<int>(metadataNumber(type, key, none));
-    };
-    context.color_range = static_cast<AVColorRange>(number(Key::kColorRange, context.color_range));
-    context.color_primaries =
-        static_cast<AVColorPrimaries>(number(Key::kColorPrimaries, context.color_primaries));
-    context.color_trc =
-        static_cast<AVColorTransferCharacteristic>(number(Key::kColorTransfer, context.color_trc));
-    context.colorspace = static_cast<AVColorSpace>(number(Key::kColorSpace, context.colorspace));
-    context.chroma_sample_location =
-        static_cast<AVChromaLocation>(number(Key::kChromaLocation, context.chroma_sample_location));
-    context.field_order = static_cast<AVFieldOrder>(number(Key::kFieldOrder, context.field_order));
+    takeNumber(type, Key::kColorRange, AVCOL_RANGE_NB, context.color_range);
+    takeNumber(type, Key::kColorPrimaries, AVCOL_PRI_NB, context.color_primaries);
+    takeNumber(type, Key::kColorTransfer, AVCOL_TRC_NB, context.color_trc);
+    takeNumber(type, Key::kColorSpace, AVCOL_SPC_NB, context.colorspace);
+    takeNumber(type, Key::kChromaLocation, AVCHROMA_LOC_NB, context.chroma_sample_location);
+    takeNumber(type, Key::kFieldOrder, AV_FIELD_BT + 1, context.field_order);
 }
 
 void setAudio(const MediaType& type, AVCodecContext& context) {

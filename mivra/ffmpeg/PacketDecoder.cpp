@@ -43,7 +43,7 @@ int sideDataType(const std::string& key) {
 
 std::unique_ptr<PacketDecoder> PacketDecoder::Open(const MediaType& type, const Options& options,
                                                    FramePool& pool, std::string& why) {
-    const AVCodec* const codec = FfmpegProxy::avcodec_find_decoder(toFfmpeg(type.CodecId()));
+    const AVCodec* const codec = FfmpegProxy::avcodec_find_decoder(static_cast<int>(type.CodecId()));
     if (codec == nullptr) {
         why = "FFmpeg has no decoder for it";
         return nullptr;
