@@ -11,7 +11,6 @@ namespace {
 
 using Codecs::H264::H264ConfigurationParser;
 using Common::Codec_t;
-using Common::ContentType_t;
 using Common::MediaType;
 
 constexpr int kMostReordered = 16;  // pictures, in every codec

@@ -141,7 +141,8 @@ void DecoderEngine::beginAgain() {
     isDraining = false;
     kept.Clear();
     isReplayed = false;
-    // What is told once, at the opening (samples to skip, predictors), audio needs again; its codecs open fast.
+    // What is told once, at the opening (samples to skip, predictors), audio needs again; its codecs open
+    // fast.
     const bool reopens = input.ContentType() == ContentType_t::Audio;
     if (decoder != nullptr && (reopens || !decoder->Restart())) {
         open(decoder->Device() != nullptr);
@@ -221,21 +222,21 @@ void DecoderEngine::send(PacketBuffer& packet) {
     }
 }
 
-bool DecoderEngine::takeSpare() {
+/// An empty frame, and room to let it wait; null when there is no memory.
+FramePointer DecoderEngine::takeSpare() {
     waiting.reserve(waiting.size() + 1);
-    if (spare == nullptr) {
-        spare.reset(FfmpegProxy::av_frame_alloc());
-    }
-    return spare != nullptr;
+    return spare != nullptr ? std::move(spare) : FramePointer(FfmpegProxy::av_frame_alloc());
 }
 
 /// Takes one frame from the decoder. Done also when it was one that is not to be read.
 Result DecoderEngine::collect() {
-    if (decoder == nullptr || !takeSpare()) {
+    FramePointer frame = decoder == nullptr ? nullptr : takeSpare();
+    if (frame == nullptr) {
         return Result::Again;
     }
-    const Result result = decoder->Receive(*spare);
+    const Result result = decoder->Receive(*frame);
     if (result == Result::Failed) {
+        spare = std::move(frame);
         if (decoder->Device() != nullptr) {
             fallBack();
         } else {
@@ -244,16 +245,18 @@ Result DecoderEngine::collect() {
         return result;
     }
     if (result != Result::Done) {
+        spare = std::move(frame);
         return result;
     }
     isTroubled = false;
-    const std::int64_t number = packetNumber(*spare);
+    const std::int64_t number = packetNumber(*frame);
     if (isReplayed && kept.IsDelivered(number)) {
-        FfmpegProxy::av_frame_unref(spare.get());
+        FfmpegProxy::av_frame_unref(frame.get());
+        spare = std::move(frame);
         return result;
     }
     kept.NoteDelivered(number);
-    waiting.push_back({std::move(spare), std::move(newInput)});
+    waiting.push_back({std::move(frame), std::move(newInput)});
     return result;
 }
 

@@ -56,7 +56,7 @@ private:
     PacketDecoder::Result insist(const Give& give);
     PacketDecoder::Result collect();
     void collectAll();
-    bool takeSpare();
+    FramePointer takeSpare();
     void fallBack();
     void noteTrouble(const char* what);
     Packet makeOne(bool& again);
