@@ -70,6 +70,9 @@ const char* SampleOutput::WhyNot(const MediaType& wanted) {
     if (FfmpegProxy::av_get_bytes_per_sample(format) <= 0) {
         return "there is no such sample format as the wanted one";
     }
+    if (anyFormat && wanted.SampleRate() == 0 && wanted.Channels() == 0) {
+        return nullptr;  // as decoded
+    }
     const AVChannelLayout in = makeChannelLayout(kUsualChannels, 0);
     const AVChannelLayout out = mixable(makeChannelLayout(
         wanted.Channels() > 0 ? wanted.Channels() : kUsualChannels, wanted.ChannelLayout()));
