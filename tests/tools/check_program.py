@@ -14,7 +14,7 @@ import unittest
 MIVRA = pathlib.Path(sys.argv[1])
 SOURCE = pathlib.Path(sys.argv[2])
 TOOL = SOURCE / "tools/mivra"
-COMMANDS = ["relay", "record", "probe", "convert", "sps", "doctor"]
+COMMANDS = ["relay", "record", "transcode", "snapshot", "probe", "convert", "sps", "doctor"]
 FFMPEG = ["avutil", "avformat", "avcodec", "swscale", "swresample", "avfilter"]
 
 

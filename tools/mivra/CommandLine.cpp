@@ -83,4 +83,14 @@ CLI::Validator oneOf(std::vector<std::string> words) {
         "");
 }
 
+void parseSize(const std::string& word, int most, const char* option, int& width, int& height) {
+    char rest = 0;
+    if (std::sscanf(word.c_str(), "%6dx%6d%c", &width, &height, &rest) != 2 || width < 2 || height < 2 ||
+        width > most || height > most) {
+        throw CLI::ValidationError(std::string(option) + ": '" + word +
+                                   "' is not such as 640x360, from 2x2 to " + std::to_string(most) + "x" +
+                                   std::to_string(most));
+    }
+}
+
 }  // namespace Mivra::Tool

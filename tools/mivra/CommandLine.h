@@ -18,4 +18,7 @@ CLI::Validator numberBetween(double low, double high);
 CLI::Validator wholeNumberBetween(int low, int high);
 CLI::Validator oneOf(std::vector<std::string> words);
 
+/// "640x360" into its numbers, each from 2 to `most`. CLI::ValidationError, in the option's name.
+void parseSize(const std::string& word, int most, const char* option, int& width, int& height);
+
 }  // namespace Mivra::Tool

@@ -18,5 +18,7 @@ void addDoctorCommand(CLI::App& program, Action& action);
 void addProbeCommand(CLI::App& program, Action& action);
 void addConvertCommand(CLI::App& program, Action& action);
 void addSpsCommand(CLI::App& program, Action& action);
+void addTranscodeCommand(CLI::App& program, Action& action);
+void addSnapshotCommand(CLI::App& program, Action& action);
 
 }  // namespace Mivra::Tool

@@ -113,6 +113,7 @@ void FileSource::openInput() {
     if (begin.has_value()) {
         seekBeforeStart(*begin);
     }
+    limit = options.length > 0 ? options.length : options.until > 0 ? options.until - roundBegin : 0;
 }
 
 void FileSource::Start() {
@@ -274,7 +275,7 @@ bool FileSource::deliver(AVPacket& packet) {
                                           rescale(packet.duration, base, kPacketTimeBase));
     const std::int64_t dts = shifted(mediaDts, shift);
     deliveredInRound = true;
-    if (options.length > 0 && isPastEnd(stream, dts)) {
+    if (limit > 0 && isPastEnd(stream, dts)) {
         return true;
     }
     if (clock->Runs() && !waitUntilDue(dts)) {
@@ -327,7 +328,7 @@ void FileSource::send() {
 
 bool FileSource::isPastEnd(int stream, std::int64_t dts) {
     const auto index = static_cast<std::size_t>(stream);
-    if (!ended[index] && dts >= options.length) {
+    if (!ended[index] && dts >= limit) {
         ended[index] = true;
         --streamsLeft;
     }

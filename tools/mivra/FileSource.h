@@ -36,6 +36,7 @@ struct FileSourceOptions {
     bool realtime = false;    ///< no faster than it plays
     std::int64_t length = 0;  ///< so much of it, in kPacketTimeBase; 0: all
     bool stills = true;       ///< covers of sound are streams of pictures; else of data, and not delivered
+    std::int64_t until = 0;   ///< nothing decoded at or after this time of the media is needed; 0: all is
     int loops = -1;           ///< when it is set to loop: so many rounds more; below 0: without end
 };
 
@@ -81,6 +82,9 @@ public:
     /// thread.
     std::int64_t Played() const { return played.load(); }
     std::int64_t PlayingTime() const;
+    /// Time of the media that was sought before it opened, the key frame's; it is 0 in the packets' times. 0
+    /// without a seek. Any thread.
+    std::int64_t Begin() const { return roundBegin.load(); }
 
 private:
     void openInput();
@@ -131,7 +135,8 @@ private:
     std::vector<Common::Reference<Common::PacketBuffer>> batch;
     std::int64_t batchBytes = 0;
     std::int64_t batchPosition = 0;
-    std::vector<bool> ended;  // streams that have reached options.length
+    std::int64_t limit = 0;   // of decoding times as delivered; 0: none
+    std::vector<bool> ended;  // streams that have reached the limit
     int streamsLeft = 0;
     std::unique_ptr<ContinuousTime> time;
     std::optional<PlaybackClock> clock;

@@ -25,6 +25,8 @@ constexpr std::string_view kExamples =
     "  mivra relay film.mp4 film.ts            copy into MPEG-TS\n"
     "  mivra relay film.mp4 a.ts -o b.mkv      two outputs at once\n"
     "  mivra record cam.ts -o 'cam-%H%M%S.ts'  the last seconds before a key, and what follows\n"
+    "  mivra transcode film.mkv film.mp4       into H.264 and AAC\n"
+    "  mivra snapshot film.mp4 --at 12 -o 12.png\n"
     "  mivra probe film.mp4                    what its streams are\n"
     "  mivra convert film.mp4 film.aac --to adts\n"
     "  mivra sps film.mp4 --aspect 4:3 -o wide.mp4\n"
@@ -127,6 +129,8 @@ ExitCode run(int count, char** words) {
     addProbeCommand(program, action);
     addConvertCommand(program, action);
     addSpsCommand(program, action);
+    addTranscodeCommand(program, action);
+    addSnapshotCommand(program, action);
     for (CLI::App* command : program.get_subcommands(nullptr)) {
         command->group("Commands");
     }

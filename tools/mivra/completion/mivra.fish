@@ -1,12 +1,14 @@
 # Completion of mivra for fish.
 
-set -l commands relay record probe convert sps doctor
+set -l commands relay record transcode snapshot probe convert sps doctor
 
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -f
 complete -c mivra -s h -l help -d 'Print help and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version and exit'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a relay -d 'Copy the streams of files into other files'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a record -d 'Record from a trigger on, and what came before it'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a transcode -d 'Decode the streams of a file and encode them anew'
+complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a snapshot -d 'Write a picture of a file, or a sheet of them'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a probe -d 'Tell what the streams of files are'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a convert -d 'Copy a file, its H.264 or AAC in another form'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a sps -d 'Change the size or aspect ratio that H.264 tells'
@@ -36,6 +38,26 @@ complete -c mivra -n '__fish_seen_subcommand_from record' -l stats -x -d 'Second
 complete -c mivra -n '__fish_seen_subcommand_from record' -l json -d 'One JSON object a line'
 complete -c mivra -n '__fish_seen_subcommand_from record' -l log -r -F -d 'Write a log file'
 complete -c mivra -n '__fish_seen_subcommand_from record' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
+
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l video -x -a 'h264 h265 mpeg2 mpeg4 mjpeg vp8 vp9 copy' -d 'What video becomes'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l audio -x -a 'aac mp2 mp3 ac3 opus flac pcm copy' -d 'What audio becomes'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l size -x -d 'Size of the pictures'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l bitrate -x -d 'Bits a second'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l fps -x -d 'Pictures a second'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l preset -x -a 'ultrafast superfast veryfast faster fast medium slow slower veryslow placebo' -d 'How hard the encoder tries'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l threads -x -d 'Threads of each decoder and encoder'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l no-hardware -d 'Software only'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l start -x -d 'Begin at this second, exactly'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l for -x -d 'Stop after so many seconds of media'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l stats -x -d 'Seconds between two lines of figures'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l json -d 'One JSON object a line'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l log -r -F -d 'Write a log'
+complete -c mivra -n '__fish_seen_subcommand_from transcode' -l log-level -x -a '0 1 2 3 4 5' -d 'How much to log'
+
+complete -c mivra -n '__fish_seen_subcommand_from snapshot' -l at -x -d 'The picture shown at this second'
+complete -c mivra -n '__fish_seen_subcommand_from snapshot' -l grid -x -d 'So many pictures side by side, and rows'
+complete -c mivra -n '__fish_seen_subcommand_from snapshot' -l size -x -d 'Size of the picture, or of each on a sheet'
+complete -c mivra -n '__fish_seen_subcommand_from snapshot' -s o -l output -r -F -d 'Where to'
 
 complete -c mivra -n '__fish_seen_subcommand_from probe' -l json -d 'One JSON object a file'
 complete -c mivra -n '__fish_seen_subcommand_from probe' -l nal -d 'List the NAL units'
