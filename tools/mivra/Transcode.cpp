@@ -28,7 +28,7 @@ using Media::MediaSession;
 
 constexpr int kLookMilliseconds = 100;
 /// Packets wait for the encoder, not for the disk: more of them would only take memory.
-constexpr std::int64_t kBudgetBytes = std::int64_t{8} << 20;
+constexpr std::int64_t kBudgetBytes = std::int64_t{3} << 20;
 /// What a decoder of audio hears before the first sample that is wanted, in seconds: its windows overlap.
 constexpr double kRunUp = 0.1;
 
