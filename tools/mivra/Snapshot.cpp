@@ -159,7 +159,7 @@ private:
     }
 
     Packet shownAt(std::int64_t time) {
-        const Packet picture = reader.ShownAt(time);
+        Packet picture = reader.ShownAt(time);
         if (picture) {
             return picture;
         }
