@@ -124,10 +124,10 @@ void ClientTable::AppendTo(std::vector<Line>& lines) const {
     }
 }
 
-void NetworkBoard::Add(std::shared_ptr<const ClientTable> table) {
+void NetworkBoard::Add(const std::shared_ptr<const ClientTable>& table) {
     AutoLock hold(lock);
     std::erase_if(tables, [](const auto& one) { return one.expired(); });
-    tables.push_back(std::move(table));
+    tables.push_back(table);
 }
 
 std::vector<ClientTable::Line> NetworkBoard::Clients() const {

@@ -66,7 +66,7 @@ class NetworkBoard {
 public:
     explicit NetworkBoard(std::function<void(const std::string&)> tell) : note(std::move(tell)) {}
 
-    void Add(std::shared_ptr<const ClientTable> table);
+    void Add(const std::shared_ptr<const ClientTable>& table);
     /// A line for people.
     void Note(const std::string& text) const { note(text); }
     /// Of all clients there are now.

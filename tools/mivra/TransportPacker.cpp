@@ -8,8 +8,6 @@
 namespace Mivra::Tool {
 namespace {
 
-using Common::PacketBuffer;
-
 constexpr int kPoolPieces = 512;  // and ten times as many when queues are long
 constexpr float kPoolGrowth = 10;
 constexpr std::size_t kMostTableBytes = 16 * TransportPacker::kPacketBytes;
@@ -44,8 +42,8 @@ int thirteenBits(const std::uint8_t* at) {
     return (at[0] & 0x1F) << 8 | at[1];
 }
 
-/// The bytes of the section in table packets that have come whole; 0 while they have not. What of the section
-/// lies in its first packet is enough for the first streams, which is all that is looked for.
+/// How much of the section that begins in a table's packet lies in it, without its checksum; that is enough
+/// for the first streams, which is all that is looked for. 0: nothing.
 int sectionIn(const std::uint8_t* packet, int payload, const std::uint8_t*& section) {
     const int begin = payload + 1 + (payload < TransportPacker::kPacketBytes ? packet[payload] : 0);
     if (begin + 3 > TransportPacker::kPacketBytes) {
@@ -172,7 +170,7 @@ void TransportPacker::readPmt(const std::uint8_t* section, int size) {
 
 TransportPacker::Packet TransportPacker::Tables() {
     const auto size = pat.size() + pmt.size();
-    const Packet tables = Packet::Adopt(Media::MediaGlobal::LockBuffer(static_cast<int>(size)));
+    Packet tables = Packet::Adopt(Media::MediaGlobal::LockBuffer(static_cast<int>(size)));
     if (tables) {
         tables->ActualSize() = 0;
         tables->Append(pat.data(), static_cast<int>(pat.size()));
