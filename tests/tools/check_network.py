@@ -365,8 +365,8 @@ class Inputs(Case):
             self.assertEqual((process.returncode, errors.count(b"\n")), (3, 1) if words[0] == "probe" else (0, 0), errors)
 
     def test_a_recording_from_and_into_the_network(self):
-        port = free_port()
         with socket.create_server(("127.0.0.1", 0)) as server:
+            port = free_port()
             process = start("record", f"tcp-listen://127.0.0.1:{port}", "-o",
                             f"tcp://127.0.0.1:{server.getsockname()[1]}", "--trigger", "after:0")
             threading.Thread(target=self.publish, args=(port,)).start()
