@@ -13,6 +13,7 @@
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/ffmpeg/EncoderOptions.h"
 #include "mivra/ffmpeg/FfmpegEncoder.h"
+#include "mivra/ffmpeg/FfmpegProxy.h"
 #include "mivra/ffmpeg/PictureLayout.h"
 
 namespace {
@@ -101,6 +102,8 @@ MediaType typeOf(Numbers& numbers, bool output) {
 }
 
 void makeEncoder(Numbers numbers) {
+    // Else every engine loads FFmpeg anew, which takes longer than everything else.
+    [[maybe_unused]] static const bool s_loaded = Mivra::FFmpeg::FfmpegProxy::Load();
     MediaType input = typeOf(numbers, false);
     MediaType output = typeOf(numbers, true);
     Mivra::FFmpeg::FfmpegEncoder encoder(&input, &output, nullptr);
