@@ -120,6 +120,28 @@ TEST_P(SampleCacheTest, GivesTheLongestPartAndThenWhatIsLive) {
 INSTANTIATE_TEST_SUITE_P(Kinds, SampleCacheTest, testing::Values(Kind::Memory, Kind::Disk),
                          [](const auto& test) { return test.param == Kind::Memory ? "Memory" : "Disk"; });
 
+TEST_F(CacheTest, PoolsThatRefuseCostNothing) {
+    const auto cache = MakeFilms();
+    SendFrames(*cache, 0, 20);
+    std::vector<Reference<PacketBuffer>> lent;
+    for (const int size : {256 << 10, 1000}) {
+        while (PacketBuffer* const buffer = Media::MediaGlobal::LockBuffer(size))
+            lent.push_back(Reference<PacketBuffer>::Adopt(buffer));
+    }
+    const std::string text = "MediaSession::writeBuffer: buffer exhaustion";
+    SampleCache::Taken taken;
+    {
+        const FaultPlan nothing(FaultKind::Allocate, 1, FaultPlan::Span::FromThenOn);
+        EXPECT_EQ(cache->TakeFirst(taken), SampleCache::Take::NoMemory);
+    }
+    EXPECT_EQ(log.Count(text), 1);
+    // With memory of its own for what the pools do not have, everything comes after all.
+    EXPECT_EQ(DrainTimes(*cache), Frames(0, 20));
+    EXPECT_EQ(log.Count(text), 2) << "one line for all refusals of the pools";
+    EXPECT_EQ(cache->TakeProblem(), "");
+    expectedErrors = log.Errors();  // the pools' own
+}
+
 // Every call of a kind fails once: what is live comes whole, what was buffered begins with a key frame after
 // every gap, and nothing stays behind.
 using CacheFault = std::pair<Kind, FaultKind>;
