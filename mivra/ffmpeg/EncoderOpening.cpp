@@ -22,6 +22,7 @@ using Common::Codec_t;
 using Common::MediaType;
 using Common::SampleFormat_t;
 
+constexpr const char* kX265Parameters = "x265-params";
 constexpr int kUsualRate = 25;
 constexpr int kLargestRatePart = 65535;  // MPEG-4 has 16 bits for the ticks of a second
 constexpr int kHardwarePool = 20;        // surfaces
@@ -294,12 +295,29 @@ std::string firstUnknown(Dictionary& options) {
     return left == nullptr ? std::string() : left->key;
 }
 
+/// libx265 writes to standard error what it is about to do, past FFmpeg's own log: only errors, unless the
+/// caller's parameters, which come behind, say otherwise.
+bool quiet(const EncoderRequest& request, Dictionary& options) {
+    std::string parameters = "log-level=error";
+    for (const auto& [key, value] : request.options) {
+        if (key == kX265Parameters) {
+            parameters.append(":").append(value);
+        }
+    }
+    return options.Set(kX265Parameters, parameters.c_str());
+}
+
 std::string open(const EncoderRequest& request, const AVCodec& codec, AVCodecContext& context) {
     Dictionary options;
+    bool set = true;
     for (const auto& [key, value] : request.options) {
-        if (!options.Set(key.c_str(), value.c_str())) {
-            return "no memory";
-        }
+        set = set && options.Set(key.c_str(), value.c_str());
+    }
+    if (codec.name == std::string_view("libx265")) {
+        set = set && quiet(request, options);
+    }
+    if (!set) {
+        return "no memory";
     }
     const int error = FfmpegProxy::avcodec_open2(&context, &codec, options.Address());
     if (error < 0) {
@@ -344,8 +362,8 @@ AVSampleFormat rawSampleFormat(const MediaType& type) {
         case Codec_t::PCM_U8:
             meant = SampleFormat_t::U8;
             break;
-        case Codec_t::PCM_S16LE:
-            meant = SampleFormat_t::S16;
+        case Codec_t::PCM_S16LE:  // raw audio of every format, as decoders give it
+            meant = type.SampleFormat() == SampleFormat_t::None ? SampleFormat_t::S16 : type.SampleFormat();
             break;
         case Codec_t::PCM_S32LE:
             meant = SampleFormat_t::S32;
