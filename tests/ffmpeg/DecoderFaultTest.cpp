@@ -178,7 +178,7 @@ TEST_F(DecoderFaultTest, EachFailedAllocationLosesAtMostFrames) {
             const FaultPause pause;
             EXPECT_EQ(roundOf(*made, stream), made->IsUsable() ? 6u : 0u);  // the next stream is whole again
         });
-        EXPECT_GT(failures, 20u);
+        EXPECT_GT(failures, kCountsOperatorNew ? 20u : 0u);
     }
 }
 

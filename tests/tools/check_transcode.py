@@ -18,18 +18,9 @@ MIVRA = pathlib.Path(sys.argv[1]).resolve()
 INPUTS = relay_inputs.make(sys.argv[2]).resolve()
 FILM = INPUTS / "bframes.mp4"  # 5 s, 320x180, 25 pictures a second, a key frame every 2 s, audio of 48 kHz
 
-# libx265 keeps some memory for good, and the thread sanitizer does not see how it keeps its threads apart.
-SUPPRESSIONS = INPUTS / "libx265.suppressions"
-
 
 def run(*words):
-    environment = dict(os.environ)
-    for name, lines in ("LSAN_OPTIONS", "leak:libx265"), ("TSAN_OPTIONS", "called_from_lib:libx265.so\nrace:libx265.so"):
-        path = SUPPRESSIONS.with_suffix("." + name.lower())
-        path.write_text(lines + "\n")
-        environment[name] = f"{os.environ.get(name, '')}:suppressions={path}"
-    return subprocess.run([MIVRA, *map(str, words)], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          env=environment)
+    return subprocess.run([MIVRA, *map(str, words)], stdin=subprocess.DEVNULL, capture_output=True, text=True)
 
 
 def ffmpeg(*words):
@@ -174,12 +165,12 @@ class Transcode(Case):
 
     def test_memory_is_bounded(self):
         child = subprocess.Popen([MIVRA, "transcode", FILM, self.folder / "big.mp4", "--preset", "ultrafast", "--size",
-                                  "640x360", "--fps", "120", "--threads", "2", "--stats", "0"], stdout=subprocess.DEVNULL)
+                                  "640x360", "--fps", "240", "--threads", "2", "--stats", "0"], stdout=subprocess.DEVNULL)
         _, status, usage = os.wait4(child.pid, 0)
         child.returncode = os.waitstatus_to_exitcode(status)
         self.assertEqual(child.returncode, 0)
-        # 600 pictures of 345,600 bytes would be 200 MB.
-        self.assertLess(usage.ru_maxrss, 150 * 1024)
+        # 1,200 pictures of 345,600 bytes would be 400 MB; the sanitizers need some of it for themselves.
+        self.assertLess(usage.ru_maxrss, 250 * 1024)
 
 
 class Snapshot(Case):
