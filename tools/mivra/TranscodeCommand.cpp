@@ -87,7 +87,7 @@ AVRational rateOf(const std::string& word) {
     int denominator = 0;
     char rest = 0;
     if (std::sscanf(word.c_str(), "%9d/%9d%c", &numerator, &denominator, &rest) == 2 && numerator > 0 &&
-        denominator > 0 && numerator / denominator <= kHighestRate) {
+        denominator > 0 && numerator <= kHighestRate * denominator) {
         return {numerator, denominator};
     }
     char* end = nullptr;
