@@ -12,7 +12,7 @@ namespace Mivra::FFmpeg {
 
 struct FfmpegFunction {
     const char* name;
-    FfmpegLibraryIndex library;
+    FfmpegLibraryIndex home;
     /// Stores the address that the library has for the name (null: none) in the member of that name.
     void (*bind)(void* symbol);
 };

@@ -53,7 +53,7 @@ std::vector<std::string> missingOf(std::span<const FfmpegFunction> functions, st
                                    void* handle) {
     std::vector<std::string> missing;
     for (const FfmpegFunction& function : functions) {
-        if (static_cast<std::size_t>(function.library) == library &&
+        if (static_cast<std::size_t>(function.home) == library &&
             (handle == nullptr || System().findSymbol(handle, function.name) == nullptr)) {
             missing.emplace_back(function.name);
         }
@@ -70,14 +70,14 @@ FfmpegLibraryState inspect(std::size_t index, void*& handle) {
     state.requiredMajor = library.major;
     state.functions = static_cast<int>(
         std::count_if(functions.begin(), functions.end(), [index](const FfmpegFunction& function) {
-            return static_cast<std::size_t>(function.library) == index;
+            return static_cast<std::size_t>(function.home) == index;
         }));
     handle = OpenFfmpegLibrary(library);
     if (handle != nullptr) {
-        state.path = text(System().libraryPath(handle), library.file);
+        state.path = text(System().loadedPath(handle), library.file);
         readVersion(handle, library, state);
     } else {
-        state.error = text(System().libraryError(), "cannot be loaded");
+        state.error = text(System().loadError(), "cannot be loaded");
     }
     state.missing = missingOf(functions, index, handle);
     state.missingOptional = missingOf(FfmpegOptionalFunctions(), index, handle);

@@ -42,7 +42,7 @@ bool openLibraries() MIVRA_REQUIRES(s_lock) {
 bool resolveFunctions() MIVRA_REQUIRES(s_lock) {
     for (const FfmpegFunction& function : FfmpegFunctions()) {
         errno = 0;
-        void* const symbol = System().findSymbol(handleOf(function.library), function.name);
+        void* const symbol = System().findSymbol(handleOf(function.home), function.name);
         if (symbol == nullptr) {
             LogLineAt(kSource, __LINE__, FileLog::Error, "Failed to find one or more functions %d", errno);
             return false;
@@ -54,7 +54,7 @@ bool resolveFunctions() MIVRA_REQUIRES(s_lock) {
 
 void resolveOptionalFunctions() MIVRA_REQUIRES(s_lock) {
     for (const FfmpegFunction& function : FfmpegOptionalFunctions()) {
-        function.bind(System().findSymbol(handleOf(function.library), function.name));
+        function.bind(System().findSymbol(handleOf(function.home), function.name));
     }
 }
 

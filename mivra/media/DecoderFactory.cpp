@@ -7,7 +7,6 @@
 namespace Mivra::Media {
 namespace {
 
-using Common::MediaFramework;
 using Common::MediaType;
 
 template <typename Engine>
@@ -26,20 +25,7 @@ std::shared_ptr<IDecoder> DecoderFactory::Create(MediaType* input, MediaType* ou
     if (parameters != nullptr) {
         own = *parameters;
     }
-    switch (own.PreferredMediaFramework) {
-        case MediaFramework::Automatic:
-            if (auto engine = g_decoders.mediaFoundation(input, output, &own); engine->IsUsable()) {
-                return engine;
-            }
-            return g_decoders.ffmpeg(input, output, &own);
-        case MediaFramework::MediaFoundation:
-        case MediaFramework::MediaFoundationOnly:
-            return g_decoders.mediaFoundation(input, output, &own);
-        case MediaFramework::FFmpeg:
-            return g_decoders.ffmpeg(input, output, &own);
-        default:
-            return nullptr;
-    }
+    return g_decoders.Choose(own.PreferredMediaFramework, input, output, &own);
 }
 
 }  // namespace Mivra::Media

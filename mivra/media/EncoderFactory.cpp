@@ -7,7 +7,6 @@
 namespace Mivra::Media {
 namespace {
 
-using Common::MediaFramework;
 using Common::MediaType;
 
 template <typename Engine>
@@ -26,22 +25,7 @@ std::shared_ptr<IEncoder> EncoderFactory::Create(MediaType* input, MediaType* ou
     if (parameters != nullptr) {
         own = *parameters;
     }
-    switch (own.PreferredMediaFramework) {
-        case MediaFramework::Automatic: {
-            std::shared_ptr<IEncoder> engine = g_encoders.mediaFoundation(input, output, &own);
-            if (!engine->IsUsable()) {
-                engine.reset();  // before the other one is made
-                engine = g_encoders.ffmpeg(input, output, &own);
-            }
-            return engine;
-        }
-        case MediaFramework::MediaFoundation:
-        case MediaFramework::MediaFoundationOnly:  // deliberately the same
-            return g_encoders.mediaFoundation(input, output, &own);
-        case MediaFramework::FFmpeg:
-            return g_encoders.ffmpeg(input, output, &own);
-    }
-    return nullptr;
+    return g_encoders.Choose(own.PreferredMediaFramework, input, output, &own);
 }
 
 }  // namespace Mivra::Media

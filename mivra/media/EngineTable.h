@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include "mivra/common/model/MediaFramework.h"
+
 namespace Mivra::Common {
 class MediaType;
 }
@@ -23,6 +25,26 @@ struct EngineTable {
                                              Parameters* parameters);
     Make mediaFoundation;
     Make ffmpeg;
+
+    /// Automatic: FFmpeg's engine where the other one is unusable, which is gone before. Null for a framework
+    /// that nobody serves.
+    std::shared_ptr<Engine> Choose(Common::MediaFramework framework, Common::MediaType* input,
+                                   Common::MediaType* output, Parameters* parameters) const {
+        using Common::MediaFramework;
+        switch (framework) {
+            case MediaFramework::Automatic:
+                if (auto engine = mediaFoundation(input, output, parameters); engine->IsUsable()) {
+                    return engine;
+                }
+                return ffmpeg(input, output, parameters);
+            case MediaFramework::MediaFoundation:
+            case MediaFramework::MediaFoundationOnly:  // deliberately the same
+                return mediaFoundation(input, output, parameters);
+            case MediaFramework::FFmpeg:
+                return ffmpeg(input, output, parameters);
+        }
+        return nullptr;
+    }
 };
 
 extern EngineTable<IDecoder, DecoderParameters> g_decoders;  // DecoderFactory.cpp

@@ -60,11 +60,11 @@ int listEntries(const char* path, void (*visit)(const char* name, void* context)
 }
 
 // dlerror keeps its text for each thread.
-const char* readLibraryError() {
+const char* readLoadError() {
     return ::dlerror();  // NOLINT(concurrency-mt-unsafe)
 }
 
-const char* findLibraryPath(void* library) {
+const char* findLoadedPath(void* library) {
     link_map* map = nullptr;
     return ::dlinfo(library, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr ? map->l_name : nullptr;
 }
@@ -153,8 +153,8 @@ constinit SystemTable g_system = {
     .openLibrary = ::dlopen,
     .findSymbol = ::dlsym,
     .closeLibrary = ::dlclose,
-    .libraryError = readLibraryError,
-    .libraryPath = findLibraryPath,
+    .loadError = readLoadError,
+    .loadedPath = findLoadedPath,
     .executablePath = readExecutablePath,
     .monotonicTime = [] { return readClock(CLOCK_MONOTONIC); },
     .coarseTime = [] { return readClock(CLOCK_MONOTONIC_COARSE); },

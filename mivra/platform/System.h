@@ -78,9 +78,9 @@ struct SystemTable {
     void* (*findSymbol)(void* library, const char* name);
     int (*closeLibrary)(void* library);
     /// Why the calling thread's last openLibrary or findSymbol failed; null when none did.
-    const char* (*libraryError)();
+    const char* (*loadError)();
     /// Path of the file that an open library came from, valid while it is open; null when nobody knows.
-    const char* (*libraryPath)(void* library);
+    const char* (*loadedPath)(void* library);
     /// Path of the running executable, not terminated; its length, or -1 with errno.
     ssize_t (*executablePath)(char* path, std::size_t size);
 

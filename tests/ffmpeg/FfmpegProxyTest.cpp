@@ -275,7 +275,7 @@ TEST_F(FfmpegProxyTest, TriesTheFolderOfTheExecutableFirst) {
     EXPECT_EQ(traffic.opened[1].first, kFfmpegLibraries[1].file);
 
     void* const avformat = traffic.real.openLibrary(kFfmpegLibraries[1].file, RTLD_NOW);
-    const std::string target = traffic.real.libraryPath(avformat);
+    const std::string target = traffic.real.loadedPath(avformat);
     traffic.real.closeLibrary(avformat);
     ASSERT_EQ(::symlink(target.c_str(), beside.c_str()), 0);
     expectLoads();

@@ -93,4 +93,15 @@ void parseSize(const std::string& word, int most, const char* option, int& width
     }
 }
 
+void addReporting(CLI::App& command, const char* stats, double& seconds, bool& json, std::string& log,
+                  int& logLevel) {
+    constexpr double kLongest = 1e9;
+    command.add_option("--stats", seconds, stats)->type_name("SECONDS")->check(numberBetween(0, kLongest));
+    command.add_flag("--json", json, "Figures as one JSON object a line");
+    command.add_option("--log", log, "Write a log file")->type_name("FILE");
+    command.add_option("--log-level", logLevel, "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
+        ->type_name("N")
+        ->check(wholeNumberBetween(0, 5));
+}
+
 }  // namespace Mivra::Tool

@@ -21,4 +21,8 @@ CLI::Validator oneOf(std::vector<std::string> words);
 /// "640x360" into its numbers, each from 2 to `most`. CLI::ValidationError, in the option's name.
 void parseSize(const std::string& word, int most, const char* option, int& width, int& height);
 
+/// --stats, which `stats` explains, --json, --log and --log-level.
+void addReporting(CLI::App& command, const char* stats, double& seconds, bool& json, std::string& log,
+                  int& logLevel);
+
 }  // namespace Mivra::Tool

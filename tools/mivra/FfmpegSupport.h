@@ -6,6 +6,7 @@
 #include <string>
 
 #include "mivra/common/model/Rational.h"
+#include "mivra/ffmpeg/FfmpegObjects.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
 #include "tools/mivra/Console.h"
@@ -17,30 +18,12 @@ extern "C" {
 
 namespace Mivra::Tool {
 
-/// One Load of FFmpeg for as long as the object lives.
-class FfmpegUse {
-public:
-    FfmpegUse() : loaded(FFmpeg::FfmpegProxy::Load()) {}
-    ~FfmpegUse();
-    FfmpegUse(const FfmpegUse&) = delete;
-    FfmpegUse& operator=(const FfmpegUse&) = delete;
-
-    bool IsLoaded() const { return loaded; }
-
-private:
-    const bool loaded;
-};
-
-struct PacketDeleter {
-    void operator()(AVPacket* packet) const { FFmpeg::FfmpegProxy::av_packet_free(&packet); }
-};
-using PacketPointer = std::unique_ptr<AVPacket, PacketDeleter>;
+using FFmpeg::errorText;
+using FFmpeg::FfmpegUse;
+using FFmpeg::PacketPointer;
 
 /// std::bad_alloc when there is no memory.
 PacketPointer makePacket();
-
-/// What an FFmpeg error number says, for people.
-std::string errorText(int error);
 
 inline AVRational toAvRational(const Common::Rational& value) {
     return {value.Num(), value.Den()};

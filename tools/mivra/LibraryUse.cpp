@@ -45,6 +45,21 @@ void logFailedStep(const std::exception& error) {
     MivraCommonGetLog()->Log(Common::FileLog::Warning, "Relay::stop: %s", error.what());
 }
 
+void failSession(RelayMonitor& monitor, const std::string& message, const char* advice) {
+    const bool timeout = message.find("timeout") != std::string::npos;
+    monitor.Fail(timeout ? ExitCode::TimeOut : ExitCode::Failed,
+                 {message, "", timeout ? "is the input slow or stuck?" : advice});
+}
+
+Progress countedSince(const RelayMonitor& monitor, std::chrono::steady_clock::time_point begin) {
+    Progress now;
+    now.elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    now.packets = monitor.Packets();
+    now.bytes = monitor.Bytes();
+    now.queued = monitor.Queued();
+    return now;
+}
+
 ExitCode reportOutcome(RelayMonitor& monitor, Console& console, IProgressReporter& reporter, Summary summary,
                        const MediaCount& written, bool interrupted) {
     const std::optional<RelayMonitor::Failure> failure = monitor.FirstFailure();

@@ -2,6 +2,7 @@
 
 // What the subcommands that run a session have in common, from the log to the last line.
 
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -45,6 +46,12 @@ void attempt(Step step) {
         logFailedStep(error);
     }
 }
+
+/// A fatal error of a session, for the monitor: `advice` is what to try unless it was a time-out.
+void failSession(RelayMonitor& monitor, const std::string& message, const char* advice = "");
+
+/// Elapsed time and what the monitor has counted.
+Progress countedSince(const RelayMonitor& monitor, std::chrono::steady_clock::time_point begin);
 
 /// Tells the summary, which needs outputs and progress but for what was written, and the problems. The exit
 /// code that follows from them.

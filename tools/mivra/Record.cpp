@@ -177,9 +177,7 @@ private:
         if (!error.fatal || stopping) {
             return;
         }
-        const bool timeout = error.message.find("timeout") != std::string::npos;
-        shared->monitor.Fail(timeout ? ExitCode::TimeOut : ExitCode::Failed,
-                             {error.message, "", timeout ? "is the input slow or stuck?" : "see the log"});
+        failSession(shared->monitor, error.message, "see the log");
     }
 
     void stop() {

@@ -65,18 +65,8 @@ void addOptions(CLI::App& command, Arguments& arguments) {
     command.add_option("--no-samples", options.noSamples, "Give up when an input brings nothing for so long")
         ->type_name("SECONDS")
         ->check(numberBetween(0.001, kLongest));
-    command
-        .add_option("--stats", options.statsSeconds,
-                    "Seconds between lines of figures, of clients too; 0: only the last")
-        ->type_name("SECONDS")
-        ->check(numberBetween(0.0, kLongest));
-    command.add_flag("--json", options.json, "Figures as one JSON object a line");
-    command.add_option("--log", options.log, "Write a log file")->type_name("FILE");
-    command
-        .add_option("--log-level", options.logLevel,
-                    "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
-        ->type_name("N")
-        ->check(numberBetween(0, 5));
+    addReporting(command, "Seconds between lines of figures, of clients too; 0: only the last",
+                 options.statsSeconds, options.json, options.log, options.logLevel);
 }
 
 }  // namespace

@@ -106,9 +106,7 @@ private:
         if (!error.fatal || stopping) {
             return;
         }
-        const bool timeout = error.message.find("timeout") != std::string::npos;
-        shared->monitor.Fail(timeout ? ExitCode::TimeOut : ExitCode::Failed,
-                             {error.message, "", timeout ? "is the input slow or stuck?" : ""});
+        failSession(shared->monitor, error.message);
     }
 
     // Whatever fails on the way, a thread that cannot be started say, the outputs are finished.
@@ -126,11 +124,7 @@ private:
     }
 
     Progress progress() const {
-        Progress now;
-        now.elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
-        now.packets = shared->monitor.Packets();
-        now.bytes = shared->monitor.Bytes();
-        now.queued = shared->monitor.Queued();
+        Progress now = countedSince(shared->monitor, begin);
         double position = std::numeric_limits<double>::max();
         for (const auto& source : sources) {
             now.duration = std::max(now.duration, toSeconds(source->PlayingTime()));

@@ -80,9 +80,7 @@ private:
         if (!error.fatal || stopping) {
             return;
         }
-        const bool timeout = error.message.find("timeout") != std::string::npos;
-        shared->monitor.Fail(timeout ? ExitCode::TimeOut : ExitCode::Failed,
-                             {error.message, "", timeout ? "is the input slow or stuck?" : ""});
+        failSession(shared->monitor, error.message);
     }
 
     // Whatever fails on the way, the output is finished.
@@ -96,11 +94,7 @@ private:
     }
 
     Progress progress() const {
-        Progress now;
-        now.elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
-        now.packets = shared->monitor.Packets();
-        now.bytes = shared->monitor.Bytes();
-        now.queued = shared->monitor.Queued();
+        Progress now = countedSince(shared->monitor, begin);
         now.position = toSeconds(sink->Position());
         const double length = toSeconds(source->GetDuration());
         if (length > 0) {

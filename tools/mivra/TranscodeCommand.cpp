@@ -174,16 +174,8 @@ void addTranscodeCommand(CLI::App& program, Action& action) {
     command->add_option("--for", options.seconds, "Stop after so many seconds of media")
         ->type_name("SECONDS")
         ->check(numberBetween(0.001, kLongest));
-    command->add_option("--stats", options.statsSeconds, "Seconds between lines of figures; 0: only the last")
-        ->type_name("SECONDS")
-        ->check(numberBetween(0.0, kLongest));
-    command->add_flag("--json", options.json, "Figures as one JSON object a line");
-    command->add_option("--log", options.log, "Write a log file")->type_name("FILE");
-    command
-        ->add_option("--log-level", options.logLevel,
-                     "0 off, 1 error, 2 warning, 3 information, 4 debug, 5 trace")
-        ->type_name("N")
-        ->check(wholeNumberBetween(0, 5));
+    addReporting(*command, "Seconds between lines of figures; 0: only the last", options.statsSeconds,
+                 options.json, options.log, options.logLevel);
     command->footer(kFooter);
     command->callback([arguments, &action] {
         complete(*arguments);

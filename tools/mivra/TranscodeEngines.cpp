@@ -14,11 +14,6 @@ using Common::MediaType;
 using Common::PacketBuffer;
 using Common::Reference;
 
-/// Decoders call all raw samples by one PCM codec; their sample format tells what they are.
-void callRaw(MediaType& type) {
-    type.CodecId() = Common::Codec_t::UNCOMPRESSED;
-}
-
 constexpr const char* kWhyIsInTheLog = "'--log FILE' tells why";
 
 }  // namespace
@@ -41,7 +36,6 @@ std::shared_ptr<Media::IDecoder> makeDecoder(const MediaType& input, const Media
 EncoderEnd::EncoderEnd(const MediaType& input, const LaneSettings& settings, LaneEnd to)
     : end(std::move(to)), path(settings.path) {
     MediaType from(input);
-    callRaw(from);
     MediaType wanted(settings.wanted);
     Media::EncoderParameters parameters;
     parameters.AllowHardwareAcceleration = settings.hardware;
@@ -65,9 +59,6 @@ bool EncoderEnd::pass() {
 }
 
 bool EncoderEnd::Write(PacketBuffer& raw) {
-    if (raw.NewMediaType() != nullptr) {
-        callRaw(*raw.NewMediaType());
-    }
     bool accepted = encoder->Write(&raw);
     if (!pass()) {
         return false;
