@@ -15,7 +15,6 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/buffer.h>
 #include <libavutil/dict.h>
-#include <libavutil/error.h>
 #include <libavutil/frame.h>
 }
 
@@ -93,13 +92,6 @@ private:
 };
 
 /// What an FFmpeg error number says, for log lines.
-inline std::string errorText(int error) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = "";
-    if (FfmpegOptional::av_strerror != nullptr &&
-        FfmpegOptional::av_strerror(error, text, sizeof(text)) == 0) {
-        return text;
-    }
-    return "error " + std::to_string(error);
-}
+std::string errorText(int error);
 
 }  // namespace Mivra::FFmpeg

@@ -25,12 +25,27 @@ const char* firstMissing(const List& list) {
 
 }  // namespace
 
+FfmpegUse::~FfmpegUse() {
+    if (loaded) {
+        FfmpegProxy::Unload();
+    }
+}
+
 PacketPointer makePacket() {
     PacketPointer packet(FfmpegProxy::av_packet_alloc());
     if (packet == nullptr) {
         throw std::bad_alloc();
     }
     return packet;
+}
+
+std::string errorText(int error) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = "";
+    if (FfmpegOptional::av_strerror != nullptr &&
+        FfmpegOptional::av_strerror(error, text, sizeof(text)) == 0) {
+        return text;
+    }
+    return "error " + std::to_string(error);
 }
 
 std::string codecName(int codec) {

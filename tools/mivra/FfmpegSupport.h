@@ -6,7 +6,6 @@
 #include <string>
 
 #include "mivra/common/model/Rational.h"
-#include "mivra/ffmpeg/FfmpegObjects.h"
 #include "mivra/ffmpeg/FfmpegOptional.h"
 #include "mivra/ffmpeg/FfmpegProxy.h"
 #include "tools/mivra/Console.h"
@@ -18,12 +17,30 @@ extern "C" {
 
 namespace Mivra::Tool {
 
-using FFmpeg::errorText;
-using FFmpeg::FfmpegUse;
-using FFmpeg::PacketPointer;
+/// One Load of FFmpeg for as long as the object lives.
+class FfmpegUse {
+public:
+    FfmpegUse() : loaded(FFmpeg::FfmpegProxy::Load()) {}
+    ~FfmpegUse();
+    FfmpegUse(const FfmpegUse&) = delete;
+    FfmpegUse& operator=(const FfmpegUse&) = delete;
+
+    bool IsLoaded() const { return loaded; }
+
+private:
+    const bool loaded;
+};
+
+struct PacketDeleter {
+    void operator()(AVPacket* packet) const { FFmpeg::FfmpegProxy::av_packet_free(&packet); }
+};
+using PacketPointer = std::unique_ptr<AVPacket, PacketDeleter>;
 
 /// std::bad_alloc when there is no memory.
 PacketPointer makePacket();
+
+/// What an FFmpeg error number says, for people.
+std::string errorText(int error);
 
 inline AVRational toAvRational(const Common::Rational& value) {
     return {value.Num(), value.Den()};
