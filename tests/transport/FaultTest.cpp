@@ -36,7 +36,7 @@ const FaultCase kCases[] = {
     {FaultKind::Allocate, {ENOMEM}},
 };
 constexpr std::uint64_t kLimit = 500;
-constexpr int kPatience = 20;  // milliseconds, for what may never come
+constexpr int kPatience = 20;  // milliseconds, for what may never come; a hundred times that for what must
 
 /// Whether the engine tries again, so that all goes as without the fault.
 bool isPassing(FaultKind kind, int error) {
@@ -105,7 +105,8 @@ protected:
     /// The pause is for the condition alone: calls that fail are the workers', meanwhile.
     template <typename Condition>
     void await(Condition condition) {
-        for (int look = 0; look < (patient ? 100 : 1) * kPatience * 10; ++look) {
+        const auto isDue = [&] { return patient || !plan->Reached(); };
+        for (int look = 0; look < (isDue() ? 100 : 1) * kPatience * 10; ++look) {
             {
                 const FaultPause pause;
                 if (condition()) return;
@@ -181,12 +182,13 @@ protected:
                 std::optional<FaultPlan> noPoll;  // then each socket is looked at by itself
                 if (kind == FaultKind::Select)
                     noPoll.emplace(FaultKind::Poll, 1, FaultPlan::Span::FromThenOn);
-                const FaultPlan plan(kind, nth, FaultPlan::Span::Once, error);
+                plan.emplace(kind, nth, FaultPlan::Span::Once, error);
                 script();
-                if (patient || !plan.Reached()) {
+                if (patient || !plan->Reached()) {
                     EXPECT_EQ(received(), expected(true, true));
                 }
-                reached = plan.Reached();
+                reached = plan->Reached();
+                plan.reset();
             }
             engine->Shutdown();
             EXPECT_EQ(ledger->Open(), 0);
@@ -203,6 +205,7 @@ protected:
         }
     }
 
+    std::optional<FaultPlan> plan;
     std::uint64_t receivedBefore = 0;
     int failures = 0;
     bool patient = false;
