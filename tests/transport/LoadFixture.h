@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -58,8 +59,14 @@ inline const char* Pattern(std::int64_t number) {
 /// Streams of packets of one size as they come in at plain peers, compared byte by byte.
 class StreamReaders {
 public:
-    StreamReaders(const std::vector<PosixPeer>& peers, int packetSize)
-        : size(packetSize), polled(peers.size()), positions(peers.size()) {
+    /// From packet number `first` on; `whole` is called whenever one peer has all that is wanted.
+    StreamReaders(const std::vector<PosixPeer>& peers, int packetSize, std::int64_t first = 0,
+                  std::function<void()> whole = {})
+        : size(packetSize),
+          firstNumber(first),
+          complete(std::move(whole)),
+          polled(peers.size()),
+          positions(peers.size()) {
         for (std::size_t i = 0; i < peers.size(); ++i)
             polled[i] = {peers[i].Descriptor(), POLLIN, 0};
     }
@@ -74,6 +81,7 @@ public:
                 if (positions[i] < wanted) continue;
                 polled[i].fd = -1;
                 --left;
+                if (complete) complete();
             }
         }
     }
@@ -88,7 +96,7 @@ private:
         for (ssize_t at = 0; at < count;) {
             const std::int64_t offset = positions[i] % size;
             const auto part = std::min<std::int64_t>(count - at, size - offset);
-            if (std::memcmp(s_room.data() + at, Pattern(positions[i] / size) + offset,
+            if (std::memcmp(s_room.data() + at, Pattern(firstNumber + positions[i] / size) + offset,
                             static_cast<std::size_t>(part)) != 0) {
                 ADD_FAILURE() << "peer " << i << " got something else at " << positions[i];
                 return false;
@@ -101,6 +109,8 @@ private:
     }
 
     const int size;
+    const std::int64_t firstNumber;
+    const std::function<void()> complete;
     std::vector<pollfd> polled;
     std::vector<std::int64_t> positions;
 };
