@@ -23,6 +23,7 @@ run    ffmpeg               makes the film of ./run, and is the oracle of tests
 test   libgtest-dev         GoogleTest
 test   libgmock-dev         its matchers
 test   python3              tests of the tree and of the tool
+test   iproute2             links between network namespaces
 test   git                  names the files that the tests of the tree look at
 clang  clang-14             the second compiler, sanitizers and fuzzing
 clang  libclang-rt-14-dev   the sanitizers' own libraries

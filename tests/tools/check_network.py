@@ -22,6 +22,7 @@ INPUTS = relay_inputs.make(sys.argv[2])
 FILM = INPUTS / "bframes.mp4"
 STEPS = INPUTS / "steps.mkv"  # a key frame every 0.4 s
 PACKET = 188
+BEFORE = []  # words in front of the program's own, for another place to run it in
 
 
 def free_port(kind=socket.SOCK_STREAM):
@@ -32,7 +33,8 @@ def free_port(kind=socket.SOCK_STREAM):
 
 def start(*words, **options):
     options.setdefault("stdin", subprocess.DEVNULL)
-    return subprocess.Popen([MIVRA, *map(str, words)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+    return subprocess.Popen([*BEFORE, MIVRA, *map(str, words)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            **options)
 
 
 def ffmpeg(*words, **options):
@@ -51,7 +53,7 @@ def packets(path):
     return {kind: [(p - of[0][0], d - of[0][1], *rest) for p, d, *rest in of] for kind, of in found.items() if of}
 
 
-def connect(port, receive_buffer=0, seconds=20):
+def connect(port, receive_buffer=0, seconds=20, host="127.0.0.1"):
     """A plain client, as soon as somebody listens."""
     end = time.monotonic() + seconds
     while True:
@@ -60,7 +62,7 @@ def connect(port, receive_buffer=0, seconds=20):
             client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         client.settimeout(30)
         try:
-            client.connect(("127.0.0.1", port))
+            client.connect((host, port))
             return client
         except ConnectionRefusedError:
             client.close()
@@ -118,6 +120,34 @@ class Case(unittest.TestCase):
         found = packets(self.out("joined.ts"))
         self.assertEqual(found["video"][0][3], "K")
         return found
+
+    def wait_until(self, text, table):
+        """The kernel's table, of sockets, say, has the text."""
+        end = time.monotonic() + 20
+        while text not in pathlib.Path(table).read_text():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.02)
+
+    def receive_film(self, receiver, address, under_way=lambda: None):
+        expected = self.by_file()
+        receiver.settimeout(20)
+        process = start("relay", FILM, address, "--rate", "4")
+        pieces = [receiver.recv(65536)]
+        under_way()
+        while sum(map(len, pieces)) < len(expected):
+            pieces.append(receiver.recv(65536))
+        self.ends(process, 0)
+        self.assertEqual({len(piece) for piece in pieces[:-1]}, {7 * PACKET})
+        self.assertEqual(b"".join(pieces), expected)
+
+    def assert_counters(self, data):
+        last = {}
+        for at in range(0, len(data), PACKET):
+            pid = struct.unpack(">H", data[at + 1:at + 3])[0] & 0x1FFF
+            if data[at + 3] & 0x10:
+                if pid in last:
+                    self.assertEqual(data[at + 3] & 0xF, (last[pid] + 1) & 0xF, (pid, at))
+                last[pid] = data[at + 3] & 0xF
 
 
 class Usage(Case):
@@ -199,17 +229,6 @@ class Outputs(Case):
                                     socket.inet_aton(group) + socket.inet_aton("127.0.0.1"))
                 self.receive_film(receiver, f"udp://{group}:{receiver.getsockname()[1]}?interface=127.0.0.1")
 
-    def receive_film(self, receiver, address):
-        receiver.settimeout(20)
-        process = start("relay", FILM, address, "--rate", "4")
-        pieces = [receiver.recv(65536)]
-        expected = self.by_file()
-        while sum(map(len, pieces)) < len(expected):
-            pieces.append(receiver.recv(65536))
-        self.ends(process, 0)
-        self.assertEqual({len(piece) for piece in pieces[:-1]}, {7 * PACKET})
-        self.assertEqual(b"".join(pieces), expected)
-
 
 class Clients(Case):
     def test_late_clients_join_at_a_key_frame(self):
@@ -265,15 +284,6 @@ class Clients(Case):
         for data in got:
             self.assertGreater(len(data), 10 << 20)
             self.assert_counters(data)
-
-    def assert_counters(self, data):
-        last = {}
-        for at in range(0, len(data), PACKET):
-            pid = struct.unpack(">H", data[at + 1:at + 3])[0] & 0x1FFF
-            if data[at + 3] & 0x10:
-                if pid in last:
-                    self.assertEqual(data[at + 3] & 0xF, (last[pid] + 1) & 0xF, (pid, at))
-                last[pid] = data[at + 3] & 0xF
 
     def test_nobody_is_waited_for(self):
         begin = time.monotonic()
@@ -336,7 +346,7 @@ class Inputs(Case):
                 port = free_port(socket.SOCK_DGRAM)
                 output = self.out(f"{host}.ts")
                 process = start("relay", f"udp://{host}:{port}?timeout=2{options}", output)
-                self.wait_until_bound(port)
+                self.wait_until(f":{port:04X} ", "/proc/net/udp")
                 local = "&localaddr=127.0.0.1" if options else ""
                 self.ends(ffmpeg("-re", "-t", "2", "-i", FILM, "-c", "copy", "-f", "mpegts",
                                  f"udp://{host}:{port}?pkt_size=1316{local}"), 0)
@@ -347,18 +357,11 @@ class Inputs(Case):
                     self.assertGreater(len(found[kind]), 40)
                     self.assertEqual(found[kind], whole[kind][:len(found[kind])])
 
-    def wait_until_bound(self, port):
-        end = time.monotonic() + 20
-        while f":{port:04X} " not in pathlib.Path("/proc/net/udp").read_text():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.02)
-
     def test_ctrl_c_while_nobody_publishes(self):
         for words in [("relay", "{}", self.out("x.ts")), ("record", "{}", "-o", self.out("y.ts"), "--trigger", "after:0"), ("probe", "{}")]:
             port = free_port()
             process = start(*[str(word).format(f"tcp-listen://127.0.0.1:{port}") for word in words])
-            while f":{port:04X} " not in pathlib.Path("/proc/net/tcp").read_text():
-                time.sleep(0.02)
+            self.wait_until(f":{port:04X} ", "/proc/net/tcp")
             time.sleep(0.2)
             process.send_signal(signal.SIGINT)
             _, errors = process.communicate(timeout=10)
@@ -377,4 +380,5 @@ class Inputs(Case):
                          [p[2:] for p in self.by_ffmpeg()["video"]])
 
 
-unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=2, warnings="error")
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=2, warnings="error")
