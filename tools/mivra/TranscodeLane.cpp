@@ -22,7 +22,7 @@ using Common::Reference;
 using Packet = Reference<PacketBuffer>;
 
 /// Decoded pictures that wait for the encoder.
-constexpr std::size_t kMostPictures = 2;
+constexpr std::size_t kMostPictures = 1;
 
 void setTime(PacketBuffer& buffer, std::int64_t time) {
     buffer.Pts() = time;
