@@ -57,19 +57,6 @@ TEST(Sei, FindsAMessageWhereverItStands) {
     EXPECT_EQ(Parser::FindSei(nullptr, UserData), std::nullopt);
 }
 
-TEST(Sei, CutOrWrongSizesAreNeverFollowed) {
-    const Bytes whole = coded({0x06, 6, 1, 0xC4, 5, 3, 0, 0, 1, 0x80});
-    for (std::size_t cut = 0; cut < whole.size() - 1; ++cut) {
-        const Packet packet({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut)});
-        EXPECT_EQ(Parser::FindSei(packet.get(), UserData), std::nullopt) << cut;
-    }
-    for (const int size : {0, 2, 4, 127, 254, 255}) {
-        Bytes wrong = coded({0x06, 5, 3, 1, 2, 3, 0x80});
-        wrong[6] = static_cast<unsigned char>(size);
-        EXPECT_EQ(Parser::FindSei(Packet(wrong).get(), UserData).has_value(), size < 3) << size;
-    }
-}
-
 TEST(Sei, WhatIsInsertedIsFound) {
     std::mt19937 random(1);
     for (const int type : {1, 5, 254, 255, 256, 510, 1000}) {
