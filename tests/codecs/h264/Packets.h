@@ -14,9 +14,16 @@ namespace Mivra::Codecs::H264::Testing {
 
 using Bytes = std::vector<unsigned char>;
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
+inline Bytes joined(std::initializer_list<Bytes> parts) {
+    Bytes whole;
+    for (const Bytes& part : parts) {
+        whole.insert(whole.end(), part.begin(), part.end());
+    }
+    return whole;
+}
+
+inline Bytes operator+(const Bytes& left, const Bytes& right) {
+    return joined({left, right});
 }
 
 /// A unit behind a start code of four, or three, bytes.

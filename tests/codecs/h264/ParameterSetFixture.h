@@ -2,22 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/codecs/h264/ParameterSetElements.h"
-#include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/runtime/GeneralException.h"
+#include "tests/codecs/h264/Packets.h"
 
 namespace Mivra::Test {
 
-using Bytes = std::vector<unsigned char>;
+using Codecs::H264::Testing::Bytes;
+using Codecs::H264::Testing::coded;
+using Codecs::H264::Testing::joined;
+using Codecs::H264::Testing::Packet;
+using Codecs::H264::Testing::prefixed;
 
 /// Two hexadecimal digits a byte.
 inline Bytes fromHex(std::string_view text) {
@@ -28,27 +28,13 @@ inline Bytes fromHex(std::string_view text) {
     return bytes;
 }
 
-inline void append(Bytes& bytes, const Bytes& more) {
-    std::copy(more.begin(), more.end(), std::back_inserter(bytes));
-}
-
 inline Bytes annexB(const Bytes& sps, const Bytes& pps) {
-    Bytes bytes = {0, 0, 0, 1};
-    append(bytes, sps);
-    append(bytes, {0, 0, 1});
-    append(bytes, pps);
-    return bytes;
+    return joined({coded(sps), coded(pps, false)});
 }
 
 /// One set of each kind, in an AVC decoder configuration record.
 inline Bytes record(const Bytes& sps, const Bytes& pps) {
-    const auto high = [](const Bytes& unit) { return static_cast<unsigned char>(unit.size() >> 8); };
-    const auto low = [](const Bytes& unit) { return static_cast<unsigned char>(unit.size()); };
-    Bytes bytes = {1, 0x64, 0, 40, 0xFF, 0xE1, high(sps), low(sps)};
-    append(bytes, sps);
-    append(bytes, {1, high(pps), low(pps)});
-    append(bytes, pps);
-    return bytes;
+    return joined({{1, 0x64, 0, 40, 0xFF, 0xE1}, prefixed(sps, 2), {1}, prefixed(pps, 2)});
 }
 
 /// Parses a copy that ends with its memory.
@@ -59,19 +45,14 @@ inline int parse(Codecs::H264::H264ConfigurationParser& parser, const Bytes& byt
 
 /// The sequence parameter set as the parser writes it.
 inline Bytes written(const Codecs::H264::H264ConfigurationParser& parser, int room = 16384) {
-    Bytes bytes(static_cast<std::size_t>(room));
-    auto* packet = new Common::PacketBuffer(reinterpret_cast<char*>(bytes.data()), room);
-    packet->ActualSize() = 0;
+    const Packet packet({}, static_cast<std::size_t>(room));
     try {
-        parser.ToPacketBuffer(packet);
+        parser.ToPacketBuffer(packet.get());
     } catch (...) {
         EXPECT_EQ(packet->ActualSize(), 0);
-        packet->Release();
         throw;
     }
-    bytes.resize(static_cast<std::size_t>(packet->ActualSize()));
-    packet->Release();
-    return bytes;
+    return packet.Content();
 }
 
 /// " name=value" for each element of both sets.
@@ -84,11 +65,6 @@ inline std::string elementText(const Codecs::H264::H264ConfigurationParser& pars
         text += " " + element.name + "=" + std::to_string(element.value);
     }
     return text + " ";
-}
-
-inline Bytes contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace Mivra::Test

@@ -2,6 +2,7 @@
 // small.
 
 #include <cstdint>
+#include <filesystem>
 
 #include "mivra/codecs/h264/AnnexB.h"
 #include "mivra/codecs/h264/ParameterSetCoding.h"
@@ -10,6 +11,7 @@
 #include "mivra/codecs/h264/SyntaxWriter.h"
 #include "tests/codecs/h264/ParameterSetFixture.h"
 #include "tests/support/FaultInjection.h"
+#include "tests/support/TempFolder.h"
 
 namespace {
 
@@ -20,14 +22,6 @@ const char* const Small = "674d0028ed02c12c80";   // id 0, 352 x 288
 const char* const Other = "674d001e5b4142b2";     // id 1, 160 x 160
 const char* const Pps = "68dae3882d80";           // id 0
 const char* const OtherPps = "6800805ae3882d80";  // id 255
-
-Bytes joined(std::initializer_list<Bytes> parts) {
-    Bytes whole;
-    for (const Bytes& part : parts) {
-        append(whole, part);
-    }
-    return whole;
-}
 
 TEST(Parse, ChoosesTheFormByTheFirstByte) {
     const Bytes sps = fromHex(Small);
@@ -183,7 +177,8 @@ TEST(Parse, SurvivesEveryWrongCount) {
          std::filesystem::directory_iterator(MIVRA_SOURCE_DIR "/fuzz/corpus/h264_parse")) {
         SCOPED_TRACE(entry.path().filename());
         H264ConfigurationParser parser;
-        parse(parser, contentOf(entry.path()), 1);
+        const std::string seed = ReadWholeFile(entry.path());
+        parse(parser, {seed.begin(), seed.end()}, 1);
         const SPS264struct sps = parser.GetSps();
         const PPS264struct pps = parser.GetPps();
         distortEach([&](Distorter& coder) { seq_parameter_set_data(coder, sps); }, 0x67);

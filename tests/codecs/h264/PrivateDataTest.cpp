@@ -10,6 +10,7 @@
 
 #include "mivra/codecs/h264/AvcConfigurationRecord.h"
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
+#include "tests/codecs/h264/Packets.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/LogCapture.h"
 
@@ -17,7 +18,9 @@ namespace {
 
 using namespace Mivra::Codecs::H264;
 using Mivra::Common::MediaType;
-using Bytes = std::vector<unsigned char>;
+using Testing::Bytes;
+using Testing::coded;
+using Testing::joined;
 using Parser = H264ConfigurationParser;
 
 MediaType TypeWith(const Bytes& data) {
@@ -40,18 +43,8 @@ const Bytes HighSps{0x67, 0x64, 0x00, 0x29, 0xAE};    // id 0, 4:2:0, 8 bits
 const Bytes Pps{0x68, 0xCE};
 const Bytes Extension{0x6D, 0xE5, 0xC0};
 
-Bytes Joined(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
-}
-
-const Bytes Code{0, 0, 0, 1};
-
 /// Two sets of each kind and an extension.
-const Bytes FullRecord = Joined({{1, 0x64, 0, 0x29, 0xFD},  // High, length size 2
+const Bytes FullRecord = joined({{1, 0x64, 0, 0x29, 0xFD},  // High, length size 2
                                  {0xE2, 0, 5},
                                  HighSps,
                                  {0, 5},
@@ -123,18 +116,18 @@ TEST(AvcConfigurationRecord, ChecksCountsAndLengths) {
 
 TEST(PrivateData, TellsWhatAllSetsKeepTo) {
     MediaType type;
-    const Bytes stream = Joined({Code, {0x06, 0x05}, Code, Sps, Code, Pps, Code, HigherSps});
+    const Bytes stream = joined({coded({0x06, 0x05}), coded(Sps), coded(Pps), coded(HigherSps)});
     ASSERT_TRUE(Parser::GenerateCodecPrivateData(type, const_cast<unsigned char*>(stream.data()),
                                                  static_cast<int>(stream.size())));
     // Baseline records end with the picture sets; what is no set is left out.
     EXPECT_EQ(DataOf(type),
-              Joined({{1, 0x42, 0x80, 0x28, 0xFF, 0xE2, 0, 5}, Sps, {0, 5}, HigherSps, {1, 0, 2}, Pps}));
+              joined({{1, 0x42, 0x80, 0x28, 0xFF, 0xE2, 0, 5}, Sps, {0, 5}, HigherSps, {1, 0, 2}, Pps}));
 }
 
 TEST(PrivateData, KeepsExtensionsBothWays) {
     MediaType type = TypeWith(FullRecord);
     EXPECT_TRUE(Parser::ConvertPrivateDataToAnnexB(type));
-    EXPECT_EQ(DataOf(type), Joined({Code, HighSps, Code, Sps, Code, Extension, Code, Pps, Code, Pps}));
+    EXPECT_EQ(DataOf(type), joined({coded(HighSps), coded(Sps), coded(Extension), coded(Pps), coded(Pps)}));
     EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(type));
     const auto record = AvcConfigurationRecord::Read(DataOf(type));
     ASSERT_TRUE(record);
@@ -198,7 +191,7 @@ TEST(PrivateData, MakesARecordOfOneSetOfEachKind) {
     Bytes pps = Pps;
     EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, pps.data(), 2));
     EXPECT_EQ(DataOf(type),
-              Joined({{1, 0x64, 0, 0x29, 0xFF, 0xE1, 0, 5}, HighSps, {1, 0, 2}, Pps, {0xFD, 0xF8, 0xF8, 0}}));
+              joined({{1, 0x64, 0, 0x29, 0xFF, 0xE1, 0, 5}, HighSps, {1, 0, 2}, Pps, {0xFD, 0xF8, 0xF8, 0}}));
     EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, nullptr, 0));
     EXPECT_EQ(type.CodecPrivateDataSize(), 5 + 8 + 1 + 4);
     EXPECT_FALSE(Parser::GenerateCodecPrivateData(type, nullptr, 0, pps.data(), 2));
@@ -207,7 +200,7 @@ TEST(PrivateData, MakesARecordOfOneSetOfEachKind) {
 
 TEST(PrivateData, KeepsTheTypeWhenThereIsNoMemory) {
     for (const auto conversion : {Parser::ConvertPrivateDataToAnnexB, Parser::ConvertPrivateDataToAvc}) {
-        const Bytes annexB = Joined({Code, HighSps, Code, Pps});
+        const Bytes annexB = joined({coded(HighSps), coded(Pps)});
         const Bytes& before = conversion == Parser::ConvertPrivateDataToAvc ? annexB : FullRecord;
         const auto failed = Mivra::Test::ForEachNthFailure(Mivra::Test::FaultKind::Allocate, [&] {
             MediaType type;

@@ -51,27 +51,20 @@ protected:
     support::LogCapture log;
 };
 
-TEST_F(PoolTest, WithoutGrowthTheThirdOfTwoIsNullAndSilent) {
-    DefaultPacketBufferAllocator pool(100, 2, false, 10.0F);
-    const auto taken = takeAll(pool);
-    ASSERT_EQ(taken.size(), 2u);
+// Which buffers a pool lends and when it grows is what the fuzz target's model knows; here is what it tells.
+TEST_F(PoolTest, TellsOfGrowthAndReallocation) {
+    DefaultPacketBufferAllocator fixed(100, 2, false, 10.0F);
+    const auto all = takeAll(fixed);
     log.Clear();
-    EXPECT_EQ(pool.LockBuffer(true), nullptr);
+    EXPECT_EQ(fixed.LockBuffer(true), nullptr);
     EXPECT_EQ(log.Lines(), Lines{});
-    EXPECT_FALSE(pool.IsAutoGrown());
-    EXPECT_EQ(taken[0]->Id() + 1, taken[1]->Id());
-    EXPECT_EQ(taken[0]->Size(), 100);
-    giveBack(taken);
-}
+    EXPECT_EQ(all.at(0)->Id() + 1, all.at(1)->Id());
+    giveBack(all);
 
-TEST_F(PoolTest, GrowsInTenthsUpToItsLimit) {
     DefaultPacketBufferAllocator pool(100, 10, true, 1.5F);
-    EXPECT_FALSE(pool.IsAutoGrown());
     std::vector<PacketBuffer*> taken;
     for (int i = 0; i < 11; ++i)
         taken.push_back(pool.LockBuffer(true));
-    EXPECT_EQ(pool.BufferCount(), 11);
-    EXPECT_TRUE(pool.IsAutoGrown());
     EXPECT_EQ(
         log.Lines(FileLog::Warning),
         Lines{line("LockBuffer", pool, "100/10", "no more empty buffers, allocate additional 1 buffers")});
@@ -84,9 +77,14 @@ TEST_F(PoolTest, GrowsInTenthsUpToItsLimit) {
               Lines{line("LockBuffer", pool, "100/15",
                          "no more empty buffers but auto-growth prevented: original 10 buffers, "
                          "current 15 buffers")});
-    EXPECT_EQ(pool.FreeBufferCount(), 0);
+    log.Clear();
+    pool.Reallocate(200, 2);
+    EXPECT_EQ(log.Lines(FileLog::Warning),
+              Lines{line("Reallocate", pool, "100/15", "re-allocating 2 buffers of 200 bytes")});
+    pool.Reallocate(-1, 2);
+    EXPECT_EQ(log.Errors(), Lines{line("Reallocate", pool, "200/2", "a size or count below 0")});
+    EXPECT_EQ(pool.BufferSize(), 200);
     giveBack(taken);
-    EXPECT_EQ(pool.FreeBufferCount(), 15);
 }
 
 TEST_F(PoolTest, GrowthEndsWhereTheFactorSays) {
@@ -105,32 +103,6 @@ TEST_F(PoolTest, GrowthEndsWhereTheFactorSays) {
         EXPECT_EQ(taken.size(), test.most) << test.count << " times " << test.limit;
         giveBack(taken);
     }
-}
-
-TEST_F(PoolTest, ReallocationDeletesWhatIsOutWhenItComesBack) {
-    DefaultPacketBufferAllocator pool(100, 3, true, 2.0F);
-    PacketBuffer* const old = pool.LockBuffer(true);
-    log.Clear();
-    pool.Reallocate(200, 2);
-    EXPECT_EQ(log.Lines(FileLog::Warning),
-              Lines{line("Reallocate", pool, "100/3", "re-allocating 2 buffers of 200 bytes")});
-    EXPECT_EQ(pool.BufferSize(), 200);
-    EXPECT_EQ(pool.BufferCount(), 2);
-    EXPECT_EQ(pool.FreeBufferCount(), 2);
-    EXPECT_EQ(old->Size(), 100);
-    old->Buffer()[99] = 1;
-    EXPECT_EQ(old->Release(), 0);  // a leak or a double free would be the sanitizer's to tell
-    EXPECT_EQ(pool.FreeBufferCount(), 2);
-    // The limit still comes from the first count: 3 * 2.
-    const auto taken = takeAll(pool);
-    EXPECT_EQ(taken.size(), 6u);
-    EXPECT_EQ(taken[0]->Generation(), 1);
-    EXPECT_EQ(taken[0]->Size(), 200);
-    pool.Reallocate(-1, 2);
-    EXPECT_EQ(log.Errors(), Lines{line("Reallocate", pool, "200/6", "a size or count below 0")});
-    EXPECT_EQ(pool.BufferSize(), 200);
-    giveBack(taken);
-    EXPECT_EQ(pool.FreeBufferCount(), 6);
 }
 
 TEST_F(PoolTest, ReportsItsUsageOncePerMinute) {
