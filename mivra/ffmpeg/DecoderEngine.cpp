@@ -65,6 +65,7 @@ DecoderEngine::DecoderEngine(const void* name_, const MediaType& input_, const M
     if (why != nullptr) {
         LogLine(FileLog::Error, "FfmpegDecoder::FfmpegDecoder[%p]: %s: %s", name, input.ToString().c_str(),
                 why);
+        FfmpegMessageWatch::TellRefusal(why);
         return;
     }
     open(parameters.AllowHardwareAcceleration);
@@ -90,17 +91,18 @@ const char* DecoderEngine::makeOutput() {
 
 /// False, after one log line, when the input cannot be decoded.
 bool DecoderEngine::open(bool hardware) {
-    decoder.reset();
     PacketDecoder::Options options{parameters.ThreadCount, hardware};
     std::string why;
-    decoder = PacketDecoder::Open(input, options, *pool.get(), why);
-    if (decoder == nullptr && hardware) {
+    std::unique_ptr<PacketDecoder> opened = PacketDecoder::Open(input, options, *pool.get(), why);
+    if (opened == nullptr && hardware) {
         options.hardware = false;
-        decoder = PacketDecoder::Open(input, options, *pool.get(), why);
+        opened = PacketDecoder::Open(input, options, *pool.get(), why);
     }
+    decoder = std::move(opened);
     if (decoder == nullptr) {
         LogLine(FileLog::Error, "FfmpegDecoder::FfmpegDecoder[%p]: %s cannot be decoded: %s", name,
                 input.ToString().c_str(), why.c_str());
+        FfmpegMessageWatch::TellRefusal(why);
         return false;
     }
     if (decoder->Device() != nullptr) {
@@ -122,6 +124,7 @@ void DecoderEngine::adoptType(const MediaType& changed) {
     input = changed;
     kept.Clear();
     isReplayed = false;
+    isTroubled = false;
     isFirstPacket = true;
     isDraining = false;
     if (output == nullptr || changed.ContentType() != output->Type().ContentType()) {
@@ -135,18 +138,17 @@ void DecoderEngine::adoptType(const MediaType& changed) {
     open(parameters.AllowHardwareAcceleration);
 }
 
-/// A packet after the end: a stream begins again.
+/// A packet after the end: a stream begins again. The codec is opened anew, as flushing does not undo what it
+/// was told once (samples to skip, predictors) or what damaged headers have told it.
 void DecoderEngine::beginAgain() {
     collectAll();
+    if (decoder != nullptr) {
+        open(decoder->Device() != nullptr);  // without memory, again with the next packet
+    }
     isDraining = false;
     kept.Clear();
     isReplayed = false;
-    // What is told once, at the opening (samples to skip, predictors), audio needs again; its codecs open
-    // fast.
-    const bool reopens = input.ContentType() == ContentType_t::Audio;
-    if (decoder != nullptr && (reopens || !decoder->Restart())) {
-        open(decoder->Device() != nullptr);
-    }
+    isTroubled = false;
 }
 
 void DecoderEngine::learn(PacketBuffer& packet) {
@@ -248,7 +250,9 @@ Result DecoderEngine::collect() {
         spare = std::move(frame);
         return result;
     }
-    isTroubled = false;
+    if (std::exchange(isTroubled, false) || frame->decode_error_flags != 0) {
+        frame->flags |= AV_FRAME_FLAG_CORRUPT;
+    }
     const std::int64_t number = packetNumber(*frame);
     if (isReplayed && kept.IsDelivered(number)) {
         FfmpegProxy::av_frame_unref(frame.get());
@@ -314,6 +318,9 @@ DecoderEngine::Packet DecoderEngine::makeOne(bool& again) {
     const FrameOutput::Result result = output->Make(*first.frame, made, used);
     if (made) {
         marks.Apply(packetNumber(*first.frame), *made.get());
+        if ((first.frame->flags & AV_FRAME_FLAG_CORRUPT) != 0) {
+            made->ExtraData()[PacketBuffer::FlagsAttribute] = AV_FRAME_FLAG_CORRUPT;
+        }
     }
     if (used) {
         FfmpegProxy::av_frame_unref(first.frame.get());

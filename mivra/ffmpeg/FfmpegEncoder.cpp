@@ -34,6 +34,7 @@ FfmpegEncoder::FfmpegEncoder(Common::MediaType* input, Common::MediaType* output
         if (!problem.empty()) {
             LogLine(FileLog::Error, "FfmpegEncoder::FfmpegEncoder[%p]: %s", static_cast<void*>(this),
                     problem.c_str());
+            FfmpegMessageWatch::TellRefusal(problem);
         }
         return problem.empty();
     });

@@ -59,4 +59,10 @@ FfmpegMessageWatch::~FfmpegMessageWatch() {
     t_watch = outer;
 }
 
+void FfmpegMessageWatch::TellRefusal(std::string_view reason) noexcept {
+    if (t_watch != nullptr) {
+        t_watch->OnRefusal(reason);
+    }
+}
+
 }  // namespace Mivra::FFmpeg

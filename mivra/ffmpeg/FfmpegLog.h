@@ -25,6 +25,11 @@ public:
     /// A message of AV_LOG_INFO or graver, in one line, of an object of FFmpeg's (null: of none in
     /// particular). Returns the level with which it goes on to the log; throws nothing.
     virtual int OnMessage(const void* object, int level, std::string_view message) noexcept = 0;
+    /// Why an engine of this thread cannot serve its media types, in words: what its log line says.
+    virtual void OnRefusal(std::string_view /*reason*/) noexcept {}
+
+    /// For the engines: tells the watch of the calling thread, if there is one.
+    static void TellRefusal(std::string_view reason) noexcept;
 
 private:
     FfmpegMessageWatch* const outer;

@@ -79,8 +79,6 @@ constexpr FfmpegFunction kOptionalFunctions[] = {
         Library::avcodec, "avcodec_default_get_buffer2"),
     bound<&FfmpegOptional::avcodec_default_get_format, decltype(::avcodec_default_get_format)>(
         Library::avcodec, "avcodec_default_get_format"),
-    bound<&FfmpegOptional::avcodec_flush_buffers, decltype(::avcodec_flush_buffers)>(Library::avcodec,
-                                                                                     "avcodec_flush_buffers"),
     bound<&FfmpegOptional::avcodec_get_name, decltype(::avcodec_get_name)>(Library::avcodec,
                                                                            "avcodec_get_name"),
     bound<&FfmpegOptional::avcodec_parameters_alloc, decltype(::avcodec_parameters_alloc)>(
@@ -143,7 +141,6 @@ decltype(FfmpegOptional::av_packet_rescale_ts) FfmpegOptional::av_packet_rescale
 decltype(FfmpegOptional::avcodec_align_dimensions2) FfmpegOptional::avcodec_align_dimensions2 = nullptr;
 decltype(FfmpegOptional::avcodec_default_get_buffer2) FfmpegOptional::avcodec_default_get_buffer2 = nullptr;
 decltype(FfmpegOptional::avcodec_default_get_format) FfmpegOptional::avcodec_default_get_format = nullptr;
-decltype(FfmpegOptional::avcodec_flush_buffers) FfmpegOptional::avcodec_flush_buffers = nullptr;
 decltype(FfmpegOptional::avcodec_get_name) FfmpegOptional::avcodec_get_name = nullptr;
 decltype(FfmpegOptional::avcodec_parameters_alloc) FfmpegOptional::avcodec_parameters_alloc = nullptr;
 decltype(FfmpegOptional::avcodec_parameters_copy) FfmpegOptional::avcodec_parameters_copy = nullptr;

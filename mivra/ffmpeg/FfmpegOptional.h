@@ -72,7 +72,6 @@ public:
     static void (*avcodec_align_dimensions2)(AVCodecContext*, int*, int*, int*);
     static int (*avcodec_default_get_buffer2)(AVCodecContext*, AVFrame*, int);
     static int (*avcodec_default_get_format)(AVCodecContext*, const int*);
-    static void (*avcodec_flush_buffers)(AVCodecContext*);
     static const char* (*avcodec_get_name)(int);
     static AVCodecParameters* (*avcodec_parameters_alloc)();
     static int (*avcodec_parameters_copy)(AVCodecParameters*, const AVCodecParameters*);

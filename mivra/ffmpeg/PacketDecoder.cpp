@@ -157,14 +157,6 @@ PacketDecoder::Result PacketDecoder::Drain() {
     return judge(FfmpegProxy::avcodec_send_packet(context.get(), nullptr));
 }
 
-bool PacketDecoder::Restart() {
-    if (FfmpegOptional::avcodec_flush_buffers == nullptr) {
-        return false;
-    }
-    FfmpegOptional::avcodec_flush_buffers(context.get());
-    return true;
-}
-
 int PacketDecoder::FramesHeld() const {
     constexpr int kReferences = 17;  // the most of any codec, and the one being decoded
     return kReferences + std::max(context->has_b_frames, 0) + std::max(context->thread_count, 1);

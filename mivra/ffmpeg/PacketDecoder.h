@@ -38,8 +38,6 @@ public:
     Result Receive(AVFrame& frame);
     /// The input ends; Again: take frames first.
     Result Drain();
-    /// After the end: ready for packets again. False when FFmpeg has no function for it.
-    bool Restart();
 
     int LastError() const { return lastError; }
     /// The device that decodes; null: none.
