@@ -133,6 +133,12 @@ class Transcode(Case):
         output = self.make("cut.mp4", source=cut, code=5)
         self.assertIn("damaged input", self.told)
         self.assertGreater(streams(output)[1], 2)
+        broken = bytearray(FILM.read_bytes())  # its index stands at the end
+        for place in range(30000, len(broken) // 2, 5003):
+            broken[place] ^= 0x55
+        (self.folder / "broken.mp4").write_bytes(broken)
+        self.make("whole.mp4", source=self.folder / "broken.mp4", code=5)
+        self.assertRegex(self.told, r"damaged input: \d+ of the frames of video h264 .* could not be decoded whole")
         output = self.folder / "stopped.mp4"
         child = subprocess.Popen([MIVRA, "transcode", FILM, output, "--preset", "placebo", "--size", "1920x1080",
                                   "--threads", "1", "--json", "--stats", "0.05"],
@@ -156,6 +162,7 @@ class Transcode(Case):
                 (2, "relay", film, out, "--video", "copy", "--audio", "copy"), (2, "an input and an output", film),
                 (2, "does not tell a format", film, self.folder / "out.xyz"), (2, "also an input", film, film),
                 (2, "it lasts from 0", film, out, "--start", "60"), (3, "cannot open the input", "/nowhere.mp4", out),
+                (3, "not divisible by 2", film, out, "--size", "161x121"),
                 (3, "does not hold", film, self.folder / "out.flv", "--video", "vp9"),
                 (3, "cannot open the output", film, "/nowhere/out.mp4"),
                 (3, "cannot open the input", pathlib.Path(__file__), out)]:

@@ -21,6 +21,7 @@
 #include "tools/mivra/PictureReader.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/StreamMapping.h"
+#include "tools/mivra/TranscodeEngines.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -106,9 +107,10 @@ public:
 
     ExitCode Run(Console& console) {
         options.columns > 0 ? takeSheet() : takeOne();
-        if (!reader.Damage().empty()) {
-            console.Error(
-                {"damaged input: " + reader.Damage(), options.input, "what could be read is shown"});
+        const std::string damage =
+            reader.Damage().empty() && damaged ? "a picture could not be decoded whole" : reader.Damage();
+        if (!damage.empty()) {
+            console.Error({"damaged input: " + damage, options.input, "what could be read is shown"});
             return ExitCode::Damaged;
         }
         return ExitCode::Done;
@@ -161,6 +163,7 @@ private:
     Packet shownAt(std::int64_t time) {
         Packet picture = reader.ShownAt(time);
         if (picture) {
+            damaged = damaged || isDamaged(*picture.get());
             return picture;
         }
         if (reader.End() == kUnsetTime) {
@@ -197,6 +200,7 @@ private:
     const SnapshotOptions& options;
     const PictureFormat& format;
     PictureReader reader;
+    bool damaged = false;  // a picture that was taken
 };
 
 }  // namespace

@@ -1,7 +1,11 @@
 #include "tools/mivra/TranscodeEngines.h"
 
+#include <any>
+#include <new>
+#include <string_view>
 #include <utility>
 
+#include "mivra/ffmpeg/FfmpegLog.h"
 #include "mivra/media/DecoderFactory.h"
 #include "mivra/media/EncoderFactory.h"
 #include "tools/mivra/ProblemError.h"
@@ -16,6 +20,24 @@ using Common::Reference;
 
 constexpr const char* kWhyIsInTheLog = "'--log FILE' tells why";
 
+/// Hears why an engine that is being made cannot be used.
+class RefusalWatch : public FFmpeg::FfmpegMessageWatch {
+public:
+    int OnMessage(const void* /*object*/, int level, std::string_view /*message*/) noexcept override {
+        return level;
+    }
+    void OnRefusal(std::string_view reason) noexcept override {
+        try {
+            text = ": ";
+            text += reason;
+        } catch (const std::bad_alloc&) {
+            text.clear();  // the log has it
+        }
+    }
+
+    std::string text;  // to be put behind what is impossible
+};
+
 }  // namespace
 
 std::shared_ptr<Media::IDecoder> makeDecoder(const MediaType& input, const MediaType& wanted, int threads,
@@ -25,12 +47,22 @@ std::shared_ptr<Media::IDecoder> makeDecoder(const MediaType& input, const Media
     Media::DecoderParameters parameters;
     parameters.AllowHardwareAcceleration = hardware;
     parameters.ThreadCount = threads;
+    RefusalWatch refusal;
     auto decoder = Media::DecoderFactory::Create(&from, &to, &parameters);
     if (decoder == nullptr || !decoder->IsUsable()) {
         throw ProblemError(ExitCode::CannotOpen,
-                           {"nothing here decodes " + describe(input), path, kWhyIsInTheLog});
+                           {"nothing here decodes " + describe(input) + refusal.text, path, ""});
     }
     return decoder;
+}
+
+bool isDamaged(PacketBuffer& frame) {
+    if (frame.ExtraData().empty()) {
+        return false;
+    }
+    const auto flags = frame.ExtraData().find(PacketBuffer::FlagsAttribute);
+    const int* const number = flags == frame.ExtraData().end() ? nullptr : std::any_cast<int>(&flags->second);
+    return number != nullptr && (*number & AV_FRAME_FLAG_CORRUPT) != 0;
 }
 
 EncoderEnd::EncoderEnd(const MediaType& input, const LaneSettings& settings, LaneEnd to)
@@ -41,11 +73,13 @@ EncoderEnd::EncoderEnd(const MediaType& input, const LaneSettings& settings, Lan
     parameters.AllowHardwareAcceleration = settings.hardware;
     parameters.ThreadCount = settings.threads > 0 ? settings.threads : -1;
     parameters.Options = settings.options;
+    RefusalWatch refusal;
     encoder = Media::EncoderFactory::Create(&from, &wanted, &parameters);
     if (encoder == nullptr || !encoder->IsUsable()) {
-        throw ProblemError(ExitCode::CannotOpen, {"nothing here encodes " + describe(input) + " as " +
-                                                      codecName(static_cast<int>(wanted.CodecId())),
-                                                  path, kWhyIsInTheLog});
+        throw ProblemError(ExitCode::CannotOpen,
+                           {"nothing here encodes " + describe(input) + " as " +
+                                codecName(static_cast<int>(wanted.CodecId())) + refusal.text,
+                            path, ""});
     }
     type = *encoder->GetOutputMediaType();
 }

@@ -18,6 +18,9 @@ namespace Mivra::Tool {
 std::shared_ptr<Media::IDecoder> makeDecoder(const Common::MediaType& input, const Common::MediaType& wanted,
                                              int threads, bool hardware, const std::string& path);
 
+/// Whether a decoded frame, or what came in front of it, could not be decoded whole.
+bool isDamaged(Common::PacketBuffer& frame);
+
 /// An encoder, and the way from it into the file. One thread at a time.
 class EncoderEnd {
 public:

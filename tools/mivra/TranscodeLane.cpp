@@ -104,11 +104,17 @@ private:
             end.shared->monitor.Damaged(
                 {"nothing could be decoded of " + name, settings.path, "is the file damaged?"});
         }
+        tellDamage();
         endDecoding();
     }
 
     bool takeAll() {
         while (auto frame = Packet::Adopt(decoder->Read())) {
+            if (isDamaged(*frame.get())) {
+                damaged += seenWhole ? 1 : 0;  // an input may begin anywhere
+            } else {
+                seenWhole = true;
+            }
             seen = true;
             if (!take(std::move(frame))) {
                 return false;
@@ -117,9 +123,23 @@ private:
         return true;
     }
 
+    void tellDamage() {
+        if (!decoder->IsUsable()) {
+            end.shared->monitor.Damaged(
+                {"nothing here decodes what has become of " + name, settings.path, "the rest is left out"});
+        }
+        if (damaged > 0) {
+            end.shared->monitor.Damaged({"damaged input: " + std::to_string(damaged) + " of the frames of " +
+                                             name + " could not be decoded whole",
+                                         settings.path, "what could be decoded is written"});
+        }
+    }
+
     WorkQueue<Packet> packets;
     std::thread thread;
     bool seen = false;
+    bool seenWhole = false;
+    std::int64_t damaged = 0;  // frames, behind a whole one
 };
 
 class PictureLane : public DecodingLane {
