@@ -8,17 +8,13 @@ import pathlib
 import pty
 import signal
 import subprocess
-import sys
-import tempfile
 import termios
 import time
-import unittest
 
 import packets
-import relay_inputs
+import program
+from program import INPUTS, MIVRA, ffmpeg
 
-MIVRA = pathlib.Path(sys.argv[1]).resolve()
-INPUTS = relay_inputs.make(sys.argv[2]).resolve()
 FILM = INPUTS / "steps.mkv"  # 6 s, a key frame every 0.4 s
 GROUP = 0.4
 
@@ -79,10 +75,7 @@ class Recorder:
         return [pathlib.Path(output["path"]) for output in self.told[-1]["outputs"]]
 
 
-class Case(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-
+class Case(program.Case):
     def is_tail(self, files, reference=FILM):
         """What was recorded is what the input has from one of its key frames on; which one."""
         (video, sound), (all_video, all_sound) = packets.of(*files), packets.of(reference)
@@ -130,18 +123,18 @@ class Preroll(Case):
 
     def test_files_come_as_they_play(self):
         begin = time.monotonic()
-        done = subprocess.run([MIVRA, "record", FILM, "-o", self.folder / "a.ts", "--preroll", "1", "--trigger",
-                               "after:0.6", "--for", "0.5"], capture_output=True, text=True, timeout=60)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        done = program.mivra("record", FILM, "-o", self.folder / "a.ts", "--preroll", 1, "--trigger", "after:0.6",
+                             "--for", 0.5)
+        self.ends(done, 0)
         self.assertGreater(time.monotonic() - begin, 1)
-        self.assertIn("event=recording asked=1.00 delivered=0.", done.stdout)
+        self.assertIn(b"event=recording asked=1.00 delivered=0.", done.stdout)
         self.assertLess(len(packets.of(self.folder / "a.ts")[0]), 60)
 
 
 class Rotation(Case):
     def test_nothing_is_lost_or_doubled(self):
         reference = self.folder / "reference.ts"
-        subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", FILM, "-c", "copy", reference], check=True)
+        ffmpeg("-i", FILM, "-c", "copy", reference)
         for name, whole in [("cam-%Y%m%d.mkv", FILM), ("cam.mp4", FILM), ("cam-%j.ts", reference)]:
             with self.subTest(name=name):
                 recorder = Recorder(self, "--rotate", 1, name=name, trigger="after:0")
@@ -168,8 +161,7 @@ class Rotation(Case):
 
 def record(*words, **options):
     """A recording of files, with its events."""
-    done = subprocess.run([MIVRA, "record", *map(str, words), "--json", "--stats", "0"], text=True, timeout=60,
-                          stdin=subprocess.DEVNULL, capture_output=True, **options)
+    done = program.mivra("record", *words, "--json", "--stats", "0", **options)
     return done, [json.loads(line) for line in done.stdout.splitlines()]
 
 
@@ -190,10 +182,9 @@ class Inputs(Case):
 
     def test_a_cover_is_no_video(self):
         cover, song, out = self.folder / "cover.png", self.folder / "song.m4a", self.folder / "out.mkv"
-        make = lambda *words: subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *map(str, words)], check=True)
-        make("-f", "lavfi", "-i", "testsrc2=s=64x64", "-frames:v", 1, cover)
-        make("-f", "lavfi", "-i", "sine", "-i", cover, "-t", 3, "-map", 0, "-map", 1, "-c:v", "copy", "-disposition:v",
-             "attached_pic", song)
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=s=64x64", "-frames:v", 1, cover)
+        ffmpeg("-f", "lavfi", "-i", "sine", "-i", cover, "-t", 3, "-map", 0, "-map", 1, "-c:v", "copy",
+               "-disposition:v", "attached_pic", song)
         done, told = record(song, "-o", out, "--preroll", 1, "--trigger", "after:1.5", "--for", 0.2)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertGreater(told[1]["delivered"], 0.9)
@@ -333,11 +324,7 @@ class Refusals(Case):
                  ((FILM, *good, "--log", "none/x.log"), 2, "cannot write the log")]
         for words, code, text in cases:
             with self.subTest(words=words):
-                done = subprocess.run([MIVRA, "record", *map(str, words)], cwd=self.folder, text=True, timeout=60,
-                                      capture_output=True, stdin=subprocess.DEVNULL, start_new_session=True)
-                self.assertEqual(done.returncode, code, done.stderr)
-                self.assertRegex(done.stderr, r"\Amivra: [^\n]+\n\Z")
-                self.assertIn(text, done.stderr)
+                self.ends(program.mivra("record", *words, cwd=self.folder, start_new_session=True), code, text)
         self.assertFalse((self.folder / "a.ts").exists())
 
     def test_a_pipe_is_opened_once(self):
@@ -360,4 +347,4 @@ class Refusals(Case):
         self.assertIn("No space left", complaints)
 
 
-unittest.main(argv=sys.argv[:1], verbosity=2)
+program.main()

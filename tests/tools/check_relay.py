@@ -13,24 +13,18 @@ import shutil
 import signal
 import struct
 import subprocess
-import sys
-import tempfile
 import termios
 import time
 import unittest
 
-import relay_inputs
+import program
+from program import INPUTS, MIVRA, ffmpeg
 
-MIVRA = pathlib.Path(sys.argv[1])
-INPUTS = relay_inputs.make(sys.argv[2])
 FILM = INPUTS / "bframes.mp4"
-LIBRARIES = ["avutil", "avformat", "avcodec", "swscale", "swresample", "avfilter"]
 
 
-def relay(*words, program=MIVRA, timeout=120, **options):
-    options.setdefault("stdin", subprocess.DEVNULL)
-    return subprocess.run([program, "relay", *map(str, words)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          timeout=timeout, **options)
+def relay(*words, **options):
+    return program.mivra("relay", *words, **options)
 
 
 def probe(path, *words):
@@ -48,22 +42,9 @@ def summary(done):
     return json.loads(done.stdout.splitlines()[-1])
 
 
-class Case(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-
+class Case(program.Case):
     def out(self, name):
         return self.folder / name
-
-    def ends(self, done, code, *texts):
-        """The exit code; one line of text a problem, with these in it."""
-        self.assertEqual(done.returncode, code, done.stderr.decode())
-        lines = done.stderr.decode().splitlines()
-        self.assertEqual(len(lines), 1 if code else 0, lines)
-        for text in texts:
-            self.assertIn(text, lines[0])
-        for line in lines:
-            self.assertRegex(line, r"\Amivra: .+; .+")
 
     def plays(self, path):
         found, complaints = streams(path)
@@ -85,14 +66,13 @@ class Use(Case):
 
     def test_several_inputs_are_numbered_in_their_order(self):
         output = self.out("all.mkv")
-        done = relay(INPUTS / "plain.mp4", INPUTS / "bframes.flv", INPUTS / "bframes.ts", INPUTS / "plain.flv", output)
-        self.ends(done, 0)
+        names = ["plain.mp4", "bframes.flv", "bframes.ts", "plain.flv"]
+        self.ends(relay(*(INPUTS / name for name in names), output), 0)
         rates = [s.get("sample_rate") for s in json.loads(probe(output, "-show_streams").stdout)["streams"]]
         self.assertEqual(rates, [None, "44100", None, "48000", None, "48000", None, "44100"])
         reference = self.out("reference.mkv")
-        subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", INPUTS / "plain.mp4", "-i", INPUTS / "bframes.flv",
-                        "-i", INPUTS / "bframes.ts", "-i", INPUTS / "plain.flv", "-map", "0", "-map", "1", "-map", "2",
-                        "-map", "3", "-c", "copy", reference], check=True)
+        ffmpeg(*(word for name in names for word in ("-i", INPUTS / name)),
+               *(word for i in range(len(names)) for word in ("-map", i)), "-c", "copy", reference)
         what = ["-show_packets", "-show_entries", "packet=stream_index,pts,dts,size,flags"]
         self.assertEqual(probe(output, *what).stdout, probe(reference, *what).stdout)
 
@@ -100,18 +80,17 @@ class Use(Case):
         with open(FILM, "rb") as film:
             done = relay("-", "-", stdin=film)
         self.assertEqual(done.returncode, 0)
-        self.assertIn(b"event=summary", done.stderr)
+        self.assertIn("event=summary", done.stderr)
         self.ends(relay(FILM, self.out("file.ts")), 0)
         self.assertEqual(done.stdout, self.out("file.ts").read_bytes())
         piped = subprocess.run(f"cat '{INPUTS / 'bframes.ts'}' | '{MIVRA}' relay - '{self.out('piped.mkv')}'", shell=True,
-                               capture_output=True)
+                               capture_output=True, text=True)
         self.ends(piped, 0)
         self.assertEqual(self.plays(self.out("piped.mkv")), [("h264", 125), ("aac", 236)])
 
     def test_only_so_much(self):
         self.ends(relay(FILM, self.out("part.ts"), "--for", "2"), 0)
-        subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-i", FILM, "-t", "2", "-c", "copy",
-                        self.out("reference.ts")], check=True)
+        ffmpeg("-i", FILM, "-t", 2, "-c", "copy", self.out("reference.ts"))
         self.assertEqual(self.plays(self.out("part.ts")), streams(self.out("reference.ts"))[0])
 
     def test_no_faster_than_it_plays(self):
@@ -123,7 +102,7 @@ class Use(Case):
         for name, codec, other in [("picture.h264", "h264", "aac"), ("sound.aac", "aac", "h264")]:
             done = relay(FILM, self.out(name))
             self.assertEqual(done.returncode, 0)
-            self.assertRegex(done.stderr.decode(), rf"\Amivra: \S+{name} leaves out stream \d \((audio|video) {other} [^\n]+\n\Z")
+            self.assertRegex(done.stderr, rf"\Amivra: \S+{name} leaves out stream \d \((audio|video) {other} [^\n]+\n\Z")
             self.assertEqual([found[0] for found in self.plays(self.out(name))], [codec])
         self.ends(relay(INPUTS / "mpeg2.ts", self.out("none.h264")), 3, "none of the streams")
         self.assertFalse(self.out("none.h264").exists())
@@ -204,11 +183,11 @@ class Refusals(Case):
         """Their numbers are not taken by files of ours, which would be read and written in their place."""
         def closed(how, *words):
             return subprocess.run(["bash", "-c", f'exec "$0" relay "$@" {how}', MIVRA, *words], timeout=60,
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         self.ends(closed("<&-", "-", self.out("a.ts")), 3, "Bad file descriptor")
         done = closed(">&-", FILM, "-")  # with its figures in front of the error
         self.assertEqual(done.returncode, 6)
-        self.assertIn("Bad file descriptor", done.stderr.decode().splitlines()[-1])
+        self.assertIn("Bad file descriptor", done.stderr.splitlines()[-1])
         self.ends(closed("<&- >&-", FILM, self.out("a.ts")), 0)
         self.assertEqual(closed("2>&-", self.out("none.mp4"), self.out("a.ts")).returncode, 3)
 
@@ -293,7 +272,7 @@ class FailingOutputs(Case):
             full.symlink_to("/dev/full")
             done = relay(FILM, full)
             self.assertEqual(done.returncode, 6, (extension, done.stderr))
-            self.assertIn(b"cannot write the output: No space left", done.stderr)
+            self.assertIn("cannot write the output: No space left", done.stderr)
 
     def test_a_limit_on_the_size_of_files(self):
         for size in [20, 2000, 50000, 150000]:
@@ -402,17 +381,17 @@ class Interruption(Case):
 
 class WithoutFfmpeg(Case):
     def test_each_library_missing_in_turn(self):
-        program = self.out("mivra")
-        shutil.copy(MIVRA, program)
-        self.ends(relay(FILM, self.out("a.ts"), program=program), 0)
+        copy = self.out("mivra")
+        shutil.copy(MIVRA, copy)
+        self.ends(relay(FILM, self.out("a.ts"), program=copy), 0)
         names = subprocess.run([MIVRA, "doctor", "--json"], capture_output=True, text=True).stdout
         for library in json.loads(names)["ffmpeg"]["libraries"]:
             # The folder of the program comes first; what is there is no library.
             bogus = self.out(library["file"])
             bogus.write_text("no library")
-            self.ends(relay(FILM, self.out("b.ts"), program=program), 3, "FFmpeg", "mivra doctor")
+            self.ends(relay(FILM, self.out("b.ts"), program=copy), 3, "FFmpeg", "mivra doctor")
             bogus.unlink()
         self.assertFalse(self.out("b.ts").exists())
 
 
-unittest.main(argv=sys.argv[:1], verbosity=2)
+program.main()

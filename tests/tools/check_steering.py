@@ -4,27 +4,17 @@ check_steering.py MIVRA FOLDER-FOR-INPUTS"""
 
 import functools
 import os
-import pathlib
 import shutil
 import subprocess
-import sys
-import tempfile
 import time
-import unittest
 
 import packets
-import relay_inputs
-
-MIVRA = pathlib.Path(sys.argv[1]).resolve()
-INPUTS = relay_inputs.make(sys.argv[2])
+import program
+from program import INPUTS, MIVRA
 
 
 def relay(*words, **options):
-    if "input" not in options:
-        options.setdefault("stdin", subprocess.DEVNULL)
-    done = subprocess.run([MIVRA, "relay", *map(str, words)], capture_output=True, timeout=120, **options)
-    done.stderr = done.stderr.decode()
-    return done
+    return program.mivra("relay", *words, **options)
 
 
 @functools.cache
@@ -32,16 +22,10 @@ def inputs_packets(name):
     return *packets.of(INPUTS / name), packets.start(INPUTS / name)
 
 
-class Case(unittest.TestCase):
+class Case(program.Case):
     def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        super().setUp()
         self.output = self.folder / "out.mkv"
-
-    def ends(self, done, code, *texts):
-        self.assertEqual(done.returncode, code, done.stderr)
-        self.assertEqual(len(done.stderr.splitlines()), 1 if code else 0, done.stderr)
-        for text in texts:
-            self.assertIn(text, done.stderr)
 
 
 class Seek(Case):
@@ -137,4 +121,4 @@ class Rate(Case):
             self.ends(relay("--rate", word, INPUTS / "bframes.mp4", self.output), 2, "--rate")
 
 
-unittest.main(argv=sys.argv[:1], verbosity=2)
+program.main()

@@ -1,0 +1,44 @@
+"""What the checks of the program share: the program, the films, and cases with a folder of their own."""
+
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import relay_inputs
+
+MIVRA = pathlib.Path(sys.argv[1]).resolve()
+INPUTS = relay_inputs.make(sys.argv[2]).resolve()
+
+
+def mivra(*words, program=MIVRA, **options):
+    """One run to its end, without input unless one is given; its complaints are text, its output is bytes."""
+    if "input" not in options:
+        options.setdefault("stdin", subprocess.DEVNULL)
+    options.setdefault("stdout", subprocess.PIPE)
+    done = subprocess.run([program, *map(str, words)], stderr=subprocess.PIPE, timeout=120, **options)
+    done.stderr = done.stderr.decode()
+    return done
+
+
+def ffmpeg(*words):
+    subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *map(str, words)], check=True)
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+
+    def ends(self, done, code, *texts):
+        """The exit code; one line of text a problem, with these in it."""
+        self.assertEqual(done.returncode, code, done.stderr)
+        self.assertEqual(len(done.stderr.splitlines()), 1 if code else 0, done.stderr)
+        for text in texts:
+            self.assertIn(text, done.stderr)
+        if code:
+            self.assertRegex(done.stderr, r"\Amivra: .+; .+\n\Z")
+
+
+def main():
+    unittest.main("__main__", argv=sys.argv[:1], verbosity=2)
