@@ -96,10 +96,6 @@ Json describe(MediaType& type) {
             {"parameters", type.ToParameterString()}};
 }
 
-Json pair(const Rational& ratio) {
-    return {ratio.Num(), ratio.Den()};
-}
-
 MediaType videoType(const Json& request) {
     MediaType type;
     type.ContentType() = ContentType_t::Video;
@@ -141,17 +137,10 @@ Json parse(const Json& request) {
              {{"sps", listed(ElementsOf(parser.GetSps()))},
               {"pps", listed(ElementsOf(parser.GetPps(),
                                         request.value("chroma", parser.GetSps().chroma_format_idc)))}}},
-            {"profile", parser.GetProfile()},
-            {"level", parser.GetLevel()},
-            {"ids", {parser.GetSpsId(), parser.GetPpsId(), parser.GetPpsSpsId()}},
             {"size", {parser.GetWidth(), parser.GetHeight()}},
-            {"aspect", pair(parser.GetAspectRatio())},
-            {"rate", pair(parser.GetFrameRate())},
+            {"rate", {parser.GetFrameRate().Num(), parser.GetFrameRate().Den()}},
             {"bitrates", {parser.GetBitrate(), parser.GetMaxBitrate()}},
-            {"profileLevel", parser.GetProfileLevel()},
-            {"depth", parser.GetReorderingQueueDepth()},
-            {"told", told ? Json(depth) : Json()},
-            {"simple", parser.IsCudaCompatible()}};
+            {"told", told ? Json(depth) : Json()}};
 }
 
 Json edit(const Json& request) {
@@ -167,9 +156,7 @@ Json edit(const Json& request) {
     }
     const Packet out(Bytes(), 4096);
     parser.ToPacketBuffer(out.Get());
-    return {{"unit", out.Hex()},
-            {"size", {parser.GetWidth(), parser.GetHeight()}},
-            {"aspect", pair(parser.GetAspectRatio())}};
+    return {{"unit", out.Hex()}, {"size", {parser.GetWidth(), parser.GetHeight()}}};
 }
 
 H264::UnitList list(std::vector<Bytes>& units) {
@@ -296,18 +283,6 @@ Json insertSei(const Json& request) {
     return {{"done", done}, {"data", in.Hex()}};
 }
 
-Json emulation(const Json& request) {
-    const Bytes data = bytes(request["data"]);
-    unsigned char* out = nullptr;
-    int size = 0;
-    const bool done = request["apply"].get<bool>()
-                          ? H264::ApplyForbiddenSequenceEmulation(data.data(), length(data), out, size)
-                          : H264::RemoveForbiddenSequenceEmulation(data.data(), length(data), out, size);
-    Json answer{{"done", done}, {"data", done ? hex(out, static_cast<std::size_t>(size)) : ""}};
-    std::free(out);
-    return answer;
-}
-
 Json aacParse(const Json& request) {
     Bytes data = bytes(request["data"]);
     Aac parser;
@@ -344,15 +319,10 @@ Json aacRead(const Json& request) {
     return answer;
 }
 
-Json aacGenerate(const Json& request) {
+template <void (*change)(MediaType*)>
+Json changedAudio(const Json& request) {
     MediaType type = audioType(request);
-    Aac::GenerateCodecPrivateData(&type);
-    return describe(type);
-}
-
-Json aacConvert(const Json& request) {
-    MediaType type = audioType(request);
-    Aac::ConvertCodecPrivateData(&type);
+    change(&type);
     return describe(type);
 }
 
@@ -362,21 +332,21 @@ Json describeType(const Json& request) {
 }
 
 Json answer(const std::string& line) {
-    static const std::map<std::string, Json (*)(const Json&)> commands = {{"parse", parse},
-                                                                          {"edit", edit},
-                                                                          {"record", record},
-                                                                          {"private", convertPrivate},
-                                                                          {"find", find},
-                                                                          {"packet", packet},
-                                                                          {"look", look},
-                                                                          {"sei", insertSei},
-                                                                          {"emulation", emulation},
-                                                                          {"aac-parse", aacParse},
-                                                                          {"aac-frames", aacFrames},
-                                                                          {"aac-read", aacRead},
-                                                                          {"aac-generate", aacGenerate},
-                                                                          {"aac-convert", aacConvert},
-                                                                          {"describe", describeType}};
+    static const std::map<std::string, Json (*)(const Json&)> commands = {
+        {"parse", parse},
+        {"edit", edit},
+        {"record", record},
+        {"private", convertPrivate},
+        {"find", find},
+        {"packet", packet},
+        {"look", look},
+        {"sei", insertSei},
+        {"aac-parse", aacParse},
+        {"aac-frames", aacFrames},
+        {"aac-read", aacRead},
+        {"aac-generate", changedAudio<Aac::GenerateCodecPrivateData>},
+        {"aac-convert", changedAudio<Aac::ConvertCodecPrivateData>},
+        {"describe", describeType}};
     try {
         const Json request = Json::parse(line);
         return commands.at(request["do"].get<std::string>())(request);

@@ -70,26 +70,15 @@ def ratio(text):
 
 
 def derived(compare, driver, stream):
+    """What the program does not tell of its files, or only rounded."""
     ours, theirs = driver("parse", data=stream.sets), stream.probe
-    for what, mine, reference in (
-            ("size", ours["size"], [theirs["width"], theirs["height"]]),
-            ("profile", ours["profile"], PROFILES[theirs["profile"]]),
-            ("level", ours["level"], theirs["level"]),
-            ("codecs", "avc1.%06x" % ours["profileLevel"], references.codecs(stream.folder))):
-        compare.same(stream.name, what, mine, reference)
-    aspect = ratio(theirs["sample_aspect_ratio"]) if "sample_aspect_ratio" in theirs else [0, 0]
-    compare.same(stream.name, "aspect", ours["aspect"], aspect)
     told = dict(references.elements(next(unit for kind, unit in stream.traced if kind.startswith("Seq"))))
+    rate = [0, 0]
     if told.get("timing_info_present_flag"):
-        exact = Fraction(told["time_scale"], 2 * told["num_units_in_tick"])
-        compare.same(stream.name, "rate", ours["rate"], [*exact.as_integer_ratio()])
-        compare.same(stream.name, "rate of ffprobe", ours["rate"], ratio(theirs["r_frame_rate"]))
-    else:
-        compare.same(stream.name, "rate", ours["rate"], [0, 0])
-    if told.get("bitstream_restriction_flag"):
-        compare.same(stream.name, "depth", [ours["depth"], ours["told"]], [theirs["has_b_frames"]] * 2)
-    else:
-        compare.same(stream.name, "depth", ours["told"], None)
+        rate = [*Fraction(told["time_scale"], 2 * told["num_units_in_tick"]).as_integer_ratio()]
+    compare.same(stream.name, "rate", ours["rate"], rate)
+    compare.same(stream.name, "depth", ours["told"],
+                 theirs["has_b_frames"] if told.get("bitstream_restriction_flag") else None)
     bitrate = 0
     if told.get("nal_hrd_parameters_present_flag"):
         bitrate = (told["bit_rate_value_minus1[0]"] + 1) << 6 + told["bit_rate_scale"]
