@@ -55,7 +55,7 @@ struct Stand<kind, entry> {
     static inline Result (*s_real)(Arguments...) = nullptr;
 };
 
-constexpr int kKinds = 9;
+constexpr int kKinds = 10;
 constexpr int kErrors[] = {EAGAIN, EINTR, ENOBUFS, ECONNRESET, EMFILE, ENOMEM, ECONNREFUSED, EPIPE, EINVAL};
 
 const bool s_installed = [] {
@@ -68,9 +68,10 @@ const bool s_installed = [] {
     Stand<3, &T::connectSocket>::install();
     Stand<4, &T::createSocket>::install();
     Stand<5, &T::setSocketOption>::install();
-    Stand<6, &T::pollSockets>::install();
+    Stand<6, &T::awaitWatchSet>::install();
     Stand<7, &T::selectSockets>::install();
     Stand<8, &T::peerName>::install();
+    Stand<9, &T::changeWatchSet>::install();
     return true;
 }();
 

@@ -7,6 +7,7 @@
 
 #include <netdb.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -66,6 +67,12 @@ struct SystemTable {
     int (*peerName)(int socket, sockaddr* address, socklen_t* size);
     int (*pollSockets)(pollfd* sockets, nfds_t count, int milliseconds);
     int (*selectSockets)(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
+    /// A set of descriptors that the system keeps (epoll): made, changed (EPOLL_CTL_ADD and so on), waited
+    /// for.
+    int (*createWatchSet)();
+    int (*changeWatchSet)(int set, int operation, int descriptor, epoll_event* event);
+    /// The number of events, at most `most`; 0 when none came in time; or -1.
+    int (*awaitWatchSet)(int set, epoll_event* events, int most, int milliseconds);
     /// A descriptor that poll() finds readable after 8 bytes (an integer above 0) were written to it, until
     /// they are read.
     int (*createWakeDescriptor)();

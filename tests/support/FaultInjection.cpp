@@ -50,6 +50,9 @@ constexpr Fault kFaults[kFaultKinds] = {
     {"SocketName", ENOTCONN},
     {"Poll", ENOMEM},
     {"Select", EBADF},
+    {"CreateWatch", EMFILE},
+    {"ChangeWatch", ENOSPC},
+    {"AwaitWatch", ENOMEM},
     {"WakeDescriptor", EMFILE},
     {"Resolve", EAI_AGAIN},
 };
@@ -170,6 +173,9 @@ const bool s_installed = [] {
     Stand<SocketName, &T::peerName>::install();
     Stand<Poll, &T::pollSockets>::install();
     Stand<Select, &T::selectSockets>::install();
+    Stand<CreateWatch, &T::createWatchSet>::install();
+    Stand<ChangeWatch, &T::changeWatchSet>::install();
+    Stand<AwaitWatch, &T::awaitWatchSet>::install();
     Stand<WakeDescriptor, &T::createWakeDescriptor>::install();
     Stand<Resolve, &T::resolveName>::install();
     return true;

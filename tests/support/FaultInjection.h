@@ -36,6 +36,9 @@ enum class FaultKind {
     SocketName,    // own and peer's
     Poll,
     Select,
+    CreateWatch,
+    ChangeWatch,
+    AwaitWatch,
     WakeDescriptor,
     Resolve,
 };

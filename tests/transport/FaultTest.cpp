@@ -26,7 +26,9 @@ const FaultCase kCases[] = {
      {EPIPE, ECONNRESET, ECONNREFUSED, EMSGSIZE, EPERM, ENETUNREACH, EAGAIN, EINTR, ENOBUFS, ENOMEM}},
     {FaultKind::SocketOption, {EPERM, ENOPROTOOPT, ENODEV, ENOBUFS}},
     {FaultKind::SocketName, {ENOTCONN, ENOBUFS}},
-    {FaultKind::Poll, {ENOMEM, EINTR, EINVAL}},
+    {FaultKind::CreateWatch, {EMFILE, ENOMEM}},
+    {FaultKind::ChangeWatch, {ENOMEM, ENOSPC}},
+    {FaultKind::AwaitWatch, {ENOMEM, EINTR, EINVAL}},
     {FaultKind::Select, {EBADF, EINTR, ENOMEM}},
     {FaultKind::WakeDescriptor, {EMFILE, ENOMEM}},
     {FaultKind::StartThread, {EAGAIN}},
@@ -41,7 +43,9 @@ constexpr int kPatience = 20;  // milliseconds, for what may never come; a hundr
 /// Whether the engine tries again, so that all goes as without the fault.
 bool isPassing(FaultKind kind, int error) {
     switch (kind) {
-        case FaultKind::Poll:
+        case FaultKind::CreateWatch:
+        case FaultKind::ChangeWatch:
+        case FaultKind::AwaitWatch:
         case FaultKind::Read:
         case FaultKind::Write:
             return true;
@@ -179,9 +183,9 @@ protected:
             receivedBefore = ledger->ReceivedBytes();
             bool reached;
             {
-                std::optional<FaultPlan> noPoll;  // then each socket is looked at by itself
+                std::optional<FaultPlan> noSet;  // then each socket is looked at by itself
                 if (kind == FaultKind::Select)
-                    noPoll.emplace(FaultKind::Poll, 1, FaultPlan::Span::FromThenOn);
+                    noSet.emplace(FaultKind::AwaitWatch, 1, FaultPlan::Span::FromThenOn);
                 plan.emplace(kind, nth, FaultPlan::Span::Once, error);
                 script();
                 if (patient || !plan->Reached()) {

@@ -202,7 +202,7 @@ TEST_F(SelectFailure, SocketsThatFailEndTheirClients) {
     }
     connect();
     {
-        const FaultPlan poll(FaultKind::Poll, 1, FaultPlan::Span::FromThenOn);
+        const FaultPlan noSet(FaultKind::AwaitWatch, 1, FaultPlan::Span::FromThenOn);
         const FaultPlan select(FaultKind::Select, 1, FaultPlan::Span::Once, EBADF);
         ASSERT_TRUE(recorder->Await("released 2"));
     }
@@ -214,20 +214,27 @@ TEST_F(SelectFailure, SocketsThatFailEndTheirClients) {
                   "SelectTransport::workerRoutine: client 3 exceptfds error: 0"});
 }
 
-// Without poll() every socket is looked at by itself.
-TEST_F(SelectFailure, PollThatFailsIsDoneWithout) {
+// Without a set of what is watched, or without a place in it, a socket is looked at by itself; a place is
+// asked for again.
+TEST_F(SelectFailure, SocketsAreServedUnwatched) {
+    using enum FaultKind;
     recorder->data = [&](NetClientContext* context, PacketBuffer* packet) {
         EXPECT_TRUE(engine->SendAsync(context->ClientId(), packet));
     };
-    start();
-    const int port = listen();
-    const FaultPlan poll(FaultKind::Poll, 1, FaultPlan::Span::FromThenOn);
-    PosixPeer peer = PosixPeer::Connect(port);
-    for (const char* text : {"one", "two", "three"}) {
-        ASSERT_TRUE(peer.Send(text));
-        EXPECT_EQ(peer.Receive(std::strlen(text)), text);
+    for (const auto& [kind, span] : {std::pair{CreateWatch, FaultPlan::Span::Once},
+                                     {ChangeWatch, FaultPlan::Span::Once},
+                                     {ChangeWatch, FaultPlan::Span::FromThenOn},
+                                     {AwaitWatch, FaultPlan::Span::FromThenOn}}) {
+        const FaultPlan plan(kind, 1, span);
+        start();
+        PosixPeer peer = PosixPeer::Connect(listen());
+        for (const char* text : {"one", "two", "three"}) {
+            ASSERT_TRUE(peer.Send(text));
+            EXPECT_EQ(peer.Receive(std::strlen(text)), text) << FaultName(kind);
+        }
+        EXPECT_TRUE(plan.Reached());
+        engine->Shutdown();
     }
-    EXPECT_TRUE(poll.Reached());
 }
 
 TEST_F(SelectFailure, ResolvesNamesToDottedAddresses) {

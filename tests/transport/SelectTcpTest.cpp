@@ -72,6 +72,7 @@ TEST_F(SelectTcp, ConnectedClientsCountFromOneAndEndQuietlyWhenAsked) {
               (Events{"connected 1", "connected 2", "connected 3", "disconnecting 1", "released 1"}));
     EXPECT_TRUE(
         log.Contains("DEBUG SelectTransport::DisconnectClientAsync: client 3 releasing notifications"));
+    EXPECT_TRUE(awaitLine("SelectTransport::disconnectClient: releasing context 3"));
     EXPECT_EQ(log.Count("SelectTransport::disconnectClient: releasing context"), 3);
     std::string text = "late";
     EXPECT_FALSE(send(1, text));

@@ -85,8 +85,9 @@ private:
     bool sendBlocked = false;       // until the socket is writable
     bool segmentsDatagrams = true;  // see DatagramBatch
     bool starved = false;           // no buffer was to be had
-    bool muted = false;             // left out of the coming poll
-    int pollIndex = -1;             // in its table
+    // With the turn: its place in its worker's set.
+    bool inSet = false;
+    bool watched = false;  // it is there, and for what it should be
 };
 
 }  // namespace Mivra::Transport

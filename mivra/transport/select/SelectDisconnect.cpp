@@ -65,6 +65,8 @@ SelectTransport::Turn SelectTransport::takeTurn(SelectClientContext& context, bo
 }
 
 void SelectTransport::tearDown(const ContextPointer& context, bool notify) {
+    // The handlers may take long, and its worker would be told of it all the time.
+    if (context->worker != nullptr) context->worker->Unwatch(*context);
     NetNotitications* const receiver = notify && !context->isListener ? context->notifications : nullptr;
     if (receiver != nullptr) {
         Notify(context->ClientId(), [&] { receiver->OnClientDisconnecting(context.get()); });

@@ -45,10 +45,7 @@ bool isDatagram(const SelectClientContext& context) {
 }  // namespace
 
 void SelectWorker::serve(const ContextPointer& context, unsigned readiness) {
-    if (!context->tryTurn()) {
-        mute(*context);  // somebody is disconnecting it
-        return;
-    }
+    if (!context->tryTurn()) return;  // somebody is about to disconnect it
     const SelectClientContext::TurnGuard turn(*context);
     if (!context->disconnecting) serveInTurn(context, readiness);
 }
@@ -70,7 +67,10 @@ void SelectWorker::serveInTurn(const ContextPointer& context, unsigned readiness
         if (context->isListener) {
             acceptFrom(*context);
         } else {
+            // What handlers queue for it is sent below: it need not be noted.
+            const bool noted = context->sendPosted.exchange(true);
             receiveFrom(context);
+            if (!noted) context->sendPosted.exchange(false);
         }
     }
     if (context->disconnecting || context->isListener) return;
@@ -78,8 +78,10 @@ void SelectWorker::serveInTurn(const ContextPointer& context, unsigned readiness
     if (!context->sendBlocked) send(context);
 }
 
+// When it alone is ready, to ask the set again costs less than an accept that finds nobody.
 void SelectWorker::acceptFrom(SelectClientContext& listener) {
-    for (int i = 0; i < kAccepts; ++i) {
+    const int most = readyCount == 1 ? 1 : kAccepts;
+    for (int i = 0; i < most; ++i) {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
         errno = 0;
@@ -125,7 +127,7 @@ void SelectWorker::acceptFailed(SelectClientContext& listener, int error) {
         LogLine(FileLog::Error, "SelectTransport::workerRoutine: listener %d accept error: %d", id, error);
     }
     if (!spare) spare.Reset(System().open("/dev/null", O_RDONLY, 0));
-    mute(listener);  // the connection may still wait, and poll() would return at once
+    mute(listener);  // the connection may still wait, and the set would tell of it at once
 }
 
 void SelectWorker::receiveFrom(const ContextPointer& context) {

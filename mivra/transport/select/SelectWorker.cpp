@@ -3,7 +3,6 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <climits>
 #include <exception>
 #include <utility>
 
@@ -23,7 +22,7 @@ using Platform::System;
 namespace {
 
 constexpr int kIdleMilliseconds = 10;
-constexpr std::size_t kManySockets = 16;
+constexpr std::uint32_t kNoClient = 0;  // the wake descriptor's id in the set
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 constinit thread_local SelectWorker* s_current = nullptr;
@@ -42,6 +41,12 @@ bool SelectWorker::Start() {
     wakeDescriptor.Reset(System().createWakeDescriptor());
     if (!wakeDescriptor) return false;
     spare.Reset(System().open("/dev/null", O_RDONLY, 0));
+    watchSet.Reset(System().createWatchSet());
+    epoll_event event{.events = EPOLLIN, .data = {.u64 = kNoClient}};
+    if (watchSet &&
+        System().changeWatchSet(watchSet.get(), EPOLL_CTL_ADD, wakeDescriptor.get(), &event) != 0) {
+        watchSet.Reset();
+    }
     thread.reset(System().startThread([this] { run(); }));
     return true;
 }
@@ -53,7 +58,7 @@ void SelectWorker::Join() {
         thread.reset();
     }
     orders.clear();
-    for (auto* list : {&toSend, &sending, &later, &table})
+    for (auto* list : {&toSend, &sending, &later})
         list->clear();
     std::map<std::uint32_t, ContextPointer> left;
     std::vector<ContextPointer> unsent;
@@ -88,14 +93,21 @@ void SelectWorker::PostSend(ContextPointer context) noexcept {
     Wake();
 }
 
-// Either this thread sees the worker in its poll(), or the worker sees before it that there is work.
+// Either this thread sees the worker waiting, or the worker sees before it waits that there is work.
 void SelectWorker::Wake() noexcept {
     hasWork = true;
-    if ((pollSequence.load() & 1) != 0 && !woken.exchange(true)) {
+    if (waiting.load() && !woken.exchange(true)) {
         const std::uint64_t one = 1;
         // A counter that is full wakes as well.
         static_cast<void>(System().write(wakeDescriptor.get(), &one, sizeof one));
     }
+}
+
+void SelectWorker::Unwatch(SelectClientContext& context) noexcept {
+    if (!context.inSet) return;
+    epoll_event event{};
+    System().changeWatchSet(watchSet.get(), EPOLL_CTL_DEL, context.Socket(), &event);
+    context.inSet = false;
 }
 
 void SelectWorker::Forget(const SelectClientContext& context) noexcept {
@@ -103,18 +115,8 @@ void SelectWorker::Forget(const SelectClientContext& context) noexcept {
         // The pointer must not be the last one, which its caller has.
         AutoLock guard(lock);
         clients.erase(context.ClientId());
-        ++version;
     }
     --clientCount;
-    if (s_current == this) return;
-    const std::uint32_t seen = pollSequence.load();
-    if ((seen & 1) == 0) return;
-    ++forgetters;
-    Wake();
-    while (pollSequence.load() == seen) {
-        System().waitWord(&pollSequence, seen, kNanosecondsPerMillisecond);
-    }
-    --forgetters;
 }
 
 void SelectWorker::run() noexcept {
@@ -137,15 +139,14 @@ void SelectWorker::run() noexcept {
 void SelectWorker::pass() {
     takeCommands();
     flushPosted();
-    refreshTable();
     flushUnposted();
-    const int ready = wait();
-    unmute();
-    if (ready > 0) {
-        serveReady(ready);
-    } else if (ready < 0) {
+    readyCount = wait();
+    if (readyCount < 0) {
         lookAtAll();
+        return;
     }
+    lookAtUnwatched();
+    serveReady();
 }
 
 void SelectWorker::takeCommands() {
@@ -185,11 +186,12 @@ void SelectWorker::adopt(const ContextPointer& context) {
     {
         AutoLock guard(lock);
         clients.emplace(context->ClientId(), context);
-        ++version;
     }
     NetNotitications* const receiver = context->notifications;
-    if (context->isListener || receiver == nullptr) return;
-    Notify(context->ClientId(), [&] { receiver->OnClientConnected(context.get()); });
+    if (!context->isListener && receiver != nullptr) {
+        Notify(context->ClientId(), [&] { receiver->OnClientConnected(context.get()); });
+    }
+    if (!context->disconnecting) watch(*context);
 }
 
 void SelectWorker::disconnect(const ContextPointer& context, Kind kind) {
@@ -209,7 +211,7 @@ void SelectWorker::flushPosted() {
 // After memory was short: a context that could not be noted stands as noted, and would never be again.
 void SelectWorker::flushUnposted() {
     if (!lookForSends.exchange(false)) return;
-    for (const ContextPointer& context : table) {
+    for (ContextPointer context = next(0); context != nullptr; context = next(context->ClientId())) {
         context->sendPosted = false;
         flush(context);
     }
@@ -225,112 +227,110 @@ void SelectWorker::flush(const ContextPointer& context) {
     if (!context->disconnecting) send(context);
 }
 
-void SelectWorker::refreshTable() {
-    if (version.load() == tableVersion) return;
-    std::vector<ContextPointer> former;
-    std::uint32_t current;
-    {
-        AutoLock guard(lock);
-        current = version;
-        former.swap(table);
-        table.reserve(clients.size());
-        for (const auto& [id, context] : clients)
-            table.push_back(context);
-    }
-    polled.resize(table.size() + 1);
-    polled[0] = {.fd = wakeDescriptor.get(), .events = POLLIN, .revents = 0};
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        SelectClientContext& context = *table[i];
-        context.pollIndex = static_cast<int>(i);
-        polled[i + 1].fd = context.muted ? -1 : context.Socket();
-        polled[i + 1].events = static_cast<short>(POLLIN | POLLPRI | (context.sendBlocked ? POLLOUT : 0));
-        polled[i + 1].revents = 0;
-    }
-    tableVersion = current;
-}
-
-/// Sockets that are ready; -1 when poll() fails.
+/// Events that came; -1 when there is no set, or it fails.
 int SelectWorker::wait() {
-    const bool idle = toSend.empty() && orders.empty();
-    // To wait for many sockets costs much more than to look at them, and there is mostly something.
-    const bool look = std::exchange(busy, false) && table.size() >= kManySockets;
-    ++pollSequence;
-    int ready = 0;
-    // A socket that has left the table meanwhile may be closed by now.
-    if (version.load() == tableVersion) {
-        const int milliseconds = idle && !hasWork.load() ? kIdleMilliseconds : 0;
-        if (look || milliseconds == 0) ready = pollTable(0);
-        if (ready == 0 && milliseconds != 0 && !hasWork.load()) ready = pollTable(milliseconds);
+    waiting = true;
+    const bool idle = toSend.empty() && orders.empty() && !lookSoon && !hasWork.load();
+    int ready = -1;
+    if (watchSet) {
+        ready = System().awaitWatchSet(watchSet.get(), events.data(), static_cast<int>(events.size()),
+                                       idle ? kIdleMilliseconds : 0);
+        if (ready < 0 && errno == EINTR) ready = 0;
     }
-    ++pollSequence;
-    if (forgetters.load() != 0) System().wakeWord(&pollSequence, INT_MAX);
+    waiting = false;
+    lookSoon = false;
     toSend.insert(toSend.end(), later.begin(), later.end());
     later.clear();
     return ready;
 }
 
-int SelectWorker::pollTable(int milliseconds) {
-    int ready = System().pollSockets(polled.data(), polled.size(), milliseconds);
-    if (ready < 0) return errno == EINTR ? 0 : -1;
-    if (ready > 0 && polled[0].revents != 0) {
-        std::uint64_t count;
-        static_cast<void>(System().read(wakeDescriptor.get(), &count, sizeof count));
-        woken = false;
-        --ready;
-    }
-    return ready;
-}
-
-void SelectWorker::unmute() {
-    if (!anyMuted) return;
-    anyMuted = false;
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        if (!std::exchange(table[i]->muted, false)) continue;
-        polled[i + 1].fd = table[i]->Socket();
-        polled[i + 1].revents = 0;
-    }
-}
-
-void SelectWorker::serveReady(int ready) {
-    for (std::size_t i = 0; ready > 0 && i < table.size(); ++i) {
-        const short events = polled[i + 1].revents;
-        if (events == 0) continue;
-        --ready;
+void SelectWorker::serveReady() {
+    for (int i = 0; i < readyCount; ++i) {
+        const epoll_event& event = events[static_cast<std::size_t>(i)];
+        if (event.data.u64 == kNoClient) {
+            std::uint64_t count;
+            static_cast<void>(System().read(wakeDescriptor.get(), &count, sizeof count));
+            woken = false;
+            continue;
+        }
         unsigned readiness = 0;
-        if ((events & (POLLPRI | POLLNVAL)) != 0) {
+        if ((event.events & EPOLLPRI) != 0) {
             readiness = SelectClientContext::Unknown;
         } else {
-            if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) readiness |= SelectClientContext::Readable;
-            if ((events & POLLOUT) != 0) readiness |= SelectClientContext::Writable;
+            if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+                readiness |= SelectClientContext::Readable;
+            }
+            if ((event.events & EPOLLOUT) != 0) readiness |= SelectClientContext::Writable;
         }
-        serve(table[i], readiness);
+        // It may have gone meanwhile; ids do not come again.
+        if (const ContextPointer context = find(static_cast<std::uint32_t>(event.data.u64))) {
+            serve(context, readiness);
+        }
     }
 }
 
-// Without poll(): every socket by itself, and a sleep when there was nothing.
+// Without the set: every socket by itself, and a sleep when there was nothing.
 void SelectWorker::lookAtAll() {
-    for (const ContextPointer& context : table)
+    busy = false;
+    for (ContextPointer context = next(0); context != nullptr; context = next(context->ClientId()))
         serve(context, SelectClientContext::Unknown);
     if (!busy && !hasWork) System().sleep(kIdleMilliseconds * kNanosecondsPerMillisecond);
 }
 
-pollfd* SelectWorker::entryOf(const SelectClientContext& context) noexcept {
-    const auto at = static_cast<std::size_t>(context.pollIndex);
-    return at < table.size() && table[at].get() == &context ? &polled[at + 1] : nullptr;
+// Those that the set did not take, and those that were to be left out of one wait.
+void SelectWorker::lookAtUnwatched() {
+    if (!std::exchange(anyUnwatched, false)) return;
+    busy = false;
+    for (ContextPointer context = next(0); context != nullptr; context = next(context->ClientId())) {
+        if (!context->tryTurn()) {
+            anyUnwatched = true;
+            continue;
+        }
+        const SelectClientContext::TurnGuard turn(*context);
+        if (!context->disconnecting && !context->watched && !watch(*context)) {
+            serveInTurn(context, SelectClientContext::Unknown);
+        }
+    }
+    lookSoon = busy;
+}
+
+SelectWorker::ContextPointer SelectWorker::find(std::uint32_t clientId) {
+    AutoLock guard(lock);
+    const auto found = clients.find(clientId);
+    return found == clients.end() ? nullptr : found->second;
+}
+
+SelectWorker::ContextPointer SelectWorker::next(std::uint32_t clientId) {
+    AutoLock guard(lock);
+    const auto found = clients.upper_bound(clientId);
+    return found == clients.end() ? nullptr : found->second;
+}
+
+/// Tells the set what to look for; false when it does not take the socket.
+bool SelectWorker::watch(SelectClientContext& context) noexcept {
+    epoll_event event{.events = EPOLLIN | EPOLLPRI | (context.sendBlocked ? unsigned{EPOLLOUT} : 0U),
+                      .data = {.u64 = context.ClientId()}};
+    context.watched =
+        watchSet && System().changeWatchSet(watchSet.get(), context.inSet ? EPOLL_CTL_MOD : EPOLL_CTL_ADD,
+                                            context.Socket(), &event) == 0;
+    if (context.watched) {
+        context.inSet = true;
+    } else {
+        anyUnwatched = true;
+    }
+    return context.watched;
 }
 
 void SelectWorker::block(SelectClientContext& context, bool blocked) noexcept {
     if (context.sendBlocked == blocked) return;
     context.sendBlocked = blocked;
-    if (pollfd* const entry = entryOf(context)) {
-        entry->events = static_cast<short>(POLLIN | POLLPRI | (blocked ? POLLOUT : 0));
-    }
+    if (context.inSet) watch(context);
 }
 
 void SelectWorker::mute(SelectClientContext& context) noexcept {
-    context.muted = true;
-    anyMuted = true;
-    if (pollfd* const entry = entryOf(context)) entry->fd = -1;
+    Unwatch(context);
+    context.watched = false;
+    anyUnwatched = true;
 }
 
 }  // namespace Mivra::Transport

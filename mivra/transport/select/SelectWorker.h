@@ -1,7 +1,8 @@
 #pragma once
 
-#include <poll.h>
+#include <sys/epoll.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -22,8 +23,9 @@ namespace Mivra::Transport {
 
 class SelectTransport;
 
-/// A thread of the select engine and the contexts that it serves: one poll() a pass over all their sockets
-/// and a descriptor that wakes it. Owned by the engine and, until they are gone, by its contexts.
+/// A thread of the select engine and the contexts that it serves: one wait a pass for a set, kept by the
+/// system, of their sockets and a descriptor that wakes it. A socket that the set does not take is looked at
+/// in every pass. Owned by the engine and, until they are gone, by its contexts.
 class SelectWorker {
 public:
     using ContextPointer = std::shared_ptr<SelectClientContext>;
@@ -53,7 +55,9 @@ public:
     void Wake() noexcept;
     /// A context is about to be its own.
     void Expect() noexcept { ++clientCount; }
-    /// Any thread: gives a context up. On return its socket is in no poll() any more.
+    /// Any thread, with the context's turn: its socket makes no events any more, and may be closed.
+    void Unwatch(SelectClientContext& context) noexcept;
+    /// Any thread: gives a context up.
     void Forget(const SelectClientContext& context) noexcept MIVRA_EXCLUDES(lock);
 
 private:
@@ -68,14 +72,15 @@ private:
     void obey(const Command& command);
     void adopt(const ContextPointer& context) MIVRA_EXCLUDES(lock);
     void disconnect(const ContextPointer& context, Kind kind);
-    void refreshTable() MIVRA_EXCLUDES(lock);
     void flushPosted();
     void flushUnposted();
     int wait();
-    int pollTable(int milliseconds);
-    void unmute();
-    void serveReady(int ready);
+    void serveReady();
     void lookAtAll();
+    void lookAtUnwatched();
+    ContextPointer find(std::uint32_t clientId) MIVRA_EXCLUDES(lock);
+    /// The one with the lowest id above the given one, or null. Walks over all without taking memory.
+    ContextPointer next(std::uint32_t clientId) MIVRA_EXCLUDES(lock);
 
     // One context, whose turn it has (SelectService.cpp).
     enum class Progress { Some, Blocked, Later, Failed };
@@ -94,14 +99,16 @@ private:
     static Progress sendStream(SelectClientContext& context, iovec* pieces, int count);
     static Progress sendDatagrams(SelectClientContext& context, iovec* pieces, int count);
     void sendAgain(const ContextPointer& context);
+    // Its place in the set.
+    bool watch(SelectClientContext& context) noexcept;
     void block(SelectClientContext& context, bool blocked) noexcept;
     void mute(SelectClientContext& context) noexcept;
-    pollfd* entryOf(const SelectClientContext& context) noexcept;
 
     SelectTransport& engine;
     const int index;
     std::unique_ptr<std::thread> thread;
     SocketGuard wakeDescriptor;
+    SocketGuard watchSet;  // none: every socket is looked at
     // Given up for a moment when a connection comes and there are no descriptors left, to refuse it.
     SocketGuard spare;
 
@@ -111,24 +118,22 @@ private:
     std::vector<ContextPointer> posted MIVRA_GUARDED_BY(lock);
     bool joined MIVRA_GUARDED_BY(lock) = false;
     std::atomic<int> clientCount{0};
-    std::atomic<std::uint32_t> version{1};       // of clients
-    std::atomic<std::uint32_t> pollSequence{0};  // odd: in poll()
-    std::atomic<bool> hasWork{false};            // in commands or posted, or lookForSends
-    std::atomic<bool> lookForSends{false};       // a context could not be noted in posted
-    std::atomic<int> forgetters{0};              // threads that wait for the end of a poll()
-    std::atomic<bool> woken{false};              // the wake descriptor has been written to
+    std::atomic<bool> waiting{false};       // for the set
+    std::atomic<bool> woken{false};         // the wake descriptor has been written to
+    std::atomic<bool> hasWork{false};       // in commands or posted, or lookForSends
+    std::atomic<bool> lookForSends{false};  // a context could not be noted in posted
 
     // The thread's own.
     std::vector<Command> orders;
     std::size_t nextOrder = 0;
     std::vector<ContextPointer> toSend;
     std::vector<ContextPointer> sending;
-    std::vector<ContextPointer> later;  // to be tried again after the next poll()
-    std::vector<ContextPointer> table;
-    std::vector<pollfd> polled;  // the wake descriptor, then as in table
-    std::uint32_t tableVersion = 0;
-    bool anyMuted = false;
-    bool busy = false;  // something came or went since the last poll()
+    std::vector<ContextPointer> later;  // to be tried again after the next wait
+    std::array<epoll_event, 64> events{};
+    int readyCount = 0;         // of events, in this pass
+    bool anyUnwatched = false;  // a context, perhaps
+    bool busy = false;          // something came or went since it was cleared
+    bool lookSoon = false;      // something did for a context that is not watched
 };
 
 }  // namespace Mivra::Transport
