@@ -84,6 +84,19 @@ class Namespaces(network.Case):
             self.ends(start(*words), 3, "nobody answers there")
             self.assertGreater(time.monotonic() - begin, 2.9)
 
+    def test_ctrl_c_ends_a_connect_at_once(self):
+        nobody, log = f"tcp://{NOWHERE}:9", ["--log", self.out("log"), "--log-level", "4"]
+        for words, code in [(("relay", FILM, nobody, *log), 0), (("relay", nobody, self.out("x.ts"), *log), 0),
+                            (("record", nobody, "-o", self.out("y.ts"), "--trigger", "after:0", *log), 0),
+                            (("probe", nobody), 3)]:
+            with self.subTest(words=words):
+                process = start(*words)
+                self.wait_until(":0009 02 ", f"/proc/{process.pid}/net/tcp")  # waits for an answer
+                process.send_signal(signal.SIGINT)
+                self.ends(process, code, *(["the wait for it was ended"] if code else []))
+        # What comes of a connect that has been waited for to its end.
+        self.assertNotIn("releasing context", self.out("log").read_text())
+
     def test_no_way_there_is_3_or_6(self):
         for net in range(4):  # 0: no route, 1 to 3: routes that refuse
             with self.subTest(net=net):

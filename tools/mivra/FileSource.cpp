@@ -55,7 +55,7 @@ void FileSource::Open() {
     try {
         openInput();
     } catch (const ProblemError& error) {
-        if (!stopping) {
+        if (!stopping && !shared->stop.IsRaised()) {  // else it was told to give up
             shared->monitor.Fail(error.code, error.problem);
         }
         throw GeneralException("%s", error.what());

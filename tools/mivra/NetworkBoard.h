@@ -13,6 +13,7 @@
 
 #include "mivra/common/runtime/CritSec.h"
 #include "mivra/network/NetworkStat.h"
+#include "tools/mivra/StopSignal.h"
 
 namespace Mivra::Tool {
 
@@ -60,20 +61,24 @@ private:
     std::atomic<std::uint64_t> lost{0};
 };
 
-/// What the ends of one relay in the network have to tell: their clients, and what happens to them. Any
-/// thread.
+/// What the ends of one relay in the network have to tell: their clients, and what happens to them; and what
+/// they are told: that it ends. Any thread.
 class NetworkBoard {
 public:
-    explicit NetworkBoard(std::function<void(const std::string&)> tell) : note(std::move(tell)) {}
+    /// The signal has to outlive the board.
+    NetworkBoard(std::function<void(const std::string&)> tell, const StopSignal& signal)
+        : note(std::move(tell)), stop(signal) {}
 
     void Add(const std::shared_ptr<const ClientTable>& table);
     /// A line for people.
     void Note(const std::string& text) const { note(text); }
+    bool IsEnding() const { return stop.IsRaised(); }
     /// Of all clients there are now.
     std::vector<ClientTable::Line> Clients() const;
 
 private:
     const std::function<void(const std::string&)> note;
+    const StopSignal& stop;
     mutable Common::CritSec lock;
     std::vector<std::weak_ptr<const ClientTable>> tables MIVRA_GUARDED_BY(lock);
 };

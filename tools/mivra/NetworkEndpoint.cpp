@@ -5,8 +5,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <system_error>
+#include <thread>
 
+#include "tools/mivra/Interrupt.h"
 #include "tools/mivra/ProblemError.h"
 
 namespace Mivra::Tool {
@@ -17,6 +20,7 @@ using Transport::NetClientContext;
 
 constexpr int kDatagramBuffer = 4 << 20;  // of the socket; the system gives what it allows
 constexpr std::chrono::seconds kAdoption{5};
+constexpr std::chrono::milliseconds kLook{50};
 
 std::string errorMessage(int number) {
     return std::generic_category().message(number);
@@ -66,17 +70,17 @@ private:
 };
 
 NetworkEndpoint::NetworkEndpoint(const NetworkAddress& where, Use what, INetworkHandler& to, int receiveBytes,
-                                 int receiveBuffers, NetworkBoard* board)
-    : address(where), use(what), handler(to), clients(std::make_shared<ClientTable>()) {
+                                 int receiveBuffers, NetworkBoard* on)
+    : address(where), use(what), handler(to), board(on), clients(std::make_shared<ClientTable>()) {
     events = Common::Reference<Events>(new Events(*this));
-    engine.SetAllocator(receiveBytes, receiveBuffers);
+    engine->SetAllocator(receiveBytes, receiveBuffers);
     if (board != nullptr) {
         board->Add(clients);
     }
 }
 
 NetworkEndpoint::~NetworkEndpoint() {
-    engine.Shutdown();
+    engine->Shutdown();
 }
 
 void NetworkEndpoint::fail(const std::string& why, const std::string& remedy) const {
@@ -84,16 +88,42 @@ void NetworkEndpoint::fail(const std::string& why, const std::string& remedy) co
     throw ProblemError(ExitCode::CannotOpen, {what + why, address.text, remedy});
 }
 
+bool NetworkEndpoint::IsOver() const {
+    return board != nullptr ? board->IsEnding() : Interrupt::IsRequested();
+}
+
+/// Has a thread do what may take long and cannot be broken off; when it is over before, it is left to itself,
+/// and so may touch nothing but its own.
+template <typename Task>
+auto NetworkEndpoint::await(Task task) const {
+    std::packaged_task<decltype(task())()> work(std::move(task));
+    auto outcome = work.get_future();
+    std::thread thread;
+    try {
+        thread = std::thread(std::move(work));
+    } catch (const std::system_error&) {
+        fail("no thread or memory for it", "are the limits of the system too low?");
+    }
+    while (outcome.wait_for(kLook) != std::future_status::ready) {
+        if (IsOver()) {
+            thread.detach();
+            fail("the wait for it was ended", use == Use::Read ? "nothing was read" : "nothing was written");
+        }
+    }
+    thread.join();
+    return outcome.get();
+}
+
 void NetworkEndpoint::Open() {
-    resolved = address.Resolve();
-    if (!engine.Start()) {
+    resolved = await([where = address] { return where.Resolve(); });
+    if (!engine->Start()) {
         fail("no thread or memory for it", "are the limits of the system too low?");
     }
     switch (address.kind) {
         case NetworkAddress::Kind::TcpListen: {
             char dotted[INET_ADDRSTRLEN] = "";
             ::inet_ntop(AF_INET, &resolved.sin_addr, dotted, sizeof(dotted));
-            if (!engine.Listen(dotted, address.port, events.get(), nullptr)) {
+            if (!engine->Listen(dotted, address.port, events.get(), nullptr)) {
                 fail("nobody may listen there", "is the port in use, or the address another machine's?");
             }
             return;
@@ -114,7 +144,7 @@ void NetworkEndpoint::connectTcp() {
     events->AddRef();
     parameters.protocol = IPPROTO_TCP;
     parameters.remoteAddress = resolved;
-    if (!engine.Connect(parameters)) {
+    if (!await([own = engine, parameters]() mutable { return own->Connect(parameters); })) {
         fail("nobody listens there", "start the other side first");
     }
 }
@@ -146,7 +176,7 @@ void NetworkEndpoint::openUdp() {
     if (group ? isJoinedByEngine() || use == Use::Write : use == Use::Write && !looksLikeGroup(resolved)) {
         parameters.remoteAddress = resolved;
     }
-    if (!engine.Connect(parameters)) {
+    if (!engine->Connect(parameters)) {
         fail(group ? "the group cannot be joined there" : "the address cannot be used",
              use == Use::Read ? "is the port in use, or the address another machine's?"
                               : "is the interface one of this machine's?");
@@ -170,7 +200,7 @@ void NetworkEndpoint::prepare(NetClientContext& context) {
 void NetworkEndpoint::prepareUdp(NetClientContext& context) {
     if (!address.IsGroup(resolved)) {
         if (use == Use::Write && looksLikeGroup(resolved)) {
-            engine.SetRemoteFilter(context.ClientId(), resolved);
+            engine->SetRemoteFilter(context.ClientId(), resolved);
         }
         return;
     }
@@ -205,7 +235,7 @@ void NetworkEndpoint::awaitConnected() {
 
 bool NetworkEndpoint::Send(unsigned client, PacketBuffer& packet) {
     clients->Queued(client, packet.ActualSize());
-    if (engine.SendAsync(client, &packet)) {
+    if (engine->SendAsync(client, &packet)) {
         return true;
     }
     clients->Refused(client);

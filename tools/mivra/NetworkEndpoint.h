@@ -45,14 +45,17 @@ public:
     NetworkEndpoint(const NetworkEndpoint&) = delete;
     NetworkEndpoint& operator=(const NetworkEndpoint&) = delete;
 
-    /// Listens, connects (for 3 s at most) or binds. ProblemError when that fails.
+    /// Listens, connects (for 3 s at most) or binds. ProblemError when that fails, or when it is over before
+    /// the name is resolved and the peer has answered.
     void Open();
+    /// Nothing is to be waited for any more: the relay ends, or without a board the program.
+    bool IsOver() const;
     /// Ends it before its time.
-    void Close() { engine.Shutdown(); }
+    void Close() { engine->Shutdown(); }
     /// Nobody else may connect.
-    void StopListen() { engine.StopListen(address.port); }
+    void StopListen() { engine->StopListen(address.port); }
     bool Send(unsigned client, Common::PacketBuffer& packet);
-    void Disconnect(unsigned client) { engine.DisconnectClientAsync(client, true); }
+    void Disconnect(unsigned client) { engine->DisconnectClientAsync(client, true); }
 
     const NetworkAddress& Address() const { return address; }
     ClientTable& Clients() { return *clients; }
@@ -61,6 +64,8 @@ private:
     class Events;
 
     [[noreturn]] void fail(const std::string& why, const std::string& remedy) const;
+    template <typename Task>
+    auto await(Task task) const;
     void connectTcp();
     void openUdp();
     void awaitConnected();
@@ -71,6 +76,7 @@ private:
     const NetworkAddress address;
     const Use use;
     INetworkHandler& handler;
+    NetworkBoard* const board;
     const std::shared_ptr<ClientTable> clients;
     sockaddr_in resolved{};
     std::mutex gate;
@@ -78,7 +84,8 @@ private:
     bool settled = false;  // under gate
     std::string problem;   // under gate
     Common::Reference<Events> events;
-    Transport::SelectTransport engine;
+    // A connect that is given up keeps it until it has its answer, for which nobody is there then.
+    std::shared_ptr<Transport::SelectTransport> engine = std::make_shared<Transport::SelectTransport>();
 };
 
 }  // namespace Mivra::Tool

@@ -5,7 +5,6 @@
 
 #include "mivra/common/MivraCommon.h"
 #include "mivra/common/runtime/FileLog.h"
-#include "tools/mivra/Interrupt.h"
 #include "tools/mivra/ProblemError.h"
 
 namespace Mivra::Tool {
@@ -107,7 +106,7 @@ int NetworkInput::awaitData() {
     const Clock::time_point begin = Clock::now();  // what waited in the socket meanwhile is no silence
     std::unique_lock hold(gate);
     while (arrived.empty() && !ended) {
-        if (interrupted || Interrupt::IsRequested()) {
+        if (interrupted || endpoint.IsOver()) {
             return AVERROR_EXIT;
         }
         if ((!listens || publisher != 0) && Clock::now() - std::max(begin, lastArrival) >= limit) {

@@ -94,7 +94,7 @@ std::vector<Problem> RelayMonitor::Damages() {
 }
 
 RelayShared::RelayShared(int sources, Console& console, std::int64_t budgetBytes)
-    : board([this](const std::string& text) { monitor.Note(text); }),
+    : board([this](const std::string& text) { monitor.Note(text); }, stop),
       budget(sources, budgetBytes),
       pace(sources, kLargestLead),
       monitor(sources, console) {}

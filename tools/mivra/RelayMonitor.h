@@ -79,11 +79,11 @@ private:
 struct RelayShared {
     RelayShared(int sources, Console& console, std::int64_t budgetBytes = PacketBudget::kDefaultBytes);
 
+    StopSignal stop;  ///< raised when the relay is to end: nobody waits any more for others that are stuck
     NetworkBoard board;
     PacketBudget budget;
     SourcePace pace;
     RelayMonitor monitor;
-    StopSignal stop;  ///< raised when the relay is to end: an output waits no more for a reader that is stuck
 };
 
 }  // namespace Mivra::Tool
