@@ -14,6 +14,7 @@
 #include "tools/mivra/RecordNames.h"
 #include "tools/mivra/SampleClock.h"
 #include "tools/mivra/SourcePace.h"
+#include "tools/mivra/TransportPacker.h"
 
 namespace Mivra::Tool {
 namespace {
@@ -251,6 +252,38 @@ TEST(SourcePace, NoSourceRunsFurtherAheadThanTheWindow) {
     stopping = true;
     stuck.Wake();
     waiting.join();
+}
+
+// Sound has an entry in each of its packets: a piece is cut at one only when somebody waits for it.
+TEST(TransportPacker, FillsPiecesUnlessAnEntryIsWanted) {
+    const auto packetOf = [](std::vector<std::uint8_t> bytes) {
+        bytes.resize(TransportPacker::kPacketBytes, 0xFF);
+        return bytes;
+    };
+    const auto pat = packetOf({0x47, 0x40, 0x00, 0x10, 0x00, 0x00, 0xB0, 0x0D, 0x00, 0x01, 0xC1, 0x00, 0x00,
+                               0x00, 0x01, 0xF0, 0x00});
+    const auto pmt = packetOf({0x47, 0x50, 0x00, 0x10, 0x00, 0x02, 0xB0, 0x12, 0x00, 0x01, 0xC1,
+                               0x00, 0x00, 0xE1, 0x00, 0xF0, 0x00, 0x0F, 0xE1, 0x00, 0xF0, 0x00});
+    const auto sound = packetOf({0x47, 0x41, 0x00, 0x30, 0x01, 0x40});
+    bool wanted = false;
+    std::vector<std::pair<int, bool>> pieces;
+    TransportPacker packer([&] { return wanted; },
+                           [&](Common::PacketBuffer& piece, bool entry) {
+                               pieces.emplace_back(piece.ActualSize() / TransportPacker::kPacketBytes, entry);
+                               wanted = wanted && !entry;
+                           });
+    const auto add = [&](const std::vector<std::uint8_t>& packet, int times) {
+        for (int i = 0; i < times; ++i)
+            EXPECT_TRUE(packer.Add(packet.data(), TransportPacker::kPacketBytes));
+    };
+    add(pat, 1);
+    add(pmt, 1);
+    add(sound, 13);
+    EXPECT_TRUE(packer.HasStarted());
+    wanted = true;
+    add(sound, 7);
+    EXPECT_FALSE(packer.HasStarted());
+    EXPECT_EQ(pieces, (std::vector<std::pair<int, bool>>{{7, false}, {7, false}, {1, false}, {7, true}}));
 }
 
 }  // namespace

@@ -84,6 +84,12 @@ int ClientTable::Sent(unsigned id) {
     return bytes;
 }
 
+bool ClientTable::IsAwaited() const {
+    AutoLock hold(lock);
+    return std::any_of(clients.begin(), clients.end(),
+                       [](const auto& one) { return !one.second.joined && !one.second.leaving; });
+}
+
 void ClientTable::Recipients(bool entry, std::vector<unsigned>& all, std::vector<unsigned>& joining) {
     all.clear();
     joining.clear();

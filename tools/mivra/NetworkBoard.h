@@ -43,6 +43,8 @@ public:
     void Refused(unsigned id);
     int Sent(unsigned id);
 
+    /// Somebody waits for an entry.
+    bool IsAwaited() const;
     /// Those that get what is sent now; at an entry those who wait join, and stand in `joining` too.
     void Recipients(bool entry, std::vector<unsigned>& all, std::vector<unsigned>& joining);
     std::int64_t QueuedBytes() const;

@@ -23,14 +23,17 @@ NetworkOutput::NetworkOutput(const NetworkAddress& address, const StopSignal& si
     : stop(signal),
       board(to),
       listens(address.kind == NetworkAddress::Kind::TcpListen),
-      packer(listens, [this](PacketBuffer& piece, bool entry) { send(piece, entry); }),
+      packer([this] { return listens && endpoint.Clients().IsAwaited(); },
+             [this](PacketBuffer& piece, bool entry) { send(piece, entry); }),
       endpoint(address, NetworkEndpoint::Use::Write, *this, kReceiveBytes, kReceiveBuffers, board),
       context(makeAvio(kAvioBuffer, true, this, nullptr, write, nullptr)) {
     context->min_packet_size = 0;
     endpoint.Open();
+    filler = std::thread([this] { sendWhatWaits(); });
 }
 
 NetworkOutput::~NetworkOutput() {
+    endFilling();
     endpoint.Close();
 }
 
@@ -60,10 +63,52 @@ void NetworkOutput::Gone(unsigned) {
 
 int NetworkOutput::write(void* self, std::uint8_t* data, int size) {
     auto& output = *static_cast<NetworkOutput*>(self);
-    if (output.writeError == 0 && !output.packer.Add(data, size) && output.writeError == 0) {
+    if (output.writeError == 0 && !output.pack(data, size) && output.writeError == 0) {
         output.writeError = ENOMEM;
     }
-    return output.writeError == 0 ? size : AVERROR(output.writeError);
+    return output.writeError == 0 ? size : AVERROR(output.writeError.load());
+}
+
+bool NetworkOutput::pack(const std::uint8_t* data, int size) {
+    const std::lock_guard hold(packing);
+    const bool waited = packer.HasStarted();
+    const std::uint64_t before = packer.PiecesEmitted();
+    if (!packer.Add(data, size)) {
+        return false;
+    }
+    if (packer.HasStarted() && (!waited || packer.PiecesEmitted() != before)) {
+        begun = Clock::now();
+        if (idle) {
+            packingChanged.notify_one();
+        }
+    }
+    return true;
+}
+
+/// On the filler's thread.
+void NetworkOutput::sendWhatWaits() {
+    std::unique_lock hold(packing);
+    while (!fillingEnds) {
+        idle = !packer.HasStarted();
+        if (idle) {
+            packingChanged.wait(hold);
+        } else if (Clock::now() - begun >= kLongestFill) {
+            packer.Finish();
+        } else {
+            packingChanged.wait_until(hold, begun + kLongestFill);
+        }
+    }
+}
+
+void NetworkOutput::endFilling() {
+    {
+        const std::lock_guard hold(packing);
+        fillingEnds = true;
+    }
+    packingChanged.notify_one();
+    if (filler.joinable()) {
+        filler.join();
+    }
 }
 
 void NetworkOutput::send(PacketBuffer& piece, bool entry) {
@@ -168,6 +213,7 @@ void NetworkOutput::Close() {
         return;
     }
     closed = true;
+    endFilling();
     packer.Finish();
     const bool all = drain();
     if (writeError == 0 && !listens && (!all || isLost())) {

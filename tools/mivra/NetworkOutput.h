@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "tools/mivra/MediaIo.h"
@@ -13,9 +15,13 @@ namespace Mivra::Tool {
 /// everything goes, and a peer that takes nothing holds the writer back, as the reader of a pipe does; one
 /// that goes away is a write error. Of a listening output everybody who connects is a client: it gets the
 /// tables and then all from the next key frame on, the same packets as all others; who does not keep up, so
-/// that his queue is full, is disconnected, and nobody waits for anybody.
+/// that his queue is full, is disconnected, and nobody waits for anybody. A datagram waits to be filled for
+/// kLongestFill after its first byte, then it goes as it is.
 class NetworkOutput : public IMediaOutput, private INetworkHandler {
 public:
+    /// What 64 kbit/s, sound of the lowest usual rate, fill a datagram in, with some room.
+    static constexpr std::chrono::milliseconds kLongestFill{200};
+
     /// ProblemError when it cannot be opened. The signal, which has to outlive this object, ends the wait for
     /// a peer that takes nothing.
     NetworkOutput(const NetworkAddress& address, const StopSignal& stop, NetworkBoard* board);
@@ -25,9 +31,9 @@ public:
     void Discard() override {}
     AVIOContext* Context() override { return context.get(); }
     bool IsRegular() const override { return false; }
-    int WriteError() const override { return writeError; }
-    std::uint64_t PiecesSent() const override { return handed; }
-    std::uint64_t PiecesWritten() const override { return listens ? handed : taken.load(); }
+    int WriteError() const override { return writeError.load(); }
+    std::uint64_t PiecesSent() const override { return handed.load(); }
+    std::uint64_t PiecesWritten() const override { return listens ? handed.load() : taken.load(); }
     /// Waits until all queues are empty, as long as somebody takes something, 10 s at most; then ends all
     /// connections.
     void Close() override;
@@ -40,6 +46,9 @@ private:
     void Gone(unsigned client) override;
 
     static int write(void* self, std::uint8_t* data, int size);
+    bool pack(const std::uint8_t* data, int size);
+    void sendWhatWaits();
+    void endFilling();
     void send(Common::PacketBuffer& piece, bool entry);
     void sendToPeer(Common::PacketBuffer& piece);
     bool awaitRoom(int bytes);
@@ -52,8 +61,8 @@ private:
     const StopSignal& stop;
     NetworkBoard* const board;
     const bool listens;
-    int writeError = 0;
-    std::uint64_t handed = 0;
+    std::atomic<int> writeError{0};
+    std::atomic<std::uint64_t> handed{0};
     std::atomic<std::uint64_t> taken{0};
     std::mutex gate;
     std::condition_variable gateChanged;
@@ -62,13 +71,20 @@ private:
     std::int64_t waiting = 0;  // bytes that the peer has not taken
     bool lost = false;         // the peer
     std::uint64_t progress = 0;
-    // The writer's own.
-    bool closed = false;
+    bool closed = false;  // the writer's own
+    // Held while something is packed and sent; no callback of the endpoint takes it.
+    std::mutex packing;
+    std::condition_variable packingChanged;
+    // Under packing:
+    bool fillingEnds = false;
+    bool idle = false;        // the filler waits for a piece to begin
+    Clock::time_point begun;  // the piece that waits
     std::vector<unsigned> recipients;
     std::vector<unsigned> joining;
     TransportPacker packer;
     NetworkEndpoint endpoint;  // its thread ends before what it calls goes
     AvioPointer context;
+    std::thread filler;
 };
 
 }  // namespace Mivra::Tool

@@ -11,6 +11,8 @@
 #include <memory>
 #include <optional>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/media/MediaSession.h"
@@ -118,8 +120,23 @@ private:
             attempt([&] { source->Stop(); });
         }
         attempt([&] { session.Stop(); });
+        stopSinks();
+    }
+
+    // All at once: one may wait long for a peer that takes little.
+    void stopSinks() {
+        std::vector<std::thread> threads;
+        threads.reserve(sinks.size());
         for (const auto& sink : sinks) {
-            attempt([&] { sink->Stop(); });
+            const auto stopIt = [&sink] { attempt([&] { sink->Stop(); }); };
+            try {
+                threads.emplace_back(stopIt);
+            } catch (const std::system_error&) {
+                stopIt();
+            }
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
         }
     }
 

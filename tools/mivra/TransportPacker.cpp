@@ -56,8 +56,8 @@ int sectionIn(const std::uint8_t* packet, int payload, const std::uint8_t*& sect
 
 }  // namespace
 
-TransportPacker::TransportPacker(bool cutAtEntries, Sink to)
-    : cuts(cutAtEntries), sink(std::move(to)), pool(kPieceBytes, kPoolPieces, true, kPoolGrowth) {}
+TransportPacker::TransportPacker(std::function<bool()> wanted, Sink to)
+    : wantsEntry(std::move(wanted)), sink(std::move(to)), pool(kPieceBytes, kPoolPieces, true, kPoolGrowth) {}
 
 bool TransportPacker::begin() {
     piece = Packet::Adopt(pool.LockBuffer(true));
@@ -73,6 +73,7 @@ void TransportPacker::emit() {
     const Packet done = std::move(piece);
     piece = Packet();
     if (done && done->ActualSize() > 0) {
+        emitted += 1;
         sink(*done.get(), pieceIsEntry);
     }
 }
@@ -122,7 +123,8 @@ bool TransportPacker::look() {
         }
         return true;
     }
-    if (!cuts || leadPid == 0 || head.pid != leadPid || !head.begins || !head.randomAccess) {
+    if (pieceIsEntry || leadPid == 0 || head.pid != leadPid || !head.begins || !head.randomAccess ||
+        !wantsEntry()) {
         return true;
     }
     if (at > 0) {
