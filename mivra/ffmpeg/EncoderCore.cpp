@@ -149,17 +149,24 @@ bool EncoderCore::adaptTo(const MediaType& type) {
     return true;
 }
 
+bool EncoderCore::makeRoom() {
+    if (!input->HasRoom()) {
+        pump();
+    }
+    return input->HasRoom();
+}
+
 bool EncoderCore::Write(PacketBuffer& raw) {
     if (draining) {
         return false;
     }
-    if (!input->HasRoom()) {
-        pump();
-        if (!input->HasRoom()) {
-            return false;
-        }
+    if (!makeRoom()) {
+        return false;
     }
-    if (raw.NewMediaType() != nullptr && !adaptTo(*raw.NewMediaType())) {
+    if (raw.NewMediaType() != nullptr) {
+        isRefused = !adaptTo(*raw.NewMediaType());
+    }
+    if (isRefused || !makeRoom()) {  // what was held back of the old form goes first
         return false;
     }
     const std::string problem = input->Take(raw);

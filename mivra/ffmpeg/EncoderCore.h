@@ -36,6 +36,7 @@ private:
     std::string use(const AVCodec& codec, const EncoderCandidate* candidate);
     std::string makeInput(const AVCodecContext& opened);
     bool adaptTo(const Common::MediaType& type);
+    bool makeRoom();
     Sent send(AVFrame* sent);
     bool pump();
     bool fallBack(int error);
@@ -55,6 +56,7 @@ private:
     bool frameWaits = false;  // in `frame`, for the encoder to have room
     PacketPointer packet;
     bool packetWaits = false;  // in `packet`, for a buffer
+    bool isRefused = false;    // what comes is of a type that cannot be taken
     bool draining = false;
     bool drained = false;  // the encoder knows that nothing more comes
     std::int64_t accepted = 0;

@@ -100,19 +100,37 @@ void PictureTimes::Stamp(const AVPacket& packet, Common::PacketBuffer& out) {
 SampleTimes::SampleTimes(AVRational from_, AVRational to_, int inputRate_, int outputRate_)
     : from(from_), to(to_), inputRate(inputRate_), outputRate(outputRate_) {}
 
+std::int64_t SampleTimes::timeAt(const Record& record, std::int64_t inputPosition) const {
+    return record.time + FfmpegProxy::av_rescale_q(inputPosition - record.position, {1, record.rate}, from);
+}
+
+void SampleTimes::SetInputRate(int rate) {
+    if (rate == inputRate) {
+        return;
+    }
+    const std::int64_t begin = origin + FfmpegProxy::av_rescale_q(position, {1, inputRate}, {1, outputRate});
+    if (!records.empty()) {
+        const Record& last = records.back();
+        records.push({0, timeAt(last, position), last.streamIndex, false, rate, begin});
+    }
+    origin = begin;
+    position = 0;
+    inputRate = rate;
+}
+
 void SampleTimes::Push(Common::PacketBuffer& buffer, int samples) {
-    const std::int64_t begin = position;
+    Record next{position, buffer.Pts(), buffer.StreamIndex(), buffer.Discontinuity(), inputRate, origin};
     const bool timed = isTime(buffer.Pts());
     if (records.empty()) {
-        records.push({begin, timed ? buffer.Pts() : 0, buffer.StreamIndex(), buffer.Discontinuity()});
+        next.time = timed ? next.time : 0;
+        records.push(next);
     } else {
         const Record& last = records.back();
-        const std::int64_t expected =
-            last.time + FfmpegProxy::av_rescale_q(begin - last.position, {1, inputRate}, from);
+        const std::int64_t expected = timeAt(last, position);
         const bool goesOn = !timed || buffer.Pts() == expected;
-        if (!goesOn || buffer.Discontinuity() || buffer.StreamIndex() != last.streamIndex) {
-            records.push(
-                {begin, timed ? buffer.Pts() : expected, buffer.StreamIndex(), buffer.Discontinuity()});
+        if (!goesOn || next.discontinuity || next.streamIndex != last.streamIndex) {
+            next.time = timed ? next.time : expected;
+            records.push(next);
         }
     }
     position += samples;
@@ -120,18 +138,18 @@ void SampleTimes::Push(Common::PacketBuffer& buffer, int samples) {
 
 bool SampleTimes::isAt(const Record& record, std::int64_t outputPosition) const {
     __extension__ using Wide = __int128;
-    return Wide{record.position} * outputRate <= Wide{outputPosition} * inputRate;
+    return Wide{record.position} * outputRate <= Wide{outputPosition - record.origin} * record.rate;
 }
 
 std::int64_t SampleTimes::extrapolate(const Record& record, std::int64_t outputPosition) const {
     __extension__ using Wide = __int128;
-    if (inputRate == outputRate) {
-        return record.time +
-               FfmpegProxy::av_rescale_q(outputPosition - record.position, {1, outputRate}, from);
+    if (record.rate == outputRate) {
+        return timeAt(record, outputPosition - record.origin);
     }
-    // Rounded once: the distance is a whole number of 1 / (inputRate * outputRate) seconds.
-    const Wide distance = Wide{outputPosition} * inputRate - Wide{record.position} * outputRate;
-    const Wide second = Wide{inputRate} * outputRate * from.num;
+    // Rounded once: the distance is a whole number of 1 / (rate * outputRate) seconds.
+    const Wide distance =
+        Wide{outputPosition - record.origin} * record.rate - Wide{record.position} * outputRate;
+    const Wide second = Wide{record.rate} * outputRate * from.num;
     const Wide scaled = distance * from.den;
     const Wide half = scaled < 0 ? -(second / 2) : second / 2;
     return record.time + static_cast<std::int64_t>((scaled + half) / second);

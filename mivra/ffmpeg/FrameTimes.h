@@ -107,8 +107,11 @@ public:
     /// Time bases as above; samples a second of the buffers and of the packets.
     SampleTimes(AVRational from, AVRational to, int inputRate, int outputRate);
 
-    /// Makes room for the next Push, which then throws nothing. std::bad_alloc changes nothing.
+    /// Makes room for the next Push or SetInputRate, which then throws nothing. std::bad_alloc changes
+    /// nothing.
     void Reserve() { records.reserve(); }
+    /// Buffers come with another rate from here on.
+    void SetInputRate(int rate);
     /// A buffer of so many samples a channel. Without a time, or with the one that follows from its
     /// predecessor, rounded to nearest, the count goes on without a seam.
     void Push(Common::PacketBuffer& buffer, int samples);
@@ -116,21 +119,25 @@ public:
 
 private:
     struct Record {
-        std::int64_t position;  // in samples of the input
+        std::int64_t position;  // in samples of the input since its rate is this one
         std::int64_t time;
         int streamIndex;
         bool discontinuity;
+        int rate;             // of the input
+        std::int64_t origin;  // position 0, in samples of the output
     };
 
+    std::int64_t timeAt(const Record& record, std::int64_t inputPosition) const;
     /// The time so many samples of the output behind the record's.
     std::int64_t extrapolate(const Record& record, std::int64_t outputPosition) const;
     bool isAt(const Record& record, std::int64_t outputPosition) const;
 
     const AVRational from;
     const AVRational to;
-    const int inputRate;
+    int inputRate;
     const int outputRate;
-    std::int64_t position = 0;  // behind the last buffer
+    std::int64_t position = 0;  // behind the last buffer, as in a record
+    std::int64_t origin = 0;
     RecordQueue<Record> records;
 };
 

@@ -52,6 +52,14 @@ struct Samples {
     }
 };
 
+bool makeResampler(const SampleForm& from, const SampleForm& to, ResamplerPointer& made) {
+    SwrContext* resampler = nullptr;
+    const int error = FfmpegProxy::swr_alloc_set_opts2(&resampler, &to.layout, to.format, to.rate,
+                                                       &from.layout, from.format, from.rate, 0, nullptr);
+    made.reset(resampler);
+    return error >= 0 && FfmpegProxy::swr_init(resampler) >= 0;
+}
+
 class SampleInput : public EncoderInput {
 public:
     SampleInput(AVRational from, AVRational to, int inputRate, int outputRate)
@@ -100,27 +108,22 @@ std::string SampleInput::Configure(const MediaType& type, const AVCodecContext& 
     if (from.layout.nb_channels > kMostChannels || to.PlaneCount() > AV_NUM_DATA_POINTERS) {
         return "too many channels";
     }
-    if (taken.format != AV_SAMPLE_FMT_NONE && from.rate != given.rate) {
-        return "the sample rate changes in the middle of the stream";
-    }
     if (from == given && to == taken) {
         return {};  // the resampler keeps what it holds
     }
+    ResamplerPointer made;
+    if (!(from == to) && !makeResampler(from, to, made)) {
+        return "the samples cannot be converted";
+    }
+    times.Reserve();
+    if (resampler != nullptr && to == taken) {
+        convert(nullptr, 0);  // what it holds back goes in front
+    }
+    times.SetInputRate(from.rate);
     given = from;
     taken = to;
     frameSize = std::max(encoder.frame_size, 0);
-    resampler.reset();
-    if (given == taken) {
-        return {};
-    }
-    SwrContext* made = nullptr;
-    const int error = FfmpegProxy::swr_alloc_set_opts2(&made, &taken.layout, taken.format, taken.rate,
-                                                       &given.layout, given.format, given.rate, 0, nullptr);
-    resampler.reset(made);
-    if (error < 0 || FfmpegProxy::swr_init(made) < 0) {
-        resampler.reset();
-        return "the samples cannot be converted";
-    }
+    resampler = std::move(made);
     return {};
 }
 

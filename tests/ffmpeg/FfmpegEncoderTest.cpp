@@ -3,6 +3,8 @@
 #include "mivra/ffmpeg/FfmpegEncoder.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -206,6 +208,32 @@ TEST_F(FfmpegEncoderTest, SamplesOfAnotherRateAreConvertedAndKeepTheirTimes) {
     EXPECT_EQ(samples, 48000);
     EXPECT_EQ(encoder->GetOutputMediaType()->Bitrate(), 768000);
     EXPECT_FALSE(encoder->GetOutputMediaType()->Compressed());
+
+    // A rate that changes on the way: the tone goes on, in time.
+    const MediaType other = audioInput(SampleFormat_t::FLT, 32000, 2);
+    Frames changing = tones(input, 22050, 441);
+    for (int from = 16000; from < 32000; from += 320) {
+        changing.push_back(tone(other, from, 320));
+    }
+    changing[50]->NewMediaType() = new MediaType(other);
+    const Frames changed = encode(*make(input, output), changing);
+    std::int64_t position = 0;
+    for (const Frame& packet : changed) {
+        const std::int64_t time = FfmpegProxy::av_rescale_q(position, {1, 48000}, FFmpeg::kEngineTimeBase);
+        EXPECT_LE(std::abs(packet->Pts() - time), 1);
+        position += packet->ActualSize() / 2;
+    }
+    const std::string got = bytesOf(changed);
+    const std::string expected = bytesOf(packets);
+    ASSERT_EQ(got.size(), expected.size());
+    for (int at = 0; at < 48000; ++at) {
+        std::int16_t mine = 0;
+        std::int16_t theirs = 0;
+        std::memcpy(&mine, &got[static_cast<std::size_t>(2 * at)], sizeof(mine));
+        std::memcpy(&theirs, &expected[static_cast<std::size_t>(2 * at)], sizeof(theirs));
+        const bool atSeam = std::abs(at - 24000) < 100 || at > 47900;
+        ASSERT_LE(std::abs(mine - theirs), atSeam ? 8000 : 100) << at;
+    }
 }
 
 TEST_F(FfmpegEncoderTest, LosslessCodecsGiveBackWhatWentIn) {

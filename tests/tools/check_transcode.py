@@ -96,6 +96,8 @@ class Transcode(Case):
                 if video:
                     self.assertEqual(int(found["video"]["nb_read_frames"]), 125)
 
+        self.make("c.mp4", "--preset", "ultrafast", source=INPUTS / "changes.flv")  # another size and rate half-way
+
     def test_times_are_kept(self):
         for source in [FILM, INPUTS / "uneven.mp4", INPUTS / "plain.mp4"]:
             with self.subTest(source=source.name):
