@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
 #include <random>
+#include <string_view>
 
 #include "mivra/ffmpeg/FfmpegObjects.h"
 #include "tests/ffmpeg/CodedStream.h"
@@ -41,6 +43,7 @@ const Case kCases[] = {
     {"H264Ts", kVideo, "ts", "-c:v libx264 -bf 2 -g 12"},
     {"H264Interlaced", kVideo, "mp4", "-c:v libx264 -flags +ilme+ildct -x264opts tff=1 -bf 2 -g 12"},
     {"H264TenBit", kVideo, "mp4", "-pix_fmt yuv420p10le -c:v libx264 -bf 2"},
+    {"H264TenBit422", kVideo, "mp4", "-pix_fmt yuv422p10le -c:v libx264 -bf 2"},
     {"H264Chroma422", kVideo, "mkv", "-pix_fmt yuv422p -c:v libx264 -bf 2"},
     {"H264Cropped", kVideo, "mp4", "-vf scale=134:90 -c:v libx264 -bf 2"},
     {"H265", kVideo, "mp4", "-c:v libx265 -x265-params log-level=error -g 12"},
@@ -50,6 +53,7 @@ const Case kCases[] = {
     {"MPEG2Interlaced", kVideo, "mpg", "-c:v mpeg2video -flags +ilme+ildct -bf 2 -g 9"},
     {"MPEG4", kVideo, "mp4", "-c:v mpeg4 -bf 2 -g 9"},
     {"H263", kVideo, "3gp", "-vf scale=176:144 -c:v h263"},
+    {"WMV1", kVideo, "asf", "-c:v wmv1"},
     {"WMV2", kVideo, "asf", "-c:v wmv2"},
     {"MJPEG", kVideo, "avi", "-c:v mjpeg"},
     {"VP8", kVideo, "mkv", "-c:v libvpx -auto-alt-ref 1 -lag-in-frames 8 -g 12 -deadline realtime"},
@@ -58,6 +62,7 @@ const Case kCases[] = {
     {"Uncompressed", kVideo, "avi", "-pix_fmt bgr24 -c:v rawvideo"},
     {"AAC", kAudio, "mp4", "-c:a aac", "-c:a pcm_f32le"},
     {"AACAdts", kAudio, "aac", "-c:a aac", "-c:a pcm_f32le"},
+    {"AACLatm", kAudio, "latm", "-c:a aac", "-c:a pcm_f32le"},
     {"MP2", kAudio, "mp2", "-c:a mp2", "-c:a pcm_s16le"},
     {"MP3", kAudio, "mp3", "-c:a libmp3lame", "-c:a pcm_f32le"},
     {"AC3", kAudio, "ac3", "-c:a ac3", "-c:a pcm_f32le"},
@@ -69,7 +74,8 @@ const Case kCases[] = {
     {"WavPack", kAudio, "mkv", "-sample_fmt s16p -c:a wavpack", "-c:a pcm_s16le"},
     {"TTA", kAudio, "mkv", "-sample_fmt s16 -c:a tta", "-c:a pcm_s16le"},
     {"Vorbis", kAudio, "mkv", "-c:a libvorbis", "-c:a pcm_f32le"},
-    {"WMA", kAudio, "asf", "-c:a wmav2", "-c:a pcm_f32le"},
+    {"WMA1", kAudio, "asf", "-c:a wmav1", "-c:a pcm_f32le"},
+    {"WMA2", kAudio, "asf", "-c:a wmav2", "-c:a pcm_f32le"},
     {"PCM", kAudio, "wav", "-c:a pcm_s16le", "-c:a pcm_s16le"},
     {"PCM24", kAudio, "mkv", "-c:a pcm_s24le", "-c:a pcm_s32le"},
     {"G711U", kAudio, "wav", "-ar 8000 -ac 1 -c:a pcm_mulaw", "-c:a pcm_s16le"},
@@ -78,8 +84,44 @@ const Case kCases[] = {
     {"G726", kAudio, "wav", "-ar 8000 -ac 1 -c:a g726 -b:a 32k", "-c:a pcm_s16le"},
     {"G7231", kAudio, "mkv", "-ar 8000 -ac 1 -c:a g723_1 -b:a 6300", "-c:a pcm_s16le"},
     {"GSM", kAudio, "mkv", "-ar 8000 -ac 1 -c:a libgsm_ms", "-c:a pcm_s16le"},
+    {"GSMRaw", kAudio, "gsm", "-ar 8000 -ac 1 -c:a libgsm", "-c:a pcm_s16le"},
     {"RealAudio", kAudio, "rm", "-ar 8000 -ac 1 -c:a real_144", "-c:a pcm_s16le"},
+    {"AMRNB", kAudio, "amr", "", "-c:a pcm_f32le"},
+    {"AMRWB", kAudio, "awb", "", "-c:a pcm_f32le"},
+    {"G729", kAudio, "g729", "", "-c:a pcm_s16le"},
+    {"MP1", kAudio, "mp2", "", "-c:a pcm_s16le"},
 };
+
+/// Codecs that FFmpeg decodes and does not encode: files of noise, which is speech of a kind to them.
+struct Noise {
+    const char* name;
+    std::string_view head;   // of the file
+    std::string_view frame;  // its first bytes
+    std::size_t size;        // of a frame
+};
+constexpr Noise kNoise[] = {{"AMRNB", "#!AMR\n", "\x3c", 32},
+                            {"AMRWB", "#!AMR-WB\n", "\x44", 61},
+                            {"G729", "", "", 10},
+                            {"MP1", "", "\xff\xff\xc4\x04", 384}};
+
+/// False when the codec is none of these.
+bool writeNoise(const char* name, const std::string& path) {
+    for (const Noise& noise : kNoise) {
+        if (noise.name == std::string_view(name)) {
+            std::mt19937 random(1);
+            std::ofstream file(path, std::ios::binary);
+            file << noise.head;
+            for (int i = 0; i < 50; ++i) {
+                file << noise.frame;
+                for (std::size_t at = noise.frame.size(); at < noise.size; ++at) {
+                    file << static_cast<char>(random() % 255);  // no byte of a sync word
+                }
+            }
+            return true;
+        }
+    }
+    return false;
+}
 
 class FfmpegDecoderTest : public testing::TestWithParam<Case> {
 protected:
@@ -87,6 +129,9 @@ protected:
 
     std::string makeFile(const Case& test) const {
         const std::string path = folder / (std::string("coded.") + test.file);
+        if (writeNoise(test.name, path)) {
+            return path;
+        }
         Mivra::Test::RunFfmpeg((test.content == kVideo ? kPictures : kTones) + std::string(test.arguments) +
                                " " + path);
         return path;
