@@ -13,6 +13,7 @@
 #include "mivra/common/runtime/Reference.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/PrivateData.h"
 
 namespace Mivra::Codecs::AAC {
 namespace {
@@ -21,22 +22,14 @@ using Common::GeneralException;
 using Common::MediaType;
 using Common::PacketBuffer;
 using Media::MediaGlobal;
+using Test::PrivateDataOf;
+using Test::SetPrivateData;
+using namespace std::string_literals;
 using Packet = Common::Reference<PacketBuffer>;
 
 constexpr int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
                           16000, 12000, 11025, 8000,  7350,  0,     0,     0};
 constexpr int kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0};
-
-void setPrivateData(MediaType& type, const std::string& bytes) {
-    std::free(type.CodecPrivateData());
-    type.CodecPrivateData() = static_cast<char*>(std::malloc(bytes.size() + 1));
-    std::memcpy(type.CodecPrivateData(), bytes.data(), bytes.size());
-    type.CodecPrivateDataSize() = static_cast<int>(bytes.size());
-}
-
-std::string privateDataOf(const MediaType& type) {
-    return std::string(type.CodecPrivateData(), static_cast<std::size_t>(type.CodecPrivateDataSize()));
-}
 
 std::string bytes(unsigned long long value, int count) {
     std::string text;
@@ -74,7 +67,7 @@ TEST(AacConfiguration, EveryTwoBytesAreReadAndWrittenAlike) {
         ConfigurationParser::GenerateCodecPrivateData(&type);
         const unsigned profile = word >> 11 == 0 ? 2 : word >> 11;  // LC where none is told
         const unsigned written = profile << 11 | (kRates[rate] == 0 ? 0 : rate) << 7 | configuration << 3;
-        ASSERT_EQ(privateDataOf(type), bytes(written, 2)) << word;
+        ASSERT_EQ(PrivateDataOf(type), bytes(written, 2)) << word;
     }
 }
 
@@ -113,9 +106,7 @@ TEST(AacConfiguration, FieldsBecomeConfigurationAndHeader) {
              Case{"\x02\x10", 48000, 6, 0, 0x11B0, 0xFFF1CD800'01FFC, 6},
          }) {
         MediaType type;
-        if (*test.privateData != '\0') {
-            setPrivateData(type, test.privateData);
-        }
+        SetPrivateData(type, std::string(test.privateData));
         type.CodecId() = Common::Codec_t::AAC;
         type.SampleRate() = test.rate;
         type.Channels() = test.channels;
@@ -124,7 +115,7 @@ TEST(AacConfiguration, FieldsBecomeConfigurationAndHeader) {
         EXPECT_EQ(headerOf(type), bytes(test.header, 7));
         EXPECT_EQ(type.ChannelLayout(), test.layout);  // a header changes nothing
         ConfigurationParser::GenerateCodecPrivateData(&type);
-        EXPECT_EQ(privateDataOf(type), bytes(test.config, 2));
+        EXPECT_EQ(PrivateDataOf(type), bytes(test.config, 2));
         EXPECT_EQ(type.ChannelLayout(), test.layoutAfter);
     }
 }
@@ -142,7 +133,7 @@ TEST(AacAdts, ReadsEveryHeaderFromTheStartOfTheFrame) {
     for (unsigned bits = 0; bits < 0x10000; ++bits) {
         std::string frame = bytes(0xFFF1, 2) + bytes(bits, 2) + "abc";
         MediaType type;
-        setPrivateData(type, "kept");
+        SetPrivateData(type, "kept"s);
         const Packet packet = wrap(frame);
         packet->Position() = 5;
         packet->BitPosition() = 3;
@@ -152,7 +143,7 @@ TEST(AacAdts, ReadsEveryHeaderFromTheStartOfTheFrame) {
         ASSERT_EQ(type.SampleRate(), kRates[bits >> 10 & 15]) << bits;
         ASSERT_EQ(type.ChannelLayout(), configuration) << bits;
         ASSERT_EQ(type.Channels(), kChannels[configuration]) << bits;
-        ASSERT_EQ(privateDataOf(type), "kept");
+        ASSERT_EQ(PrivateDataOf(type), "kept");
         ASSERT_EQ(packet->Position(), 5);
         ASSERT_EQ(packet->BitPosition(), 3);
     }
@@ -261,7 +252,7 @@ TEST_F(AacFrames, ComeFromDeepCopiesToo) {
 }
 
 TEST_F(AacFrames, WithoutMemoryNothingChanges) {
-    setPrivateData(type, "old");
+    SetPrivateData(type, "old"s);
     ConfigurationParser other;
     for (int step = 0; step < 3; ++step) {
         const Mivra::Test::FaultPlan plan(Mivra::Test::FaultKind::Allocate, 1);
@@ -270,7 +261,7 @@ TEST_F(AacFrames, WithoutMemoryNothingChanges) {
                                  : static_cast<void>(other = parser),
                      std::bad_alloc);
     }
-    EXPECT_EQ(privateDataOf(type), "old");
+    EXPECT_EQ(PrivateDataOf(type), "old");
     EXPECT_EQ(other.GetAdtsHeader(), nullptr);
     EXPECT_EQ(other.GetSampleRate(), 0);
 }

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "mivra/codecs/h264/AvcConfigurationRecord.h"
@@ -13,6 +12,7 @@
 #include "tests/codecs/h264/Packets.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/PrivateData.h"
 
 namespace {
 
@@ -25,16 +25,12 @@ using Parser = H264ConfigurationParser;
 
 MediaType TypeWith(const Bytes& data) {
     MediaType type;
-    if (!data.empty()) {
-        type.CodecPrivateData() = static_cast<char*>(std::malloc(data.size()));
-        std::memcpy(type.CodecPrivateData(), data.data(), data.size());
-        type.CodecPrivateDataSize() = static_cast<int>(data.size());
-    }
+    Mivra::Test::SetPrivateData(type, data);
     return type;
 }
 
 Bytes DataOf(const MediaType& type) {
-    return {type.CodecPrivateData(), type.CodecPrivateData() + type.CodecPrivateDataSize()};
+    return Mivra::Test::PrivateDataOf<Bytes>(type);
 }
 
 const Bytes Sps{0x67, 0x42, 0xC0, 0x1E, 0x95};        // Baseline, level 3

@@ -48,4 +48,10 @@ std::string FailureOf(Call call) {
     return "";
 }
 
+/// What a reader or writer at the second of four bytes says of a size that it does not have.
+inline std::string Outbound(const char* name, const std::string& size) {
+    return std::string(name) + "::checkBuffer: outbound size nRequiredSize " + size +
+           ", this->buffer->Position() 1, this->buffer->ActualSize() 4";
+}
+
 }  // namespace Mivra::Test

@@ -15,12 +15,7 @@ TEST(EndianBinaryReader, TakesAnUnknownOrderForItsOwn) {
 }
 
 TEST(EndianBinaryReader, FailsInItsOwnWords) {
-    const std::string outbound =
-        "EndianBinaryReader::checkBuffer: outbound size nRequiredSize %, this->buffer->Position() 1, "
-        "this->buffer->ActualSize() 4";
-    const auto words = [&](const std::string& size) {
-        return std::string(outbound).replace(outbound.find('%'), 1, size);
-    };
+    const auto words = [](const char* size) { return Outbound("EndianBinaryReader", size); };
     Packet packet({1, 2, 3, 4});
     EndianBinaryReader reader(packet.buffer);
     reader.ReadByte();

@@ -65,12 +65,7 @@ TEST(EndianBinaryWriter, WritesValuesInBothOrders) {
 }
 
 TEST(EndianBinaryWriter, FailsInItsOwnWordsAndWritesNothing) {
-    const std::string outbound =
-        "EndianBinaryWriter::checkBuffer: outbound size nRequiredSize %, this->buffer->Position() 1, "
-        "this->buffer->ActualSize() 4";
-    const auto words = [&](const std::string& size) {
-        return std::string(outbound).replace(outbound.find('%'), 1, size);
-    };
+    const auto words = [](const char* size) { return Outbound("EndianBinaryWriter", size); };
     Packet packet({1, 2, 3, 4});
     EndianBinaryWriter writer(packet.buffer);
     writer.Seek(1, Origin::Begin);

@@ -2,29 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <functional>
 
 #include "tests/common/model/BinaryForms.h"
 #include "tests/support/FaultInjection.h"
+#include "tests/support/PrivateData.h"
 
 namespace Mivra::Test {
 namespace {
 
 using namespace Common;
 using namespace std::string_literals;
-
-void setPrivateData(MediaType& type, const std::string& bytes) {
-    std::free(type.CodecPrivateData());
-    type.CodecPrivateData() = static_cast<char*>(std::malloc(bytes.size()));
-    std::memcpy(type.CodecPrivateData(), bytes.data(), bytes.size());
-    type.CodecPrivateDataSize() = static_cast<std::int32_t>(bytes.size());
-}
-
-std::string privateDataOf(const MediaType& type) {
-    return std::string(type.CodecPrivateData(), static_cast<std::size_t>(type.CodecPrivateDataSize()));
-}
 
 /// Every field set to a value of its own.
 MediaType fullType(ContentType_t content) {
@@ -38,7 +26,7 @@ MediaType fullType(ContentType_t content) {
     type.Compressed() = false;
     type.FixedSizeSamples() = true;
     type.ExpectedFrameSize() = 7;
-    setPrivateData(type, "\x12\x10");
+    SetPrivateData(type, "\x12\x10"s);
     type.CodecMetadata()["Profile"] = 100;
     type.Width() = 1280;
     type.Height() = 720;
@@ -93,8 +81,8 @@ TEST(MediaType, ComparesWhatCounts) {
         {V, [](MediaType& t) { t.Bitrate() = 1999; }, true, false},
         {V, [](MediaType& t) { t.Bitrate() = 4001; }, true, false},
         {V, [](MediaType& t) { t.Bitrate() = INT32_MIN; }, true, false},
-        {V, [](MediaType& t) { setPrivateData(t, "\x12\x11"); }, true, false},
-        {V, [](MediaType& t) { setPrivateData(t, "\x12"); }, true, false},
+        {V, [](MediaType& t) { SetPrivateData(t, "\x12\x11"s); }, true, false},
+        {V, [](MediaType& t) { SetPrivateData(t, "\x12"s); }, true, false},
         {V, [](MediaType& t) { t.Compressed() = true, t.FrameSize() = t.ExpectedFrameSize() = 99; }, true,
          true},
         {V, [](MediaType& t) { t.CodecMetadata()["x"] = t.FrameDuration() = 1; }, true, true},
@@ -136,18 +124,18 @@ TEST(MediaType, CopiesDeeplyWithItsCaches) {
     original.SetProfileLevel(0x640029);
     original.SetReorderingQueueDepth(3);
     MediaType copy;
-    setPrivateData(copy, "old");
+    SetPrivateData(copy, "old"s);
     copy = original;
     original.CodecPrivateData()[0] = 'x';
     original.CodecMetadata()["Profile"] = 1;
-    EXPECT_EQ(privateDataOf(copy), "\x12\x10");
+    EXPECT_EQ(PrivateDataOf(copy), "\x12\x10");
     EXPECT_EQ(static_cast<int>(copy.CodecMetadata()["Profile"]), 100);
     EXPECT_EQ(copy.GetProfileLevel(), 0x640029u);
     EXPECT_EQ(copy.GetReorderingQueueDepth(), 3);
     EXPECT_EQ(Written(copy).size(), Written(original).size());
     const MediaType& alias = copy;
     copy = alias;
-    EXPECT_EQ(privateDataOf(copy), "\x12\x10");
+    EXPECT_EQ(PrivateDataOf(copy), "\x12\x10");
     copy = MediaType();
     EXPECT_EQ(copy.CodecPrivateData(), nullptr);
 }
@@ -212,12 +200,12 @@ TEST(MediaType, DerivesTheProfileLevelFromPrivateData) {
     MediaType type;
     type.ContentType() = ContentType_t::Audio;
     EXPECT_EQ(type.GetProfileLevel(), 0u);
-    setPrivateData(type, "\x92\x10");
+    SetPrivateData(type, "\x92\x10"s);
     type.CodecId() = Codec_t::AC3;
     EXPECT_EQ(type.GetProfileLevel(), 0u);
     type.CodecId() = Codec_t::AAC_LATM;
     EXPECT_EQ(type.GetProfileLevel(), 18u) << "the byte is unsigned";
-    setPrivateData(type, "\x12\x10");
+    SetPrivateData(type, "\x12\x10"s);
     EXPECT_EQ(type.GetProfileLevel(), 18u) << "cached";
     type.SetProfileLevel(0);
     EXPECT_EQ(type.GetProfileLevel(), 2u) << "0 is not cached";
@@ -226,16 +214,16 @@ TEST(MediaType, DerivesTheProfileLevelFromPrivateData) {
     for (const std::string& form : {sps, "\0\0\1"s + sps, "\1\x64\0\x28\xFF\xE1\0\x0B"s + sps + "\0"s}) {
         MediaType video;
         video.CodecId() = Codec_t::H264;
-        setPrivateData(video, form);
+        SetPrivateData(video, form);
         EXPECT_EQ(video.GetProfileLevel(), 0x640028u);
         EXPECT_EQ(video.GetReorderingQueueDepth(), 4);
-        EXPECT_EQ(privateDataOf(video), form);
+        EXPECT_EQ(PrivateDataOf(video), form);
         MediaType cut;
         cut.CodecId() = Codec_t::H264;
-        setPrivateData(cut, sps.substr(0, 10));
+        SetPrivateData(cut, sps.substr(0, 10));
         EXPECT_EQ(cut.GetProfileLevel(), 0u);
         EXPECT_EQ(cut.GetReorderingQueueDepth(), 0);
-        setPrivateData(cut, form);
+        SetPrivateData(cut, form);
         EXPECT_EQ(cut.GetReorderingQueueDepth(), 0) << "computed once";
         cut.SetReorderingQueueDepth(3);
         EXPECT_EQ(cut.GetReorderingQueueDepth(), 3);

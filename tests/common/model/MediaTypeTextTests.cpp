@@ -25,23 +25,20 @@ MediaType fromHex(const std::string& codec, const std::string& hex) {
 }
 
 TEST(MediaTypeText, NumbersAreThoseOfFfmpeg) {
-    static_assert(static_cast<int>(Codec_t::WMV3) == AV_CODEC_ID_WMV3);
-    static_assert(static_cast<int>(Codec_t::UNCOMPRESSED) == AV_CODEC_ID_RAWVIDEO);
-    static_assert(static_cast<int>(Codec_t::H264) == AV_CODEC_ID_H264);
-    static_assert(static_cast<int>(Codec_t::VP8) == AV_CODEC_ID_VP8);
-    static_assert(static_cast<int>(Codec_t::VP9) == AV_CODEC_ID_VP9);
-    static_assert(static_cast<int>(Codec_t::H265) == AV_CODEC_ID_HEVC);
-    static_assert(static_cast<int>(Codec_t::G711U) == AV_CODEC_ID_PCM_MULAW);
-    static_assert(static_cast<int>(Codec_t::PCM_S16BE_PLANAR) == AV_CODEC_ID_PCM_S16BE_PLANAR);
-    static_assert(static_cast<int>(Codec_t::G722) == AV_CODEC_ID_ADPCM_G722);
-    static_assert(static_cast<int>(Codec_t::RA_288) == AV_CODEC_ID_RA_288);
-    static_assert(static_cast<int>(Codec_t::WMALOSSLESS) == AV_CODEC_ID_WMALOSSLESS);
-    static_assert(static_cast<int>(Codec_t::AAC_LATM) == AV_CODEC_ID_AAC_LATM);
-    static_assert(static_cast<int>(Codec_t::APE) == AV_CODEC_ID_APE);
-    static_assert(static_cast<int>(Codec_t::G729) == AV_CODEC_ID_G729);
-    static_assert(static_cast<int>(PixelFormat_t::NV12) == AV_PIX_FMT_NV12);
-    static_assert(static_cast<int>(PixelFormat_t::BGRA) == AV_PIX_FMT_BGRA);
-    static_assert(static_cast<int>(SampleFormat_t::DBLP) == AV_SAMPLE_FMT_DBLP);
+    const std::pair<Codec_t, AVCodecID> codecs[] = {
+        {Codec_t::WMV3, AV_CODEC_ID_WMV3},         {Codec_t::UNCOMPRESSED, AV_CODEC_ID_RAWVIDEO},
+        {Codec_t::H264, AV_CODEC_ID_H264},         {Codec_t::VP8, AV_CODEC_ID_VP8},
+        {Codec_t::VP9, AV_CODEC_ID_VP9},           {Codec_t::H265, AV_CODEC_ID_HEVC},
+        {Codec_t::G711U, AV_CODEC_ID_PCM_MULAW},   {Codec_t::PCM_S16BE_PLANAR, AV_CODEC_ID_PCM_S16BE_PLANAR},
+        {Codec_t::G722, AV_CODEC_ID_ADPCM_G722},   {Codec_t::RA_288, AV_CODEC_ID_RA_288},
+        {Codec_t::AAC_LATM, AV_CODEC_ID_AAC_LATM}, {Codec_t::WMALOSSLESS, AV_CODEC_ID_WMALOSSLESS},
+        {Codec_t::APE, AV_CODEC_ID_APE},           {Codec_t::G729, AV_CODEC_ID_G729}};
+    for (const auto& [ours, theirs] : codecs) {
+        EXPECT_EQ(static_cast<int>(ours), theirs);
+    }
+    EXPECT_EQ(static_cast<int>(PixelFormat_t::NV12), AV_PIX_FMT_NV12);
+    EXPECT_EQ(static_cast<int>(PixelFormat_t::BGRA), AV_PIX_FMT_BGRA);
+    EXPECT_EQ(static_cast<int>(SampleFormat_t::DBLP), AV_SAMPLE_FMT_DBLP);
     // Each enumerator that has a display name of its own has that name; the rest are the ranges.
     std::istringstream names(
         "0 None/1 MPEG1/2 MPEG2/4 H263/7 MJPEG/12 MPEG4/13 Uncompressed/17 WMV/18 WMV/71 WMV/70 VC1/"
