@@ -135,15 +135,9 @@ TEST_F(MediaSourceTest, DispatchesStreamsAndSamplesOnTheCallersThread) {
 
 TEST_F(MediaSourceTest, KeepsInteractiveSettingsOnceOpened) {
     const auto source = Make<FakeSource>();
-    EXPECT_TRUE(source->GetAllowEos());
-    EXPECT_EQ(source->GetPlaybackRate(), 1.7976931348623157e+308);
-    EXPECT_EQ(source->GetDuration(), 0);
-    EXPECT_EQ(source->GetPosition(), 0);
-    EXPECT_FALSE(source->IsLoop() || source->IsMonitor() || source->CanSeek() || source->CanPause() ||
-                 source->IsEos() || source->IsChangeable());
     source->SetCachePath("/before");
     source->Store(MediaState::Opening);
-    const std::vector<std::function<void()>> setters = {
+    const std::function<void()> setters[] = {
         [&] { source->SetAllowEos(false); }, [&] { source->SetLoop(true); },
         [&] { source->SetMonitor(true); },   [&] { source->SetPlaybackRate(2); },
         [&] { source->SetCachePath("/x"); },
@@ -157,9 +151,11 @@ TEST_F(MediaSourceTest, KeepsInteractiveSettingsOnceOpened) {
         }
     }
     EXPECT_TRUE(source->GetAllowEos());
-    EXPECT_FALSE(source->IsLoop() || source->IsMonitor());
+    EXPECT_FALSE(source->IsLoop() || source->IsMonitor() || source->CanSeek() || source->CanPause() ||
+                 source->IsEos() || source->IsChangeable());
     EXPECT_EQ(source->GetPlaybackRate(), 1.7976931348623157e+308);
     EXPECT_EQ(source->GetCachePath(), "/before");
+    EXPECT_EQ(source->GetDuration(), 0);
 
     source->SetPosition(50);
     EXPECT_EQ(source->GetPosition(), 0);

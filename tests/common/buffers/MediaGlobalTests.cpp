@@ -20,7 +20,6 @@ namespace {
 namespace support = Mivra::Test;
 
 using Common::DefaultPacketBufferAllocator;
-using Common::FileLog;
 using Common::PacketBuffer;
 using Common::PacketBufferAllocator;
 using Lines = std::vector<std::string>;

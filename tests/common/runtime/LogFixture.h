@@ -15,7 +15,6 @@ namespace Mivra::Test {
 
 class OpenLog : public Common::FileLog {
 public:
-    using FileLog::levelToUtf8;
     std::wstring RolledPath(int index) {
         Common::AutoLock guard(lock);
         return generateLogFilePath(index);
