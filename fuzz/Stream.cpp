@@ -1,14 +1,19 @@
-// A sequence of stream operations on VersatileBufferStream, beside a flat vector of bytes that does the same.
+// A sequence of stream operations beside a flat vector of bytes that does the same: once on chains of
+// buffers, and what all streams have in common once more on files.
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "fuzz/OperationSource.h"
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
+#include "mivra/common/buffers/FileStream.h"
 #include "mivra/common/buffers/FindStreamWindow.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/buffers/PacketBuffer.h"
@@ -48,6 +53,9 @@ struct Model {
 /// A stream and what it should be.
 class Pair {
 public:
+    Pair() : chain(new VersatileBufferStream), stream(chain) {}
+    explicit Pair(const std::string& path) : stream(new FileStream(path, "w+b")) { model.grows = true; }
+
     void Run(OperationSource& source, Pair& other);
     void Check();
 
@@ -78,12 +86,13 @@ private:
     /// Growth adds whole buffers: the new length is the stream's to say, the new bytes are zero.
     void grow(std::int64_t atLeast) {
         if (atLeast > model.length()) {
-            Require(stream.GetLength() >= atLeast);
-            model.bytes.resize(static_cast<std::size_t>(stream.GetLength()));
+            Require(chain != nullptr ? stream->GetLength() >= atLeast : stream->GetLength() == atLeast);
+            model.bytes.resize(static_cast<std::size_t>(stream->GetLength()));
         }
     }
 
-    VersatileBufferStream stream;
+    VersatileBufferStream* const chain = nullptr;  // null: a file
+    const std::unique_ptr<IStream> stream;
     Model model;
 };
 
@@ -96,15 +105,17 @@ void Pair::append(OperationSource& source) {
     const int count = source.Small();
     const bool allowed = offset <= buffer->Size() && count <= buffer->Size() - offset;
     const Bytes all(buffer->Buffer(), buffer->Buffer() + buffer->Size());
-    if (attempt(allowed, [&] { stream.Append(buffer.get(), offset, count); })) {
+    if (attempt(allowed, [&] { chain->Append(buffer.get(), offset, count); })) {
         model.bytes.insert(model.bytes.end(), all.begin() + offset, all.begin() + offset + count);
     }
 }
 
 void Pair::write(OperationSource& source) {
     const Bytes data = source.Bytes(source.Small());
-    if (attempt(room(static_cast<std::int64_t>(data.size())),
-                [&] { stream.Write(data.data(), 0, static_cast<int>(data.size())); })) {
+    if (attempt(room(static_cast<std::int64_t>(data.size())), [&] {
+            data.size() == 1 ? stream->WriteByte(data[0])
+                             : stream->Write(data.data(), 0, static_cast<int>(data.size()));
+        })) {
         grow(model.position + static_cast<std::int64_t>(data.size()));
         model.put(data);
     }
@@ -116,7 +127,7 @@ void Pair::setLength(OperationSource& source) {
         return;
     }
     if (attempt(length >= 0 && (model.grows || length <= model.length()),
-                [&] { stream.SetLength(length); })) {
+                [&] { stream->SetLength(length); })) {
         model.bytes.resize(static_cast<std::size_t>(length));
         if (model.position > length) model.moveTo(length);
     }
@@ -125,23 +136,23 @@ void Pair::setLength(OperationSource& source) {
 void Pair::read(OperationSource& source) {
     const int count = source.Small();
     Bytes data(static_cast<std::size_t>(count) + 1);
-    if (source.Flag()) {
+    if (source.Flag() && chain != nullptr) {
         const std::int64_t at = source.Number();
         attempt(model.inside(at), [&] {
-            const int got = stream.ReadFrom(at, data.data(), 1, count);
+            const int got = chain->ReadFrom(at, data.data(), 1, count);
             Require(got == std::min<std::int64_t>(count, model.length() - at));
             Require(std::equal(data.begin() + 1, data.begin() + 1 + got, model.bytes.begin() + at));
         });
         return;
     }
     const std::int64_t expected = std::min<std::int64_t>(count, model.length() - model.position);
-    Require(stream.Read(data.data(), 1, count) == expected);
+    Require(stream->Read(data.data(), 1, count) == expected);
     Require(std::equal(data.begin() + 1, data.begin() + 1 + expected, model.bytes.begin() + model.position));
     model.moveTo(model.position + expected);
     const int next =
         model.position < model.length() ? model.bytes[static_cast<std::size_t>(model.position)] : -1;
-    Require(stream.PeekByte() == next);
-    Require(stream.ReadByte() == next);
+    Require(stream->PeekByte() == next);
+    Require(stream->ReadByte() == next);
     model.moveTo(model.position + (next >= 0 ? 1 : 0));
 }
 
@@ -153,7 +164,7 @@ void Pair::seek(OperationSource& source) {
     const auto origin = static_cast<Origin>(source.Small() % 3);
     const std::int64_t offset = source.Number();
     const std::int64_t at = target(offset, origin, model.position, model.length());
-    if (attempt(model.inside(at), [&] { Require(stream.Seek(offset, origin) == at); })) {
+    if (attempt(model.inside(at), [&] { Require(stream->Seek(offset, origin) == at); })) {
         model.moveTo(at);
     }
 }
@@ -163,12 +174,12 @@ void Pair::seekBits(OperationSource& source) {
     const std::int64_t offset = source.Number();
     const std::int64_t at = target(offset, origin, model.position * 8 + model.bit, model.length() * 8);
     if (attempt(at >= 0 && at <= model.length() * 8,
-                [&] { Require(stream.SeekBits(offset, origin) == at); })) {
+                [&] { Require(stream->SeekBits(offset, origin) == at); })) {
         model.position = at / 8;
         model.bit = static_cast<int>(at % 8);
     }
     const int bit = source.Small() % 10;
-    if (attempt(bit <= 7, [&] { stream.SetBitPosition(bit); })) {
+    if (attempt(bit <= 7, [&] { stream->SetBitPosition(bit); })) {
         model.bit = bit;
     }
 }
@@ -176,7 +187,7 @@ void Pair::seekBits(OperationSource& source) {
 void Pair::trim(OperationSource& source) {
     const std::int64_t count = source.Flag() ? source.Number() : model.position;
     const bool whole = count == model.position && source.Flag();
-    if (attempt(model.inside(count), [&] { whole ? stream.TrimBegin() : stream.TrimBegin(count); })) {
+    if (attempt(model.inside(count), [&] { whole ? chain->TrimBegin() : chain->TrimBegin(count); })) {
         model.bytes.erase(model.bytes.begin(), model.bytes.begin() + count);
         model.position >= count ? void(model.position -= count) : model.moveTo(0);
     }
@@ -187,7 +198,7 @@ void Pair::copyTo(OperationSource& source, Pair& other) {
     const int count = source.Small();
     const bool move = source.Flag();
     const bool allowed = model.inside(offset) && count <= model.length() - offset && other.room(count);
-    if (!attempt(allowed, [&] { stream.CopyTo(&other.stream, offset, count, move); })) {
+    if (!attempt(allowed, [&] { chain->CopyTo(other.chain, offset, count, move); })) {
         return;
     }
     const Bytes data = model.range(offset, count);
@@ -200,7 +211,7 @@ void Pair::copyTo(OperationSource& source, Pair& other) {
 void Pair::handOver(bool all, Pair& other) {
     if (all) {
         VersatileBufferStream copy;
-        stream.CopyAllTo(&copy);
+        chain->CopyAllTo(&copy);
         Bytes data(model.bytes.size() + 1);
         Require(copy.ReadFrom(0, data.data(), 0, static_cast<int>(data.size())) == model.length());
         data.pop_back();
@@ -208,7 +219,7 @@ void Pair::handOver(bool all, Pair& other) {
         return;
     }
     if (&other != this && model.length() + other.model.length() <= kLongest) {
-        stream.MoveTo(&other.stream);
+        chain->MoveTo(other.chain);
         other.model.bytes.insert(other.model.bytes.end(), model.bytes.begin(), model.bytes.end());
         model.bytes.clear();
         model.moveTo(0);
@@ -216,7 +227,7 @@ void Pair::handOver(bool all, Pair& other) {
 }
 
 void Pair::workThroughWindow(OperationSource& source) {
-    StreamWindow* const window = FindStreamWindow(&stream);
+    StreamWindow* const window = FindStreamWindow(chain);
     Require(window->length == model.length());
     Require(window->position == model.position && window->bitPosition == model.bit);
     if (window->data == nullptr || window->length == 0) {
@@ -230,9 +241,8 @@ void Pair::workThroughWindow(OperationSource& source) {
 }
 
 void Pair::Run(OperationSource& source, Pair& other) {
-    switch (source.Small() % 11) {
-        case 0:
-            return append(source);
+    const int operation = source.Small() % 11;
+    switch (operation) {
         case 1:
             return write(source);
         case 2:
@@ -243,6 +253,13 @@ void Pair::Run(OperationSource& source, Pair& other) {
             return seek(source);
         case 5:
             return seekBits(source);
+        default:
+            break;
+    }
+    if (chain == nullptr) return;
+    switch (operation) {
+        case 0:
+            return append(source);
         case 6:
             return trim(source);
         case 7:
@@ -253,18 +270,50 @@ void Pair::Run(OperationSource& source, Pair& other) {
             return workThroughWindow(source);
         default:
             model.grows = source.Flag();
-            stream.SetAutoGrowth(model.grows);
+            chain->SetAutoGrowth(model.grows);
     }
 }
 
 void Pair::Check() {
-    Require(stream.GetLength() == model.length());
-    Require(stream.GetPosition() == model.position);
-    Require(stream.GetBitPosition() == model.bit);
+    Require(stream->GetLength() == model.length());
+    Require(stream->GetPosition() == model.position);
+    Require(stream->GetBitPosition() == model.bit);
     Bytes data(model.bytes.size() + 1);
-    Require(stream.ReadFrom(0, data.data(), 0, static_cast<int>(data.size())) == model.length());
+    const int size = static_cast<int>(data.size());
+    if (chain != nullptr) {
+        Require(chain->ReadFrom(0, data.data(), 0, size) == model.length());
+    } else {
+        stream->SetPosition(0);
+        Require(stream->Read(data.data(), 0, size) == model.length());
+        stream->SetPosition(model.position);
+        stream->SetBitPosition(model.bit);
+    }
     data.pop_back();
     Require(data == model.bytes);
+}
+
+void run(OperationSource source, std::unique_ptr<Pair> first, std::unique_ptr<Pair> second) {
+    for (int operations = 0; !source.AtEnd() && operations < 300; ++operations) {
+        Pair& subject = source.Flag() ? *first : *second;
+        Pair& other = source.Flag() ? *first : *second;
+        subject.Run(source, other);
+        first->Check();
+        second->Check();
+    }
+}
+
+/// Two names of this process, gone as soon as it is.
+const std::string& place() {
+    static const struct Place {
+        Place() { Require(::mkdtemp(name.data()) != nullptr); }
+        ~Place() {
+            for (const char* const file : {"/first", "/second"})
+                ::unlink((name + file).c_str());
+            ::rmdir(name.c_str());
+        }
+        std::string name = "/tmp/mivra-fuzz-XXXXXX";
+    } s_place;
+    return s_place.name;
 }
 
 }  // namespace
@@ -273,18 +322,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     constexpr float kEnough = 10000.0F;
     MediaGlobal::Initialize({16, 8, true, kEnough}, {40, 8, true, kEnough}, {100, 4, true, kEnough});
     MediaGlobal::InitializeExtra({300, 4, true, kEnough});
-    OperationSource source(data, size);
-    {
-        auto first = std::make_unique<Pair>();
-        auto second = std::make_unique<Pair>();
-        for (int operations = 0; !source.AtEnd() && operations < 300; ++operations) {
-            Pair& subject = source.Flag() ? *first : *second;
-            Pair& other = source.Flag() ? *first : *second;
-            subject.Run(source, other);
-            first->Check();
-            second->Check();
-        }
-    }
+    const OperationSource source(data, size);
+    run(source, std::make_unique<Pair>(), std::make_unique<Pair>());
+    run(source, std::make_unique<Pair>(place() + "/first"), std::make_unique<Pair>(place() + "/second"));
     for (PacketBufferAllocator* pool :
          {MediaGlobal::GetSmallAllocator(), MediaGlobal::GetAllocator(), MediaGlobal::GetBigAllocator()}) {
         Require(static_cast<DefaultPacketBufferAllocator*>(pool)->FreeBufferCount() == pool->BufferCount());
