@@ -4,25 +4,13 @@
 Units, configurations and session descriptions are compared stream by stream in the codec oracles."""
 
 import json
-import pathlib
 import subprocess
-import sys
-import tempfile
-import unittest
 
 import packets
+import program
+from program import ffmpeg
 
-MIVRA, FILMS = map(pathlib.Path, sys.argv[1:])
-
-
-def run(*words, program=MIVRA):
-    return subprocess.run([program, *map(str, words)], capture_output=True, text=True, timeout=120)
-
-
-def ffmpeg(*words):
-    done = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-y", *map(str, words)], capture_output=True, timeout=120)
-    assert done.returncode == 0, done
-    return done.stdout
+FILMS = program.INPUTS
 
 
 def pictures(path, *words):
@@ -39,28 +27,19 @@ def ffprobe(path, kind, entries):
     return json.loads(subprocess.run(list(map(str, words)), capture_output=True, check=True, timeout=60).stdout)["streams"][0]
 
 
-class Codecs(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.temporary = tempfile.TemporaryDirectory()
-        cls.folder = pathlib.Path(cls.temporary.name)
-        for name, words in {"raw.h264": ["-an"], "raw.aac": ["-vn"], "in.mkv": []}.items():
-            ffmpeg("-i", FILMS / "bframes.mp4", *words, "-c", "copy", "-t", "1", cls.folder / name)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.temporary.cleanup()
+class Codecs(program.Case):
+    def setUp(self):
+        super().setUp()
+        for name, words in {"raw.h264": ["-an"], "raw.aac": ["-vn"]}.items():
+            ffmpeg("-i", FILMS / "bframes.mp4", *words, "-c", "copy", "-t", "1", self.folder / name)
 
     def works(self, *words):
-        done = run(*words)
+        done = program.mivra(*words)
         self.assertEqual(done.returncode, 0, done)
         return done
 
     def fails(self, code, hint, *words):
-        done = run(*words)
-        self.assertEqual(done.returncode, code, done)
-        self.assertRegex(done.stderr, r"\Amivra: [^\n]+\n\Z")
-        self.assertIn(hint, done.stderr)
+        self.ends(program.mivra(*words), code, hint)
 
 
 class Probe(Codecs):
@@ -83,7 +62,7 @@ class Probe(Codecs):
         told = json.loads(self.works("probe", "--json", "--nal", film).stdout)["packets"]
         self.assertEqual([packet["bytes"] for packet in told], [packet.size for packet in packets.of(film)[0]])
         lines = self.works("probe", "--nal", film).stdout
-        self.assertEqual(lines.count(" bytes, ref "), sum(len(packet["units"]) for packet in told))
+        self.assertEqual(lines.count(b" bytes, ref "), sum(len(packet["units"]) for packet in told))
 
     def test_what_is_no_media_is_one_line_and_the_others_are_told(self):
         empty, junk = self.folder / "empty.mp4", self.folder / "junk.h264"
@@ -91,9 +70,9 @@ class Probe(Codecs):
         junk.write_bytes(bytes(range(256)) * 40)
         for path in [empty, self.folder, self.folder / "none.mp4"]:
             self.fails(3, "cannot open the input", "probe", path)
-        done = run("probe", empty, FILMS / "bframes.mp4")
-        self.assertEqual((done.returncode, "Video H264" in done.stdout), (3, True))
-        self.assertIn(run("probe", "--nal", junk).returncode, (0, 3, 5))
+        done = program.mivra("probe", empty, FILMS / "bframes.mp4")
+        self.assertEqual((done.returncode, b"Video H264" in done.stdout), (3, True))
+        self.assertIn(program.mivra("probe", "--nal", junk).returncode, (0, 3, 5))
 
     def test_films_that_are_cut_or_damaged_end_the_program_well(self):
         whole = (FILMS / "bframes.ts").read_bytes()[:60000]
@@ -105,7 +84,7 @@ class Probe(Codecs):
             path.write_bytes(broken)
             for words in [("probe", "--nal", path), ("convert", path, self.folder / "d.mp4", "--to", "avcc"),
                           ("sps", path, "--aspect", "3:2", "-o", self.folder / "d.ts")]:
-                done = run(*words)
+                done = program.mivra(*words)
                 self.assertIn(done.returncode, (0, 3, 5), (words, done.stderr))
                 self.assertLess(done.stderr.count("\n"), 4, done.stderr)
 
@@ -209,5 +188,4 @@ class Sps(Codecs):
         self.assertFalse(out.exists())
 
 
-if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+program.main()

@@ -23,7 +23,8 @@ def mivra(*words, program=MIVRA, **options):
 
 
 def ffmpeg(*words):
-    subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *map(str, words)], check=True)
+    return subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-y", *map(str, words)], stdout=subprocess.PIPE,
+                          check=True).stdout
 
 
 class Case(unittest.TestCase):
