@@ -38,6 +38,7 @@ bench  gstreamer1.0-plugins-base         the same, at run time
 bench  libspdlog-dev        a peer
 bench  libuv1-dev           a peer
 bench  libasio-dev          a peer
+bench  iperf3               a peer
 bench  time                 measures a program's time and memory
 LIST
 }
