@@ -62,6 +62,7 @@ const bool s_installed = [] {
     using T = SystemTable;
     Stand<0, &T::receive>::install();
     Stand<0, &T::receiveFrom>::install();
+    Stand<1, &T::send>::install();
     Stand<1, &T::sendMessage>::install();
     Stand<1, &T::sendMessages>::install();
     Stand<2, &T::acceptSocket>::install();

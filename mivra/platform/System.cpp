@@ -99,6 +99,10 @@ int acceptQuietSocket(int socket, sockaddr* address, socklen_t* size) {
     return ::accept4(socket, address, size, SOCK_NONBLOCK | SOCK_CLOEXEC);
 }
 
+ssize_t sendQuietly(int socket, const void* data, std::size_t size, int flags) {
+    return ::send(socket, data, size, flags | MSG_NOSIGNAL);
+}
+
 ssize_t sendQuietMessage(int socket, const msghdr* message, int flags) {
     return ::sendmsg(socket, message, flags | MSG_NOSIGNAL);
 }
@@ -139,6 +143,7 @@ constinit SystemTable g_system = {
     .acceptSocket = acceptQuietSocket,
     .receive = ::recv,
     .receiveFrom = ::recvfrom,
+    .send = sendQuietly,
     .sendMessage = sendQuietMessage,
     .sendMessages = sendQuietMessages,
     .setSocketOption = ::setsockopt,

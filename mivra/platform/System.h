@@ -58,6 +58,7 @@ struct SystemTable {
     ssize_t (*receive)(int socket, void* data, std::size_t size, int flags);
     ssize_t (*receiveFrom)(int socket, void* data, std::size_t size, int flags, sockaddr* address,
                            socklen_t* addressSize);
+    ssize_t (*send)(int socket, const void* data, std::size_t size, int flags);
     ssize_t (*sendMessage)(int socket, const msghdr* message, int flags);
     /// The number of messages that went, or -1.
     int (*sendMessages)(int socket, mmsghdr* messages, unsigned int count, int flags);

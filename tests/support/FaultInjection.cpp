@@ -165,6 +165,7 @@ const bool s_installed = [] {
     Stand<Accept, &T::acceptSocket>::install();
     Stand<Receive, &T::receive>::install();
     Stand<Receive, &T::receiveFrom>::install();
+    Stand<Send, &T::send>::install();
     Stand<Send, &T::sendMessage>::install();
     Stand<Send, &T::sendMessages>::install();
     Stand<SocketOption, &T::setSocketOption>::install();

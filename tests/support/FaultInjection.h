@@ -31,7 +31,7 @@ enum class FaultKind {
     Listen,
     Accept,
     Receive,       // receive and receiveFrom
-    Send,          // sendMessage and sendMessages
+    Send,          // send, sendMessage and sendMessages
     SocketOption,  // both ways
     SocketName,    // own and peer's
     Poll,

@@ -204,6 +204,7 @@ TEST_F(SelectFailure, SocketsThatFailEndTheirClients) {
     {
         const FaultPlan noSet(FaultKind::AwaitWatch, 1, FaultPlan::Span::FromThenOn);
         const FaultPlan select(FaultKind::Select, 1, FaultPlan::Span::Once, EBADF);
+        ASSERT_TRUE(peers[1].Send(text));  // ends the wait that is under way
         ASSERT_TRUE(recorder->Await("released 2"));
     }
     connect();

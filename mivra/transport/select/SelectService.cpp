@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "mivra/common/buffers/DefaultPacketBufferAllocator.h"
 #include "mivra/common/buffers/PacketBuffer.h"
@@ -31,7 +32,7 @@ constexpr int kStreamReceives = 8;
 constexpr int kDatagramReceives = 32;
 constexpr int kSends = 16;
 // Packets that go in one call.
-constexpr int kPieces = DatagramBatch::Capacity;
+constexpr int kPieces = 128;
 constexpr int kDatagramFailures = 10;
 
 bool isNotReady(int error) {
@@ -43,6 +44,29 @@ bool isDatagram(const SelectClientContext& context) {
 }
 
 }  // namespace
+
+/// While handlers of one context run, and its queue is looked at afterwards: what they queue for it need not
+/// be looked up nor noted.
+class SelectWorker::NotedScope {
+public:
+    NotedScope(SelectWorker& worker_, const ContextPointer& context_)
+        : worker(worker_),
+          context(*context_),
+          noted(context.sendPosted.exchange(true)),
+          outer(std::exchange(worker.serving, &context_)) {}
+    ~NotedScope() {
+        worker.serving = outer;
+        if (!noted) context.sendPosted.exchange(false);
+    }
+    NotedScope(const NotedScope&) = delete;
+    NotedScope& operator=(const NotedScope&) = delete;
+
+private:
+    SelectWorker& worker;
+    SelectClientContext& context;
+    const bool noted;
+    const ContextPointer* const outer;
+};
 
 void SelectWorker::serve(const ContextPointer& context, unsigned readiness) {
     if (!context->tryTurn()) return;  // somebody is about to disconnect it
@@ -67,10 +91,8 @@ void SelectWorker::serveInTurn(const ContextPointer& context, unsigned readiness
         if (context->isListener) {
             acceptFrom(*context);
         } else {
-            // What handlers queue for it is sent below: it need not be noted.
-            const bool noted = context->sendPosted.exchange(true);
+            const NotedScope noted(*this, context);
             receiveFrom(context);
-            if (!noted) context->sendPosted.exchange(false);
         }
     }
     if (context->disconnecting || context->isListener) return;
@@ -200,11 +222,15 @@ void SelectWorker::send(const ContextPointer& context) {
 /// Whether there may be more to send, and room for it.
 bool SelectWorker::sendOnce(const ContextPointer& context) {
     iovec pieces[kPieces];
-    const int count = context->sendQueue.Gather(pieces, kPieces);
+    const bool datagram = isDatagram(*context);
+    const int count = context->sendQueue.Gather(pieces, datagram ? DatagramBatch::Capacity : kPieces);
     if (count == 0) return false;
     errno = 0;
-    const Progress progress =
-        isDatagram(*context) ? sendDatagrams(*context, pieces, count) : sendStream(*context, pieces, count);
+    Progress progress;
+    {
+        const NotedScope noted(*this, context);
+        progress = datagram ? sendDatagrams(*context, pieces, count) : sendStream(*context, pieces, count);
+    }
     if (context->disconnecting) return false;  // by a handler
     switch (progress) {
         case Progress::Some:
@@ -238,10 +264,15 @@ Progress progressOf(int error) {
 }  // namespace
 
 SelectWorker::Progress SelectWorker::sendStream(SelectClientContext& context, iovec* pieces, int count) {
-    msghdr message{};
-    message.msg_iov = pieces;
-    message.msg_iovlen = static_cast<std::size_t>(count);
-    const ssize_t sent = System().sendMessage(context.Socket(), &message, 0);
+    ssize_t sent;
+    if (count == 1) {
+        sent = System().send(context.Socket(), pieces->iov_base, pieces->iov_len, 0);
+    } else {
+        msghdr message{};
+        message.msg_iov = pieces;
+        message.msg_iovlen = static_cast<std::size_t>(count);
+        sent = System().sendMessage(context.Socket(), &message, 0);
+    }
     if (sent < 0) return progressOf<Progress>(errno);
     std::size_t wanted = 0;
     for (int i = 0; i < count; ++i)

@@ -190,10 +190,17 @@ bool SelectTransport::SendAsync(unsigned int clientId, Common::PacketBuffer* pac
         LogLine(FileLog::Warning, "SelectTransport::SendAsync: empty send buffer");
         return false;
     }
-    ContextPointer context = find(clientId);
+    const SelectWorker* const own = SelectWorker::Current();
+    if (own != nullptr && own->Engine() == this) {
+        if (const ContextPointer* const served = own->Serving(clientId)) return queue(*served, packet);
+    }
+    return queue(find(clientId), packet);
+}
+
+bool SelectTransport::queue(const ContextPointer& context, Common::PacketBuffer* packet) {
     if (context == nullptr || context->Socket() == NetClientContext::InvalidSocket) return false;
     if (!context->PushWritePacket(packet)) return false;
-    if (SelectWorker* const worker = context->worker.get()) worker->PostSend(std::move(context));
+    if (SelectWorker* const worker = context->worker.get()) worker->PostSend(context);
     return true;
 }
 

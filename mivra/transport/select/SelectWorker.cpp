@@ -22,6 +22,7 @@ using Platform::System;
 namespace {
 
 constexpr int kIdleMilliseconds = 10;
+constexpr int kForEver = -1;
 constexpr std::uint32_t kNoClient = 0;  // the wake descriptor's id in the set
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
@@ -77,16 +78,16 @@ void SelectWorker::Post(Kind kind, std::uint32_t clientId) {
     Wake();
 }
 
-void SelectWorker::PostSend(ContextPointer context) noexcept {
+void SelectWorker::PostSend(const ContextPointer& context) noexcept {
     if (context->sendPosted.load() || context->sendPosted.exchange(true)) return;
     try {
         if (s_current == this) {
-            toSend.push_back(std::move(context));
+            toSend.push_back(context);
             return;
         }
         AutoLock guard(lock);
         if (joined) return;  // it and the context would keep each other alive
-        posted.push_back(std::move(context));
+        posted.push_back(context);
     } catch (const std::bad_alloc&) {
         lookForSends = true;
     }
@@ -98,8 +99,9 @@ void SelectWorker::Wake() noexcept {
     hasWork = true;
     if (waiting.load() && !woken.exchange(true)) {
         const std::uint64_t one = 1;
-        // A counter that is full wakes as well.
-        static_cast<void>(System().write(wakeDescriptor.get(), &one, sizeof one));
+        // Again when it fails; a counter that is full wakes as well.
+        for (int i = 0; i < 2 && System().write(wakeDescriptor.get(), &one, sizeof one) < 0; ++i) {
+        }
     }
 }
 
@@ -231,10 +233,12 @@ void SelectWorker::flush(const ContextPointer& context) {
 int SelectWorker::wait() {
     waiting = true;
     const bool idle = toSend.empty() && orders.empty() && !lookSoon && !hasWork.load();
+    // A timer costs as much as a small packet.
+    const int limit = anyUnwatched || !later.empty() ? kIdleMilliseconds : kForEver;
     int ready = -1;
     if (watchSet) {
         ready = System().awaitWatchSet(watchSet.get(), events.data(), static_cast<int>(events.size()),
-                                       idle ? kIdleMilliseconds : 0);
+                                       idle ? limit : 0);
         if (ready < 0 && errno == EINTR) ready = 0;
     }
     waiting = false;

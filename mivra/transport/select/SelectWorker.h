@@ -51,8 +51,12 @@ public:
 
     /// Any thread: a command, a context that has something to send. Post throws std::bad_alloc.
     void Post(Kind kind, std::uint32_t clientId) MIVRA_EXCLUDES(lock);
-    void PostSend(ContextPointer context) noexcept MIVRA_EXCLUDES(lock);
+    void PostSend(const ContextPointer& context) noexcept MIVRA_EXCLUDES(lock);
     void Wake() noexcept;
+    /// Its own thread: the context that it serves, when it is this client's; else null.
+    const ContextPointer* Serving(std::uint32_t clientId) const noexcept {
+        return serving != nullptr && (*serving)->ClientId() == clientId ? serving : nullptr;
+    }
     /// A context is about to be its own.
     void Expect() noexcept { ++clientCount; }
     /// Any thread, with the context's turn: its socket makes no events any more, and may be closed.
@@ -83,6 +87,7 @@ private:
     ContextPointer next(std::uint32_t clientId) MIVRA_EXCLUDES(lock);
 
     // One context, whose turn it has (SelectService.cpp).
+    class NotedScope;
     enum class Progress { Some, Blocked, Later, Failed };
 
     void serve(const ContextPointer& context, unsigned readiness);
@@ -124,6 +129,7 @@ private:
     std::atomic<bool> lookForSends{false};  // a context could not be noted in posted
 
     // The thread's own.
+    const ContextPointer* serving = nullptr;
     std::vector<Command> orders;
     std::size_t nextOrder = 0;
     std::vector<ContextPointer> toSend;
