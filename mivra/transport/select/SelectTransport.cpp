@@ -192,16 +192,11 @@ bool SelectTransport::SendAsync(unsigned int clientId, Common::PacketBuffer* pac
     }
     const SelectWorker* const own = SelectWorker::Current();
     if (own != nullptr && own->Engine() == this) {
-        if (const ContextPointer* const served = own->Serving(clientId)) return queue(*served, packet);
+        if (const ContextPointer* const served = own->Serving(clientId))
+            return SelectWorker::Queue(*served, packet);
     }
-    return queue(find(clientId), packet);
-}
-
-bool SelectTransport::queue(const ContextPointer& context, Common::PacketBuffer* packet) {
-    if (context == nullptr || context->Socket() == NetClientContext::InvalidSocket) return false;
-    if (!context->PushWritePacket(packet)) return false;
-    if (SelectWorker* const worker = context->worker.get()) worker->PostSend(context);
-    return true;
+    const ContextPointer context = find(clientId);
+    return context != nullptr && SelectWorker::Queue(context, packet);
 }
 
 void SelectTransport::Update(unsigned int clientId, NetConnectionParameters& parameters) {

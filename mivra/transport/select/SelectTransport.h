@@ -87,7 +87,6 @@ private:
     /// Gives it to the worker with the fewest; false when there is none.
     bool assign(const ContextPointer& context) MIVRA_REQUIRES(engineLock);
 
-    static bool queue(const ContextPointer& context, Common::PacketBuffer* packet);
     static Turn takeTurn(SelectClientContext& context, bool wait);
     void tearDown(const ContextPointer& context, bool notify);
     void forget(const ContextPointer& context) MIVRA_EXCLUDES(engineLock);

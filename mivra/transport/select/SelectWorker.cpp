@@ -78,7 +78,14 @@ void SelectWorker::Post(Kind kind, std::uint32_t clientId) {
     Wake();
 }
 
-void SelectWorker::PostSend(const ContextPointer& context) noexcept {
+bool SelectWorker::Queue(const ContextPointer& context, Common::PacketBuffer* packet) {
+    if (context->Socket() == NetClientContext::InvalidSocket || !context->PushWritePacket(packet))
+        return false;
+    if (SelectWorker* const worker = context->worker.get()) worker->postSend(context);
+    return true;
+}
+
+void SelectWorker::postSend(const ContextPointer& context) noexcept {
     if (context->sendPosted.load() || context->sendPosted.exchange(true)) return;
     try {
         if (s_current == this) {

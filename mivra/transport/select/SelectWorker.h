@@ -49,9 +49,10 @@ public:
     /// Contexts that it has or is about to take.
     int ClientCount() const noexcept { return clientCount; }
 
-    /// Any thread: a command, a context that has something to send. Post throws std::bad_alloc.
+    /// Any thread: queues a packet to a context and tells its worker; false when it was not taken.
+    static bool Queue(const ContextPointer& context, Common::PacketBuffer* packet);
+    /// Any thread: a command. std::bad_alloc.
     void Post(Kind kind, std::uint32_t clientId) MIVRA_EXCLUDES(lock);
-    void PostSend(const ContextPointer& context) noexcept MIVRA_EXCLUDES(lock);
     void Wake() noexcept;
     /// Its own thread: the context that it serves, when it is this client's; else null.
     const ContextPointer* Serving(std::uint32_t clientId) const noexcept {
@@ -70,6 +71,7 @@ private:
         std::uint32_t clientId;
     };
 
+    void postSend(const ContextPointer& context) noexcept MIVRA_EXCLUDES(lock);
     void run() noexcept;
     void pass();
     void takeCommands() MIVRA_EXCLUDES(lock);
