@@ -272,6 +272,12 @@ TEST(ParameterSet, InfersWhatIsNotThere) {
     EXPECT_EQ(parser.GetSps().vui_parameters.low_delay_hrd_flag, 1);
     parse(parser, fromHex(PlainPps));
     EXPECT_EQ(parser.GetPps().second_chroma_qp_index_offset, -2);
+    // An aspect ratio without width or height is none.
+    for (const char* const set : {"67640028acda02c047bff000000302de7091009b2400000fa4000753007682211216",
+                                  "67640028acda02c047bff00400000e7091009b2400000fa4000753007682211216"}) {
+        EXPECT_EQ(parse(parser, fromHex(set)), 1) << set;
+        EXPECT_TRUE(parser.GetAspectRatio() == Rational()) << set;
+    }
     // A fixed frame rate without HRDs: no low delay.
     parse(parser, fromHex("674d0028ed016023d08000000300800000194a"));
     EXPECT_EQ(parser.GetSps().vui_parameters.low_delay_hrd_flag, 0);

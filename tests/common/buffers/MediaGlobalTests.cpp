@@ -89,7 +89,8 @@ TEST_F(MediaGlobalTest, TakesTheSmallestPoolThatFits) {
         buffer->Release();
         return pool;
     };
-    EXPECT_EQ(poolOf(0), MediaGlobal::GetSmallAllocator());
+    PacketBufferAllocator* const first = poolOf(0);  // which makes the pools
+    EXPECT_EQ(first, MediaGlobal::GetSmallAllocator());
     EXPECT_TRUE(MediaGlobal::IsInitialized());
     EXPECT_EQ(poolOf(5120), MediaGlobal::GetSmallAllocator());
     EXPECT_EQ(poolOf(5121), MediaGlobal::GetAllocator());
@@ -99,18 +100,18 @@ TEST_F(MediaGlobalTest, TakesTheSmallestPoolThatFits) {
     EXPECT_EQ(MediaGlobal::LockBuffer(-1), nullptr);
 
     log.Clear();
-    PacketBuffer* const first = MediaGlobal::LockBuffer(1048577);
-    EXPECT_EQ(first->Size(), 2097154);
-    EXPECT_EQ(first->Allocator()->BufferCount(), 3);
+    PacketBuffer* const large = MediaGlobal::LockBuffer(1048577);
+    EXPECT_EQ(large->Size(), 2097154);
+    EXPECT_EQ(large->Allocator()->BufferCount(), 3);
     EXPECT_EQ(made(), Lines{});
-    PacketBufferAllocator* const extra = first->Allocator();
+    PacketBufferAllocator* const extra = large->Allocator();
     EXPECT_EQ(poolOf(2097154), extra);
     PacketBuffer* const second = MediaGlobal::LockBuffer(3000000);
     EXPECT_EQ(second->Allocator(), extra);
     EXPECT_EQ(second->Size(), 6000000);
     EXPECT_EQ(extra->BufferCount(), 3);
     EXPECT_TRUE(log.Contains("re-allocating 3 buffers of 6000000 bytes"));
-    first->Release();
+    large->Release();
     second->Release();
 }
 
