@@ -14,7 +14,7 @@ complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a convert -d '
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a sps -d 'Change the size or aspect ratio that H.264 tells'
 complete -c mivra -n "not __fish_seen_subcommand_from $commands" -a doctor -d 'Tell what a relay needs and what is missing'
 
-complete -c mivra -n '__fish_seen_subcommand_from relay record probe convert sps' -a 'tcp:// tcp-listen:// udp://' -d 'The network'
+complete -c mivra -n '__fish_seen_subcommand_from relay record transcode snapshot probe convert sps' -a 'tcp:// tcp-listen:// udp://' -d 'The network'
 
 complete -c mivra -n '__fish_seen_subcommand_from relay' -s o -l output -r -F -d 'Another output'
 complete -c mivra -n '__fish_seen_subcommand_from relay' -l realtime -d 'As fast as the media plays'
