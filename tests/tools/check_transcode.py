@@ -96,7 +96,10 @@ class Transcode(Case):
                 if video:
                     self.assertEqual(int(found["video"]["nb_read_frames"]), 125)
 
-        self.make("c.mp4", "--preset", "ultrafast", source=INPUTS / "changes.flv")  # another size and rate half-way
+        output = self.make("c.mp4", "--preset", "ultrafast", source=INPUTS / "changes.flv")
+        found, duration = streams(output)  # of another size and rate half-way
+        self.assertAlmostEqual(duration, 10, delta=0.1)
+        self.assertAlmostEqual(int(found["audio"]["nb_read_frames"]) * 1024 / 44100, 10, delta=0.2)
 
     def test_times_are_kept(self):
         for source in [FILM, INPUTS / "uneven.mp4", INPUTS / "plain.mp4"]:
@@ -128,6 +131,16 @@ class Transcode(Case):
                 self.assertAlmostEqual(times(output)[0], first / 25 - start, delta=0.0001)
                 audio = ffmpeg("-i", output, "-f", "s16le", "-").stdout  # one channel
                 self.assertAlmostEqual(len(audio) / 2 / 48000, min(length, 5 - start), delta=0.03)
+
+    def test_audio_begins_at_the_sample(self):
+        sound = memoryview(ffmpeg("-i", FILM, "-f", "s16le", "-").stdout).cast("h")
+        output = self.make("part.mkv", "--audio", "pcm", "--start", 2.01, "--for", 2, "--preset", "ultrafast")
+        part = memoryview(ffmpeg("-i", output, "-f", "s16le", "-").stdout).cast("h")
+        self.assertEqual(len(part), 2 * 48000)
+        first = round(2.01 * 48000)
+        self.assertLessEqual(max(abs(a - b) for a, b in zip(part, sound[first:])), 1)
+        copied = self.make("copied.mkv", "--audio", "copy", "--start", 2, "--preset", "ultrafast")
+        self.assertAlmostEqual(times(copied, "a")[0], 0, delta=0.03)
 
     def test_damage_and_interruption(self):
         cut = self.folder / "cut.ts"
