@@ -24,8 +24,8 @@ public:
     virtual ~IDecoder();
 
     /// Takes one packet; the caller keeps its own reference. A packet that cannot be decoded is logged and
-    /// dropped; the engine may mark the next frame (FFmpeg's does, see docs/engines.md). After Drain, the packet
-    /// begins the stream anew.
+    /// dropped; the engine may mark the next frame (FFmpeg's does, see docs/engines.md). After Drain, the
+    /// packet begins the stream anew.
     virtual void Write(Common::PacketBuffer* packet) = 0;
     /// The next frame, in the order of presentation, with one reference that is the caller's; null when none
     /// is ready.
