@@ -22,7 +22,6 @@ using Platform::System;
 namespace {
 
 constexpr int kIdleMilliseconds = 10;
-constexpr int kForEver = -1;
 constexpr std::uint32_t kNoClient = 0;  // the wake descriptor's id in the set
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 
@@ -106,9 +105,8 @@ void SelectWorker::Wake() noexcept {
     hasWork = true;
     if (waiting.load() && !woken.exchange(true)) {
         const std::uint64_t one = 1;
-        // Again when it fails; a counter that is full wakes as well.
-        for (int i = 0; i < 2 && System().write(wakeDescriptor.get(), &one, sizeof one) < 0; ++i) {
-        }
+        // A counter that is full wakes as well.
+        static_cast<void>(System().write(wakeDescriptor.get(), &one, sizeof one));
     }
 }
 
@@ -240,12 +238,10 @@ void SelectWorker::flush(const ContextPointer& context) {
 int SelectWorker::wait() {
     waiting = true;
     const bool idle = toSend.empty() && orders.empty() && !lookSoon && !hasWork.load();
-    // A timer costs as much as a small packet.
-    const int limit = anyUnwatched || !later.empty() ? kIdleMilliseconds : kForEver;
     int ready = -1;
     if (watchSet) {
         ready = System().awaitWatchSet(watchSet.get(), events.data(), static_cast<int>(events.size()),
-                                       idle ? limit : 0);
+                                       idle ? kIdleMilliseconds : 0);
         if (ready < 0 && errno == EINTR) ready = 0;
     }
     waiting = false;
