@@ -5,6 +5,7 @@
 #include <future>
 #include <thread>
 
+#include "mivra/platform/System.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/transport/TransportFixture.h"
 
@@ -281,6 +282,34 @@ TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
     ender.join();
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::disconnectClient: client 1 is deleted already"));
     EXPECT_EQ(recorder->Events(), (Lines{"connected 1", "disconnecting 1", "released 1"}));
+}
+
+// The same of a listener, which is held up on its way out of the set.
+TEST_F(SelectFailure, AListenerMayBeGoneBeforeItsEnd) {
+    static std::promise<void> s_inside;
+    static std::promise<void> s_go;
+    static std::atomic<bool> s_isHeld{false};
+    static const auto s_change = Platform::g_system.changeWatchSet;
+    Platform::g_system.changeWatchSet = [](int set, int operation, int descriptor, epoll_event* event) {
+        if (operation == EPOLL_CTL_DEL && !s_isHeld.exchange(true)) {
+            s_inside.set_value();
+            s_go.get_future().wait();
+        }
+        return s_change(set, operation, descriptor, event);
+    };
+    start();
+    const int port = PosixPeer::FreePort();
+    ASSERT_TRUE(engine->Listen("127.0.0.1", port, recorder.get(), nullptr));
+    const PosixPeer peer = PosixPeer::Connect(port);
+    ASSERT_TRUE(recorder->Await("connected 2"));
+    std::thread ender([&] { engine->StopListen(port); });
+    s_inside.get_future().wait();
+    engine->Shutdown();
+    s_go.set_value();
+    ender.join();
+    Platform::g_system.changeWatchSet = s_change;
+    EXPECT_TRUE(log.Contains("DEBUG SelectTransport::Shutdown: removed client context 1"));
+    EXPECT_TRUE(log.Contains("DEBUG SelectTransport::disconnectClient: listener 1 is deleted already"));
 }
 
 }  // namespace
