@@ -3,6 +3,7 @@
 // Fields of FFmpeg's records whose place differs between the versions that this library is compiled with.
 
 #include <cstdint>
+#include <cstring>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -57,6 +58,16 @@ inline void allowThreadedBuffers(AVCodecContext& context) {
 #else
     static_cast<void>(context);
 #endif
+}
+
+/// What stands in an enumerated field. A damaged stream leaves numbers there that are none of the
+/// enumerators, and to read these as such is undefined.
+template <typename Enumeration>
+int storedNumber(const Enumeration& field) {
+    int number = 0;
+    static_assert(sizeof(number) == sizeof(field));
+    std::memcpy(&number, &field, sizeof(number));
+    return number;
 }
 
 #if defined(__GNUC__)

@@ -233,8 +233,13 @@ Rational PictureOutput::aspectOf(const AVFrame& frame, const PictureLayout& layo
 }
 
 void PictureOutput::tellType(const AVFrame& frame, const PictureLayout& layout) {
-    const Traits traits{layout,          aspectOf(frame, layout), frame.color_range,    frame.color_primaries,
-                        frame.color_trc, frame.colorspace,        frame.chroma_location};
+    const Traits traits{layout,
+                        aspectOf(frame, layout),
+                        storedNumber(frame.color_range),
+                        storedNumber(frame.color_primaries),
+                        storedNumber(frame.color_trc),
+                        storedNumber(frame.colorspace),
+                        storedNumber(frame.chroma_location)};
     if (traits == told) {
         return;
     }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "mivra/ffmpeg/FrameFields.h"
+
 extern "C" {
 #include <libswscale/swscale.h>
 }
@@ -28,11 +30,13 @@ void setColors(const AVFrame& frame, const PictureLayout& to, SwsContext* scaler
         return;
     }
     constexpr int kOne = 1 << 16;  // contrast and saturation as they are
-    const int* const matrix = FfmpegOptional::sws_getCoefficients(
-        frame.colorspace == AVCOL_SPC_UNSPECIFIED ? SWS_CS_DEFAULT : frame.colorspace);
-    const bool fromFull = frame.color_range == AVCOL_RANGE_JPEG || isFullRangeFormat(frame.format);
+    const int space = storedNumber(frame.colorspace);
+    const bool toldFull = storedNumber(frame.color_range) == AVCOL_RANGE_JPEG;
+    const int* const matrix =
+        FfmpegOptional::sws_getCoefficients(space == AVCOL_SPC_UNSPECIFIED ? SWS_CS_DEFAULT : space);
+    const bool fromFull = toldFull || isFullRangeFormat(frame.format);
     // Unless the format says otherwise, pictures stay in their range.
-    const bool toFull = isFullRangeFormat(to.format) || (frame.color_range == AVCOL_RANGE_JPEG);
+    const bool toFull = isFullRangeFormat(to.format) || toldFull;
     FfmpegOptional::sws_setColorspaceDetails(scaler, matrix, fromFull ? 1 : 0, matrix, toFull ? 1 : 0, 0,
                                              kOne, kOne);
 }
@@ -40,7 +44,12 @@ void setColors(const AVFrame& frame, const PictureLayout& to, SwsContext* scaler
 }  // namespace
 
 bool PictureScaler::prepare(const AVFrame& frame, const PictureLayout& to) {
-    const Conversion wanted{frame.width, frame.height, frame.format, frame.color_range, frame.colorspace, to};
+    const Conversion wanted{frame.width,
+                            frame.height,
+                            frame.format,
+                            storedNumber(frame.color_range),
+                            storedNumber(frame.colorspace),
+                            to};
     if (scaler != nullptr && wanted == conversion) {
         return true;
     }
