@@ -1,6 +1,5 @@
 #include "mivra/ffmpeg/FramePool.h"
 
-#include <cstring>
 #include <limits>
 #include <new>
 
@@ -88,11 +87,10 @@ FrameBuffer* FramePool::take() {
 
 FrameBuffer* FramePool::make() {
     const std::size_t bytes = static_cast<std::size_t>(bufferSize) + FrameBuffer::kAlignment;
-    void* const memory = System().allocate(bytes);
+    void* const memory = System().allocateZeroed(bytes);  // what a damaged stream leaves out is no old data
     if (memory == nullptr) {
         return nullptr;
     }
-    std::memset(memory, 0, bytes);  // what a damaged stream leaves out is nobody else's data
     FrameBuffer* buffer = nullptr;
     try {
         buffers.reserve(buffers.size() + 1);

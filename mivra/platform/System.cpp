@@ -172,6 +172,7 @@ constinit SystemTable g_system = {
     .wakeWord = wakeOnWord,
     .startThread = startStdThread,
     .allocate = std::malloc,
+    .allocateZeroed = [](std::size_t size) { return std::calloc(1, size); },
     .free = std::free,
 };
 

@@ -112,6 +112,8 @@ struct SystemTable {
 
     /// Memory of pools and scratch buffers: null when there is none; release with free.
     void* (*allocate)(std::size_t size);
+    /// The same, zeroed: free of charge where the system hands out fresh pages.
+    void* (*allocateZeroed)(std::size_t size);
     void (*free)(void* memory);
 };
 

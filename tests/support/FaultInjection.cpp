@@ -140,6 +140,7 @@ const bool s_installed = [] {
     Stand<MakeDirectory, &T::makeDirectory>::install();
     Stand<Lock, &T::lockRange>::install();
     Stand<Allocate, &T::allocate>::install();
+    Stand<Allocate, &T::allocateZeroed>::install();
     Stand<StartThread, &T::startThread>::install();
     Stand<OpenLibrary, &T::openLibrary>::install();
     Stand<FindSymbol, &T::findSymbol>::install();

@@ -21,7 +21,7 @@ enum class FaultKind {
     Unlink,
     MakeDirectory,
     Lock,      // lockRange, both ways
-    Allocate,  // operator new (std::bad_alloc) and SystemTable::allocate (null)
+    Allocate,  // operator new (std::bad_alloc), SystemTable::allocate and allocateZeroed (null)
     StartThread,
     OpenLibrary,
     FindSymbol,
