@@ -2,10 +2,13 @@
 """Runs `mivra transcode` and `mivra snapshot` as a user would, and asks ffprobe and ffmpeg what they have made:
 check_transcode.py MIVRA FOLDER-FOR-INPUTS"""
 
+import contextlib
 import json
 import os
 import pathlib
+import pty
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -177,7 +180,7 @@ class Transcode(Case):
                 (2, "relay", film, out, "--video", "copy", "--audio", "copy"), (2, "an input and an output", film),
                 (2, "does not tell a format", film, self.folder / "out.xyz"), (2, "also an input", film, film),
                 (2, "it lasts from 0", film, out, "--start", "60"), (3, "cannot open the input", "/nowhere.mp4", out),
-                (3, "not divisible by 2", film, out, "--size", "161x121"),
+                (3, "rawvideo 161x121 as h264: libx264", film, out, "--size", "161x121"),
                 (3, "does not hold", film, self.folder / "out.flv", "--video", "vp9"),
                 (3, "cannot open the output", film, "/nowhere/out.mp4"),
                 (3, "cannot open the input", pathlib.Path(__file__), out)]:
@@ -212,6 +215,32 @@ class Snapshot(Case):
             video = streams(self.make(name, *words, command="snapshot"))
             self.assertEqual((video[0]["video"]["width"], video[0]["video"]["height"]), size)
 
+    def test_turned_pictures_stand_upright(self):
+        whole = FILM.read_bytes()
+        at = whole.index(struct.pack(">9i", 65536, 0, 0, 0, 65536, 0, 0, 0, 1 << 30), whole.index(b"tkhd"))
+        source = self.folder / "turned.mp4"
+        for turn in [(0, -1, 1, 0), (0, 1, 1, 0), (-1, 0, 0, 1)]:  # the last two are mirrored
+            matrix = struct.pack(">9i", turn[0] << 16, turn[1] << 16, 0, turn[2] << 16, turn[3] << 16, 0, 0, 0, 1 << 30)
+            source.write_bytes(whole[:at] + matrix + whole[at + 36:])
+            expected = gray(source, "-frames:v", "1")[0]
+            for output in [self.make("a.png", "--at", "0", source=source, command="snapshot"),
+                           self.make("a.mp4", "--preset", "ultrafast", "--for", "0.2", source=source)]:
+                self.assertLess(nearest(gray(output)[0], [expected])[1], 4, (turn, output))
+        self.make("a.mkv", "--preset", "ultrafast", "--for", "0.2", source=source)
+        self.assertIn("cannot tell that its pictures are to be turned", self.told)
+
+    def test_a_terminal_sees_how_far_it_is(self):
+        leader, follower = pty.openpty()
+        with subprocess.Popen([MIVRA, "snapshot", FILM, "--grid", "30x30", "--size", "16x16", "-o", self.folder / "g.png"],
+                              stderr=follower, env=os.environ | {"TERM": "xterm"}) as child:
+            os.close(follower)
+            with open(leader, "rb", buffering=0) as terminal:
+                self.assertRegex(terminal.read(200), rb"\d+%.*")
+                with contextlib.suppress(OSError):  # how a terminal ends
+                    while terminal.read(1000):
+                        pass
+        self.assertEqual(child.returncode, 0)
+
     def test_tiles_are_spread_evenly(self):
         sheet, whole = self.make("g.png", "--grid", "5x1", "--size", "320x180", command="snapshot"), gray(FILM)
         for tile in range(5):
@@ -226,6 +255,7 @@ class Snapshot(Case):
         for code, part, *words in [
                 (2, "ends at 5.000 s", FILM, "--at", "5.001", "-o", out), (2, "one of --at", FILM, "-o", out),
                 (2, "one of --at", FILM, "-o", out, "--at", "1", "--grid", "2x2"), (2, "4x3", FILM, "-o", out, "--grid", "4"),
+                (2, "too large: 32000x18000", FILM, "-o", out, "--grid", "100x100"),
                 (2, ".png", FILM, "--at", "1", "-o", "a.gif"), (3, "cannot open the input", "/nowhere.mp4", "--at", "1", "-o", out),
                 (3, "cannot open the output", FILM, "--at", "1", "-o", "/nowhere/a.png")]:
             with self.subTest(words=words):

@@ -1,8 +1,10 @@
 #include "tools/mivra/PictureReader.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
+#include "mivra/common/buffers/MediaGlobal.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/StreamMapping.h"
 #include "tools/mivra/TranscodeEngines.h"
@@ -16,6 +18,8 @@ using Common::MediaType;
 bool isCover(const MediaType& type) {
     return (numberOf(type, Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0;
 }
+
+constexpr std::int64_t kBytesOfPixel = 3;
 
 /// The film, else a cover picture; -1: neither.
 int choosePictures(const Demuxer& input) {
@@ -43,6 +47,9 @@ PictureReader::PictureReader(const std::string& name) : path(name), input(name) 
     for (int i = 0; i < input.StreamCount(); ++i) {
         input.SetDiscarded(i, i != stream);
     }
+    if (const PictureTurn turn(input.Type(stream)); !turn.IsNone()) {
+        asked = turn;
+    }
 }
 
 void PictureReader::SetSize(int wide, int high) {
@@ -65,12 +72,46 @@ bool PictureReader::pass(Packet& shown, std::int64_t time) {
     return false;
 }
 
+/// What a type becomes when its pictures are turned as asked.
+MediaType PictureReader::turned(MediaType type) const {
+    if (asked.has_value() && asked->SwapsSides()) {
+        std::swap(type.Width(), type.Height());
+        type.PixelAspectRatio() = !type.PixelAspectRatio();
+    }
+    return type;
+}
+
+Packet PictureReader::turn(Packet picture) {
+    const MediaType type = decoder->GetOutputMediaType();
+    pictureType = turned(type);
+    if (!asked.has_value() || !picture) {
+        return picture;
+    }
+    const std::int64_t row = std::int64_t{type.Width()} * kBytesOfPixel;
+    Packet made = Packet::Adopt(Media::MediaGlobal::LockBuffer(static_cast<int>(row * type.Height())));
+    if (!made) {
+        throw std::bad_alloc();
+    }
+    asked->Apply(picture->Buffer(), type.Width(), type.Height(), numberOf(type, "Stride", row),
+                 made->Buffer());
+    made->ActualSize() = static_cast<int>(row * type.Height());
+    made->ExtraData() = picture->ExtraData();
+    pictureType.CodecMetadata().RemoveKey("Stride");
+    pictureType.CodecMetadata().RemoveKey("Rows");
+    pictureType.FrameSize() = made->ActualSize();
+    return made;
+}
+
 Packet PictureReader::ShownAt(std::int64_t time) {
     MediaType wanted;
     wanted.PixelFormat() = static_cast<Common::PixelFormat_t>(AV_PIX_FMT_RGB24);
     wanted.Width() = width;
     wanted.Height() = height;
-    decoder = makeDecoder(Type(), wanted, 0, true, path);
+    decoder = makeDecoder(input.Type(stream), turned(wanted), 0, true, path);
+    return turn(find(time));
+}
+
+Packet PictureReader::find(std::int64_t time) {
     if (input.CanSeek()) {
         input.SeekToKeyFrame(std::max<std::int64_t>(time, 0));
     }

@@ -19,6 +19,7 @@ struct Progress {
     double duration = 0;                       ///< seconds of media in all, 0 when unknown
     std::uint64_t packets = 0;                 ///< taken from the inputs; in a summary, written
     std::uint64_t bytes = 0;                   ///< payload of those
+    bool pictures = false;                     ///< it is pictures that are counted, and no bytes
     std::optional<std::uint64_t> queued = {};  ///< packets on their way to the outputs, where that is known
 };
 

@@ -107,8 +107,11 @@ std::vector<Field> liveFields(const Progress& progress, const LiveStyle& style) 
     fields.push_back(plain(time, share >= 0 ? 3 : 0));
     const std::string speed = speedText(progress, style.unicode);
     fields.push_back(plain(speed, 1, static_cast<int>(speed.size()) - (style.unicode ? 1 : 0)));
-    fields.push_back(plain(std::to_string(progress.packets) + " packets", 4));
-    fields.push_back(plain(scaled(bitRateOf(progress), "b/s"), 5));
+    fields.push_back(
+        plain(std::to_string(progress.packets) + (progress.pictures ? " pictures" : " packets"), 4));
+    if (!progress.pictures) {
+        fields.push_back(plain(scaled(bitRateOf(progress), "b/s"), 5));
+    }
     if (progress.queued.has_value()) {
         fields.push_back(plain("queue " + std::to_string(*progress.queued), 6));
     }

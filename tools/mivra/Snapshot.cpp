@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -17,9 +18,11 @@
 
 #include "mivra/media/EncoderFactory.h"
 #include "tools/mivra/ContactSheet.h"
+#include "tools/mivra/LibraryUse.h"
 #include "tools/mivra/MediaRuntime.h"
 #include "tools/mivra/PictureReader.h"
 #include "tools/mivra/ProblemError.h"
+#include "tools/mivra/ProgressText.h"
 #include "tools/mivra/StreamMapping.h"
 #include "tools/mivra/TranscodeEngines.h"
 
@@ -30,7 +33,11 @@ using Common::MediaType;
 using Common::PacketBuffer;
 
 constexpr int kTileWidth = 320;
+constexpr double kRedrawSeconds = 0.1;
 constexpr int kLargestSide = 32767;
+// FFmpeg takes pictures of fewer pixels than this, with a margin added to each side.
+constexpr std::int64_t kMostPixels = std::int64_t{1} << 28;
+constexpr std::int64_t kSideMargin = 128;
 
 struct PictureFormat {
     const char* extension;
@@ -60,7 +67,7 @@ std::int64_t toPacketTime(double seconds) {
 
 std::string secondsText(std::int64_t time) {
     char text[64];
-    std::snprintf(text, sizeof(text), "%.3f s", static_cast<double>(time) / kPacketSecond);
+    std::snprintf(text, sizeof(text), "%.3f s", toSeconds(time));
     return text;
 }
 
@@ -100,13 +107,43 @@ void writeFile(const std::string& path, PacketBuffer& bytes) {
     }
 }
 
+/// How far a sheet has come, as a live line; nothing when nobody looks at a terminal.
+class SheetProgress {
+public:
+    SheetProgress(Console& where, double duration) : console(where) {
+        progress.duration = duration;
+        progress.pictures = true;
+    }
+    ~SheetProgress() { console.EndLive(); }
+    SheetProgress(const SheetProgress&) = delete;
+    SheetProgress& operator=(const SheetProgress&) = delete;
+
+    void Update(double position, int count) {
+        progress.elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
+        progress.position = position;
+        progress.packets = static_cast<std::uint64_t>(count);
+        if (console.IsTerminal() && progress.elapsed >= next) {
+            console.SetLive(liveLine(progress, {console.Width(), console.HasColor(), console.HasUnicode()}));
+            next = progress.elapsed + kRedrawSeconds;
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    Console& console;
+    const Clock::time_point begin = Clock::now();
+    Progress progress;
+    double next = kRedrawSeconds;
+};
+
 class Snapshot {
 public:
     explicit Snapshot(const SnapshotOptions& what)
         : options(what), format(*findFormat(what.output)), reader(what.input) {}
 
     ExitCode Run(Console& console) {
-        options.columns > 0 ? takeSheet() : takeOne();
+        options.columns > 0 ? takeSheet(console) : takeOne();
         const std::string damage =
             reader.Damage().empty() && damaged ? "a picture could not be decoded whole" : reader.Damage();
         if (!damage.empty()) {
@@ -123,23 +160,23 @@ private:
         save(reader.PictureType(), *picture.get());
     }
 
-    void takeSheet() {
+    void takeSheet(Console& console) {
         const std::int64_t duration = reader.Duration();
         if (duration <= 0) {
             throw ProblemError(ExitCode::CannotOpen, {"the input does not tell how long it is", options.input,
                                                       "a sheet needs a file"});
         }
         const auto [width, height] = tileSize();
-        if (options.columns * width > kLargestSide || options.rows * height > kLargestSide) {
-            throw ProblemError(ExitCode::Usage, {"the sheet would be too large", options.output,
-                                                 "choose fewer or smaller pictures"});
-        }
+        checkSheet(options.columns * width, options.rows * height);
         reader.SetSize(width, height);
         ContactSheet sheet(options.columns, options.rows, width, height);
         const int count = options.columns * options.rows;
+        SheetProgress shown(console, toSeconds(duration));
         for (int i = 0; i < count; ++i) {
             // The middle of each part, so that neither the first nor the last picture is a black one.
-            put(rescale(duration, {2 * i + 1, 2 * count}, {1, 1}), i, sheet);
+            const std::int64_t time = rescale(duration, {2 * i + 1, 2 * count}, {1, 1});
+            put(time, i, sheet);
+            shown.Update(toSeconds(time), i + 1);
         }
         MediaType type;
         type.ContentType() = Common::ContentType_t::Video;
@@ -152,9 +189,18 @@ private:
         save(type, *pixels.get());
     }
 
+    void checkSheet(int width, int height) const {
+        if (width > kLargestSide || height > kLargestSide ||
+            (width + kSideMargin) * (height + kSideMargin) >= kMostPixels) {
+            throw ProblemError(ExitCode::Usage, {"the sheet would be too large: " + std::to_string(width) +
+                                                     "x" + std::to_string(height),
+                                                 options.output, "choose fewer or smaller pictures"});
+        }
+    }
+
     void put(std::int64_t time, int number, ContactSheet& sheet) {
         const Packet picture = shownAt(time);
-        const MediaType type = reader.PictureType();
+        const MediaType& type = reader.PictureType();
         const auto stride = numberOf(type, "Stride", std::int64_t{type.Width()} * 3);
         sheet.Put(number % options.columns, number / options.columns, picture->Buffer(),
                   static_cast<int>(stride), clockText(time));
@@ -179,7 +225,7 @@ private:
         if (options.width > 0) {
             return {options.width, options.height};
         }
-        const MediaType& type = reader.Type();
+        const MediaType type = reader.ShownType();
         double shape = double(std::max(1, type.Width())) / std::max(1, type.Height());
         if (type.PixelAspectRatio().Num() > 0 && type.PixelAspectRatio().Den() > 0) {
             shape *= double(type.PixelAspectRatio().Num()) / type.PixelAspectRatio().Den();
@@ -210,7 +256,7 @@ bool isPictureName(const std::string& path) {
 }
 
 ExitCode snapshot(const SnapshotOptions& options) {
-    Console console(STDOUT_FILENO);
+    Console console(STDERR_FILENO);
     std::error_code ignored;
     if (std::filesystem::equivalent(options.input, options.output, ignored)) {
         console.Error({"the output is also the input", options.output, "choose another name"});

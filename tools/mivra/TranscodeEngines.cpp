@@ -69,6 +69,11 @@ EncoderEnd::EncoderEnd(const MediaType& input, const LaneSettings& settings, Lan
     : end(std::move(to)), path(settings.path) {
     MediaType from(input);
     MediaType wanted(settings.wanted);
+    const bool video = input.ContentType() == Common::ContentType_t::Video;
+    if (video && (input.Width() <= 0 || input.PixelFormat() == Common::PixelFormat_t::None)) {
+        throw ProblemError(ExitCode::CannotOpen, {"the input does not tell what its pictures are", path,
+                                                  "is the file damaged, or cut short?"});
+    }
     Media::EncoderParameters parameters;
     parameters.AllowHardwareAcceleration = settings.hardware;
     parameters.ThreadCount = settings.threads > 0 ? settings.threads : -1;
@@ -76,10 +81,14 @@ EncoderEnd::EncoderEnd(const MediaType& input, const LaneSettings& settings, Lan
     RefusalWatch refusal;
     encoder = Media::EncoderFactory::Create(&from, &wanted, &parameters);
     if (encoder == nullptr || !encoder->IsUsable()) {
+        if (video && wanted.Width() > 0) {
+            from.Width() = wanted.Width();
+            from.Height() = wanted.Height();
+        }
         throw ProblemError(ExitCode::CannotOpen,
-                           {"nothing here encodes " + describe(input) + " as " +
+                           {"nothing here encodes " + describe(from) + " as " +
                                 codecName(static_cast<int>(wanted.CodecId())) + refusal.text,
-                            path, ""});
+                            path, video ? "another --size or --video may do" : "another --audio may do"});
     }
     type = *encoder->GetOutputMediaType();
 }

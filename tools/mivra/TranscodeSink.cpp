@@ -11,6 +11,7 @@
 #include "mivra/common/runtime/GeneralException.h"
 #include "tools/mivra/CodecNames.h"
 #include "tools/mivra/FileSource.h"
+#include "tools/mivra/PictureTurn.h"
 #include "tools/mivra/ProblemError.h"
 #include "tools/mivra/StreamMapping.h"
 
@@ -25,7 +26,8 @@ using Common::Rational;
 using Media::MediaState;
 
 /// What travels from the input's description to the output's, beside the fields that are set one by one.
-constexpr const char* kKept[] = {Key::kTimeBaseNum, Key::kTimeBaseDen, Key::kDisposition, "Language"};
+const std::string kKept[] = {Key::kTimeBaseNum, Key::kTimeBaseDen, Key::kDisposition, "Language",
+                             displayMatrixKey()};
 
 std::int64_t toPacketTime(double seconds) {
     return std::llround(seconds * static_cast<double>(kPacketSecond));
@@ -112,11 +114,23 @@ void TranscodeSink::begin() {
         types[index] = lanes[index]->Type();
     }
     output->Begin(types);
+    noteTurned();
     started = true;
     for (const auto& lane : lanes) {
         if (lane != nullptr) {
             lane->Start();
         }
+    }
+}
+
+/// Pictures stay as they were recorded; only some formats can tell how they are to be turned.
+void TranscodeSink::noteTurned() const {
+    const bool tells = std::strcmp(format.muxer, "mp4") == 0;
+    const bool turned = std::any_of(lanes.begin(), lanes.end(), [](const auto& lane) {
+        return lane != nullptr && !PictureTurn(lane->Type()).IsNone();
+    });
+    if (turned && !tells) {
+        shared->monitor.Note(options.output + " cannot tell that its pictures are to be turned; .mp4 can");
     }
 }
 
@@ -172,7 +186,7 @@ std::unique_ptr<TranscodeLane> TranscodeSink::makeLane(std::size_t index, const 
     settings.path = options.input;
     settings.wanted.ContentType() = input.ContentType();
     settings.wanted.CodecId() = plan.type.CodecId();
-    for (const char* const key : kKept) {
+    for (const std::string& key : kKept) {
         if (input.CodecMetadata().ContainsKey(key)) {
             settings.wanted.CodecMetadata()[key] = const_cast<MediaType&>(input).CodecMetadata()[key];
         }

@@ -43,6 +43,7 @@ private:
     };
 
     void begin();
+    void noteTurned() const;
     Plan planOf(const Common::MediaType& input) const;
     void checkChoice(const std::vector<Plan>& plans, const std::vector<std::size_t>& chosen) const;
     std::unique_ptr<TranscodeLane> makeLane(std::size_t index, const Plan& plan);
