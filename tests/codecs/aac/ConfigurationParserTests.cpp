@@ -221,17 +221,6 @@ TEST_F(AacFrames, AreNullWhenThePoolsAreEmpty) {
     EXPECT_EQ(out, nullptr);
 }
 
-TEST_F(AacFrames, KeepTheirHeaderWhenItIsRemoved) {
-    std::string data = "header and payload";
-    const Packet in = wrap(data);
-    in->Position() = 3;
-    PacketBuffer* out = nullptr;
-    ConfigurationParser::AdtsRemoveHeader(in.get(), out);
-    ASSERT_EQ(out, in.get());
-    EXPECT_EQ(out->Position(), 3);
-    EXPECT_EQ(out->Release(), 1);
-}
-
 TEST_F(AacFrames, ComeFromDeepCopiesToo) {
     ConfigurationParser copy(parser);
     ConfigurationParser assigned;

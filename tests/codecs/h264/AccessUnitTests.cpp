@@ -12,7 +12,7 @@
 namespace Mivra::Codecs::H264 {
 namespace {
 
-using namespace Testing;
+using namespace Test;
 using Parser = H264ConfigurationParser;
 
 // Everything that a slice header may hold: fields, order count type 0 with 4 bits, redundant pictures.

@@ -9,7 +9,7 @@
 namespace Mivra::Codecs::H264 {
 namespace {
 
-using namespace Testing;
+using namespace Test;
 using Parser = H264ConfigurationParser;
 
 const Bytes Sets = coded(Sps) + coded(Pps);

@@ -4,15 +4,25 @@
 
 #include <initializer_list>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/common/runtime/Reference.h"
 
-namespace Mivra::Codecs::H264::Testing {
+namespace Mivra::Test {
 
 using Bytes = std::vector<unsigned char>;
+
+/// Two hexadecimal digits a byte.
+inline Bytes fromHex(std::string_view text) {
+    Bytes bytes;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+    }
+    return bytes;
+}
 
 inline Bytes joined(std::initializer_list<Bytes> parts) {
     Bytes whole;
@@ -99,4 +109,4 @@ inline const Bytes P2 = unitOfBits(0x01, "1 00110 1 0010 1111000011");
 inline const Bytes Recovery{0x06, 0x06, 0x01, 0xC4, 0x80};
 inline const Bytes LateRecovery{0x06, 0x06, 0x01, 0x64, 0x80};
 
-}  // namespace Mivra::Codecs::H264::Testing
+}  // namespace Mivra::Test

@@ -13,21 +13,6 @@
 
 namespace Mivra::Test {
 
-using Codecs::H264::Testing::Bytes;
-using Codecs::H264::Testing::coded;
-using Codecs::H264::Testing::joined;
-using Codecs::H264::Testing::Packet;
-using Codecs::H264::Testing::prefixed;
-
-/// Two hexadecimal digits a byte.
-inline Bytes fromHex(std::string_view text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-    }
-    return bytes;
-}
-
 inline Bytes annexB(const Bytes& sps, const Bytes& pps) {
     return joined({coded(sps), coded(pps, false)});
 }

@@ -18,9 +18,9 @@ namespace {
 
 using namespace Mivra::Codecs::H264;
 using Mivra::Common::MediaType;
-using Testing::Bytes;
-using Testing::coded;
-using Testing::joined;
+using Mivra::Test::Bytes;
+using Mivra::Test::coded;
+using Mivra::Test::joined;
 using Parser = H264ConfigurationParser;
 
 MediaType TypeWith(const Bytes& data) {
@@ -80,33 +80,6 @@ TEST(AvcConfigurationRecord, EndsWhereItMay) {
         const auto record = AvcConfigurationRecord::Read(cut);
         EXPECT_EQ(record.has_value(), good) << size;
         EXPECT_TRUE(!record || record->format.has_value() == whole) << size;
-    }
-}
-
-// Counts and lengths at their place in FullRecord, what they are, and which wrong values make it malformed.
-TEST(AvcConfigurationRecord, ChecksCountsAndLengths) {
-    const struct {
-        std::size_t place;
-        bool twoBytes;
-        int right;
-    } fields[] = {
-        {5, false, 0xE2}, {6, true, 5},  {13, true, 5},  {20, false, 2},
-        {21, true, 2},    {25, true, 2}, {32, false, 1}, {33, true, 3},
-    };
-    for (const auto& field : fields) {
-        for (const int wrong : {-1, 0, field.right - 1, field.right + 1, 0x7FFF}) {
-            Bytes record = FullRecord;
-            if (field.twoBytes) {
-                ASSERT_EQ(record[field.place] << 8 | record[field.place + 1], field.right);
-                record[field.place] = static_cast<unsigned char>(wrong >> 8);
-                record[field.place + 1] = static_cast<unsigned char>(wrong);
-            } else {
-                ASSERT_EQ(record[field.place], field.right);
-                record[field.place] = static_cast<unsigned char>(wrong);
-            }
-            const bool tooLarge = wrong < 0 || wrong == 0x7FFF;
-            EXPECT_FALSE(tooLarge && AvcConfigurationRecord::Read(record)) << field.place << ": " << wrong;
-        }
     }
 }
 
@@ -179,19 +152,6 @@ TEST(PrivateData, RefusesWhatMakesNone) {
     EXPECT_EQ(DataOf(cut), (Bytes{1, 0x42}));
     MediaType none;
     EXPECT_TRUE(Parser::ConvertPrivateDataToAvc(none) && Parser::ConvertPrivateDataToAnnexB(none));
-}
-
-TEST(PrivateData, MakesARecordOfOneSetOfEachKind) {
-    MediaType type;
-    Bytes sps = HighSps;
-    Bytes pps = Pps;
-    EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, pps.data(), 2));
-    EXPECT_EQ(DataOf(type),
-              joined({{1, 0x64, 0, 0x29, 0xFF, 0xE1, 0, 5}, HighSps, {1, 0, 2}, Pps, {0xFD, 0xF8, 0xF8, 0}}));
-    EXPECT_TRUE(Parser::GenerateCodecPrivateData(type, sps.data(), 5, nullptr, 0));
-    EXPECT_EQ(type.CodecPrivateDataSize(), 5 + 8 + 1 + 4);
-    EXPECT_FALSE(Parser::GenerateCodecPrivateData(type, nullptr, 0, pps.data(), 2));
-    EXPECT_EQ(type.CodecPrivateDataSize(), 5 + 8 + 1 + 4);
 }
 
 TEST(PrivateData, KeepsTheTypeWhenThereIsNoMemory) {

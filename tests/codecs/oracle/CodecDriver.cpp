@@ -5,15 +5,17 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "mivra/mivra.h"
+#include "tests/codecs/h264/Packets.h"
+#include "tests/support/PrivateData.h"
 
 namespace {
 
 using Json = nlohmann::json;
-using Bytes = std::vector<unsigned char>;
 using Aac = Mivra::Codecs::AAC::ConfigurationParser;
 using H264 = Mivra::Codecs::H264::H264ConfigurationParser;
 using Mivra::Codecs::H264::NalUnitTypes;
@@ -24,69 +26,35 @@ using Mivra::Common::ContentType_t;
 using Mivra::Common::MediaType;
 using Mivra::Common::PacketBuffer;
 using Mivra::Common::Rational;
+using Mivra::Test::Bytes;
+using Mivra::Test::Packet;
 
 Bytes bytes(const Json& hex) {
-    const auto& text = hex.get_ref<const std::string&>();
-    Bytes all;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-        all.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-    }
-    return all;
+    return Mivra::Test::fromHex(hex.get_ref<const std::string&>());
 }
 
-std::string hex(const unsigned char* data, std::size_t size) {
+std::string hex(std::span<const unsigned char> data) {
     const char* digits = "0123456789abcdef";
     std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        text += {digits[data[i] >> 4], digits[data[i] & 15]};
+    for (const unsigned char byte : data) {
+        text += {digits[byte >> 4], digits[byte & 15]};
     }
     return text;
-}
-
-std::string hex(const Bytes& data) {
-    return hex(data.data(), data.size());
 }
 
 int length(const Bytes& data) {
     return static_cast<int>(data.size());
 }
 
-/// A packet with its one reference.
-class Packet {
-public:
-    explicit Packet(PacketBuffer* taken) : buffer(taken) {}
-    Packet(const Bytes& data, int room) : buffer(Mivra::Media::MediaGlobal::LockBuffer(length(data) + room)) {
-        buffer->Append(data.data(), length(data));
-        buffer->Position() = 0;
-    }
-    explicit Packet(const Json& data, int room = 0) : Packet(bytes(data), room) {}
-    ~Packet() { buffer->Release(); }
-    Packet(const Packet&) = delete;
-    Packet& operator=(const Packet&) = delete;
-    PacketBuffer* operator->() const { return buffer; }
-    PacketBuffer* Get() const { return buffer; }
-    std::string Hex() const {
-        return hex(reinterpret_cast<unsigned char*>(buffer->Buffer()),
-                   static_cast<std::size_t>(buffer->ActualSize()));
-    }
-
-private:
-    PacketBuffer* buffer;
-};
-
-void setPrivate(MediaType& type, const Bytes& data) {
-    std::free(type.CodecPrivateData());
-    type.CodecPrivateData() = nullptr;
-    type.CodecPrivateDataSize() = length(data);
-    if (!data.empty()) {
-        type.CodecPrivateData() = static_cast<char*>(std::malloc(data.size()));
-        std::copy(data.begin(), data.end(), type.CodecPrivateData());
-    }
+/// What a packet that is given away holds.
+std::string taken(PacketBuffer* packet) {
+    const auto owner = Mivra::Common::Reference<PacketBuffer>::Adopt(packet);
+    return hex(
+        {reinterpret_cast<unsigned char*>(owner->Buffer()), static_cast<std::size_t>(owner->ActualSize())});
 }
 
 Json describe(MediaType& type) {
-    return {{"private", hex(reinterpret_cast<unsigned char*>(type.CodecPrivateData()),
-                            static_cast<std::size_t>(type.CodecPrivateDataSize()))},
+    return {{"private", hex(Mivra::Test::PrivateDataOf<Bytes>(type))},
             {"rate", type.SampleRate()},
             {"channels", type.Channels()},
             {"layout", type.ChannelLayout()},
@@ -100,7 +68,7 @@ MediaType videoType(const Json& request) {
     MediaType type;
     type.ContentType() = ContentType_t::Video;
     type.CodecId() = Codec_t::H264;
-    setPrivate(type, bytes(request.value("private", "")));
+    Mivra::Test::SetPrivateData(type, bytes(request.value("private", "")));
     return type;
 }
 
@@ -108,7 +76,7 @@ MediaType audioType(const Json& request) {
     MediaType type;
     type.ContentType() = ContentType_t::Audio;
     type.CodecId() = Codec_t::AAC;
-    setPrivate(type, bytes(request.value("private", "")));
+    Mivra::Test::SetPrivateData(type, bytes(request.value("private", "")));
     type.SampleRate() = request.value("rate", 0);
     type.Channels() = request.value("channels", 0);
     type.ChannelLayout() = request.value("layout", 0U);
@@ -154,9 +122,9 @@ Json edit(const Json& request) {
     if (request.contains("aspect")) {
         parser.SetAspectRatio(Rational(request["aspect"][0].get<int>(), request["aspect"][1].get<int>()));
     }
-    const Packet out(Bytes(), 4096);
-    parser.ToPacketBuffer(out.Get());
-    return {{"unit", out.Hex()}, {"size", {parser.GetWidth(), parser.GetHeight()}}};
+    const Packet out({}, 4096);
+    parser.ToPacketBuffer(out.get());
+    return {{"unit", hex(out.Content())}, {"size", {parser.GetWidth(), parser.GetHeight()}}};
 }
 
 H264::UnitList list(std::vector<Bytes>& units) {
@@ -214,12 +182,12 @@ Json find(const Json& request) {
     Json answer;
     answer["done"] = H264::FindSpsPpsInInitString(data.data(), length(data), sps, spsSize, pps, ppsSize) &&
                      H264::FindSpsPpsInInitString(data.data(), length(data), spsList, ppsList);
-    answer["first"] = {hex(sps, static_cast<std::size_t>(spsSize)),
-                       hex(pps, static_cast<std::size_t>(ppsSize))};
+    answer["first"] = {hex({sps, static_cast<std::size_t>(spsSize)}),
+                       hex({pps, static_cast<std::size_t>(ppsSize)})};
     for (auto& [name, units] : {std::pair{"sps", spsList}, std::pair{"pps", ppsList}}) {
         answer[name] = Json::array();
         for (const auto& [unit, size] : units) {
-            answer[name].push_back(hex(unit, static_cast<std::size_t>(size)));
+            answer[name].push_back(hex({unit, static_cast<std::size_t>(size)}));
         }
     }
     return answer;
@@ -231,30 +199,30 @@ Json packet(const Json& request) {
     const Bytes sets = bytes(request.value("sets", ""));
     const std::string to = request["to"];
     const int size = request.value("length", 4);
-    const Packet in(data, 0);
-    const Packet out(Bytes(), 2 * length(data) + length(sets) + 64);
+    const Packet in(data);
+    const Packet out({}, 2 * data.size() + sets.size() + 64);
     bool done = false;
     if (to == "avc") {
-        done = H264::ConvertToAvcBitstream(data.data(), length(data), size, out.Get(),
+        done = H264::ConvertToAvcBitstream(data.data(), length(data), size, out.get(),
                                            request.value("drop", false));
     } else if (to == "refined") {
-        done = H264::RefineAnnexBBitstream(in.Get(), out.Get(), sets.data(), length(sets));
+        done = H264::RefineAnnexBBitstream(in.get(), out.get(), sets.data(), length(sets));
     } else if (sets.empty()) {
-        done = H264::ConvertToAnnexBBitstream(in.Get(), out.Get(), size);
+        done = H264::ConvertToAnnexBBitstream(in.get(), out.get(), size);
     } else {
-        done = H264::ConvertToAnnexBBitstream(in.Get(), out.Get(), size, sets.data(), length(sets));
+        done = H264::ConvertToAnnexBBitstream(in.get(), out.get(), size, sets.data(), length(sets));
     }
-    return {{"done", done}, {"data", out.Hex()}};
+    return {{"done", done}, {"data", hex(out.Content())}};
 }
 
 Json look(const Json& request) {
     Bytes data = bytes(request["data"]);
-    const Packet in(data, 0);
+    const Packet in(data);
     bool key = false;
     bool reference = false;
     int offset = -2;
     Json answer;
-    answer["slices"] = H264::DetectFrameType(in.Get(), key, reference);
+    answer["slices"] = H264::DetectFrameType(in.get(), key, reference);
     answer["key"] = key;
     answer["reference"] = reference;
     H264::FindVideoStart(data.data(), length(data), 0, request.value("length", 0), offset);
@@ -270,17 +238,17 @@ Json look(const Json& request) {
         starts.push_back(at);
     }
     answer["starts"] = starts;
-    const auto payload = H264::FindSei(in.Get(), SeiPayloadTypes(request.value("type", 5)));
+    const auto payload = H264::FindSei(in.get(), SeiPayloadTypes(request.value("type", 5)));
     answer["sei"] = payload ? Json(hex(*payload)) : Json();
     return answer;
 }
 
 Json insertSei(const Json& request) {
     const Bytes payload = bytes(request["payload"]);
-    const Packet in(request["data"], 3 * length(payload) + 64);
-    const bool done = H264::InsertSei(in.Get(), SeiPayloadTypes(request["type"].get<int>()), payload.data(),
+    const Packet in(bytes(request["data"]), 3 * payload.size() + 64);
+    const bool done = H264::InsertSei(in.get(), SeiPayloadTypes(request["type"].get<int>()), payload.data(),
                                       length(payload));
-    return {{"done", done}, {"data", in.Hex()}};
+    return {{"done", done}, {"data", hex(in.Content())}};
 }
 
 Json aacParse(const Json& request) {
@@ -296,26 +264,27 @@ Json aacFrames(const Json& request) {
     parser.Parse(&type);
     Json frames = Json::array();
     for (const Json& one : request["frames"]) {
-        const Packet in(one);
+        const Packet in(bytes(one));
         PacketBuffer* out = nullptr;
-        parser.AdtsInsertHeader(in.Get(), out);
-        frames.push_back(Packet(out).Hex());
+        parser.AdtsInsertHeader(in.get(), out);
+        frames.push_back(taken(out));
     }
-    return {{"frames", frames},
-            {"header", hex(parser.GetAdtsHeader(), static_cast<std::size_t>(parser.GetAdtsHeaderLength()))}};
+    return {
+        {"frames", frames},
+        {"header", hex({parser.GetAdtsHeader(), static_cast<std::size_t>(parser.GetAdtsHeaderLength())})}};
 }
 
 Json aacRead(const Json& request) {
-    const Packet in(request["data"]);
+    const Packet in(bytes(request["data"]));
     MediaType type = audioType(Json::object());
-    Aac::AdtsReadMediaType(in.Get(), &type);
+    Aac::AdtsReadMediaType(in.get(), &type);
     PacketBuffer* same = nullptr;
-    Aac::AdtsRemoveHeader(in.Get(), same);
-    const Packet kept(same);
+    Aac::AdtsRemoveHeader(in.get(), same);
+    const std::string kept = taken(same);
     Aac::GenerateCodecPrivateData(&type);
     Json answer = describe(type);
-    answer["sync"] = Aac::AdtsFindSync(in.Get(), request.value("start", 0));
-    answer["kept"] = kept.Hex();
+    answer["sync"] = Aac::AdtsFindSync(in.get(), request.value("start", 0));
+    answer["kept"] = kept;
     return answer;
 }
 
