@@ -164,20 +164,6 @@ TEST_F(PacketBufferTest, CopiesAndMovesOnlyWhatIsThere) {
     EXPECT_FALSE(buffer->MoveTo(other.get(), 0));
 }
 
-TEST_F(PacketBufferTest, WrapsForeignMemory) {
-    char memory[] = "abc";
-    auto* const buffer = new PacketBuffer(memory, 3);
-    EXPECT_EQ(buffer->Id(), -1);
-    EXPECT_EQ(buffer->Size(), 3);
-    EXPECT_EQ(buffer->ActualSize(), 3);
-    EXPECT_EQ(buffer->Buffer(), memory);
-    EXPECT_EQ((*buffer)[2], 'c');
-    EXPECT_EQ(buffer->AddRef(), 2);
-    EXPECT_EQ(buffer->Release(), 1);
-    EXPECT_EQ(buffer->Release(), 0);
-    EXPECT_STREQ(memory, "abc");
-}
-
 void decorate(PacketBuffer* buffer) {
     buffer->Pts() = 1;
     buffer->Dts() = 2;

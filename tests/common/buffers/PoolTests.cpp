@@ -85,6 +85,8 @@ TEST_F(PoolTest, TellsOfGrowthAndReallocation) {
     EXPECT_EQ(log.Errors(), Lines{line("Reallocate", pool, "200/2", "a size or count below 0")});
     EXPECT_EQ(pool.BufferSize(), 200);
     giveBack(taken);
+    EXPECT_THROW(DefaultPacketBufferAllocator(-1, 1, true, 1.0F), GeneralException);
+    EXPECT_THROW(DefaultPacketBufferAllocator(1, -1, true, 1.0F), GeneralException);
 }
 
 TEST_F(PoolTest, GrowthEndsWhereTheFactorSays) {
@@ -151,12 +153,7 @@ TEST_F(PoolTest, HeldBuffersOutliveTheirPool) {
     EXPECT_EQ(older->Release(), 0);
 }
 
-TEST_F(PoolTest, RefusesNegativeFigures) {
-    EXPECT_THROW(DefaultPacketBufferAllocator(-1, 1, true, 1.0F), GeneralException);
-    EXPECT_THROW(DefaultPacketBufferAllocator(1, -1, true, 1.0F), GeneralException);
-}
-
-/// A pool that tells when a buffer has come back, and one that knows nothing of control blocks.
+/// A pool that tells when a buffer has come back.
 class TellingPool : public DefaultPacketBufferAllocator {
 public:
     using DefaultPacketBufferAllocator::DefaultPacketBufferAllocator;
@@ -170,16 +167,13 @@ protected:
     }
 };
 
+/// A pool that knows nothing of control blocks.
 class ForeignPool : public PacketBufferAllocator {
 public:
     struct Own : PacketBuffer {
-        explicit Own(ForeignPool* pool) : PacketBuffer(pool, 10) {}
+        explicit Own(ForeignPool* pool) : PacketBuffer(pool, 10) { AddRef(); }
     };
-    PacketBuffer* LockBuffer(bool) override {
-        auto* const buffer = new Own(this);
-        buffer->AddRef();
-        return buffer;
-    }
+    PacketBuffer* LockBuffer(bool) override { return new Own(this); }
     void Reallocate(int, int) override {}
     int BufferSize() override { return 10; }
     int BufferCount() override { return 0; }

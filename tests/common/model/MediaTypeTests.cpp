@@ -163,26 +163,9 @@ TEST(MediaType, WritesTheKnownBytes) {
     });
 }
 
-// That a form is read as it was written is the fuzz target's, in both orders.
-TEST(MediaType, ReadsOnlyWhatTheContentHas) {
-    for (const ContentType_t content : {ContentType_t::Video, ContentType_t::Audio, ContentType_t::Text}) {
-        MediaType type = fullType(content);
-        type.SetProfileLevel(5);
-        EXPECT_TRUE(ReadAs<MediaType>(Written(type), [&](MediaType& read) {
-            EXPECT_EQ(Written(read), Written(type));
-            EXPECT_EQ(read.Width(), content == ContentType_t::Video ? 1280 : 0);
-            EXPECT_EQ(read.Channels(), content == ContentType_t::Audio ? 6 : 0);
-            read.CodecId() = Codec_t::AAC;
-            EXPECT_EQ(read.GetProfileLevel(), 2u) << "the cache is not read";
-        }));
-    }
-}
-
-TEST(MediaType, CutAndHostileFormsFailWithoutMemory) {
+// That a form is read as it was written, and fails when it is cut, is the fuzz target's in both orders.
+TEST(MediaType, HostileSizesFailWithoutMemory) {
     std::string form = Written(fullType(ContentType_t::Video));
-    for (std::size_t size = 0; size < form.size(); ++size) {
-        EXPECT_FALSE(ReadAs<MediaType>(form.substr(0, size), [](MediaType&) {})) << size;
-    }
     constexpr std::size_t SizeOffset = 39;
     for (const std::int64_t size : {std::int64_t{INT32_MAX}, std::int64_t{-1}, std::int64_t{INT32_MIN}}) {
         form.replace(SizeOffset, 4, Int32(size));

@@ -63,12 +63,6 @@ void waitForReports(std::size_t count) {
         std::this_thread::yield();
 }
 
-TEST(ThreadHelperTest, CleanupOfNothingOnlyLogsItsLine) {
-    LogCapture log;
-    ThreadHelper::Cleanup();
-    EXPECT_THAT(log.Lines(), ElementsAre("DEBUG [ThreadHelper/52] Temporary threads cleaned up"));
-}
-
 TEST(ThreadHelperTest, TheNextHandOverJoinsWhatHasReported) {
     Worker first, second, third;
     ThreadHelper::QueueThread(first.thread);
@@ -186,24 +180,6 @@ TEST(CallbackThreadDeathTest, TheFirstOneStartsWholeOrNotAtAllWithoutMemory) {
         std::exit(0);
     };
     EXPECT_EXIT(startWithoutMemory(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(CallbackThreadTest, ManyThreadsStartMany) {
-    constexpr int kStarters = 4;
-    constexpr int kEach = 300;
-    std::atomic<int> ran{0};
-    std::vector<std::thread> starters;
-    for (int i = 0; i < kStarters; ++i) {
-        starters.emplace_back([&] {
-            for (int n = 0; n < kEach; ++n)
-                StartCallbackThread([&] { ++ran; });
-        });
-    }
-    for (std::thread& starter : starters)
-        starter.join();
-    ThreadHelper::Cleanup();
-    EXPECT_EQ(ran, kStarters * kEach);
-    EXPECT_EQ(Registry::Queued(), 0u);
 }
 
 }  // namespace
