@@ -337,15 +337,5 @@ TEST_F(DiskCacheTest, RemovesWhatADeadSessionLeftAndNothingElse) {
     EXPECT_EQ(log.Count("removing the buffer of a session that died"), 1);
 }
 
-TEST_F(DiskCacheTest, SaysThatThereIsNoFolder) {
-    WriteWholeFile(temporary / "share", "a file");
-    const auto cache = MakeFilms();
-    SendFrames(*cache, 0, 10);
-    SendFrames(*cache, 10, 12, true);
-    EXPECT_EQ(cache->TakeProblem(), "Buffering error: " + folder + ": Not a directory");
-    EXPECT_EQ(DrainTimes(*cache), Frames(10, 12));
-    expectedErrors = {"MediaSession: no buffer on disk, " + folder + ": Not a directory"};
-}
-
 }  // namespace
 }  // namespace Mivra::Test

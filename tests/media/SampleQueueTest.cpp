@@ -1,7 +1,6 @@
 #include "mivra/media/SampleQueue.h"
 
 #include "tests/media/Fakes.h"
-#include "tests/support/FaultInjection.h"
 
 namespace Mivra::Test {
 namespace {
@@ -37,17 +36,6 @@ TEST_F(SampleQueueTest, KeepsTheOrderWhileItGrowsAroundItsEnd) {
     EXPECT_EQ(queue.Append(name(1), sample.get()), SampleQueue::Appended::Closed);
     EXPECT_EQ(sample->AddRef(), 2);
     sample->Release();
-}
-
-TEST_F(SampleQueueTest, TakesNothingWhenItCannotGrow) {
-    SampleQueue queue;
-    queue.Open();
-    const auto sample = Reference<PacketBuffer>::Adopt(Media::MediaGlobal::LockBuffer(1));
-    FaultPlan plan(FaultKind::Allocate, 1);
-    EXPECT_THROW(queue.Append(nullptr, sample.get()), std::bad_alloc);
-    EXPECT_EQ(sample->AddRef(), 2);
-    sample->Release();
-    EXPECT_EQ(queue.Append(nullptr, sample.get()), SampleQueue::Appended::First);
 }
 
 }  // namespace

@@ -72,47 +72,6 @@ TEST_P(SessionBufferingTest, GivesWhatCameBeforeStartFromAKeyFrameOn) {
     EXPECT_TRUE(nonFatal.empty());
 }
 
-TEST_P(SessionBufferingTest, BuffersAgainAfterALiveRun) {
-    for (int run = 0; run < 2; ++run) {
-        const auto source = AddVideo();
-        const auto sink = AddSink();
-        if (run == 0) {
-            session->Start();
-            EXPECT_TRUE(Runs(*sink.get()));
-        } else {
-            session->StartBuffering(1, GetParam());
-            EXPECT_TRUE(Reaches(MediaState::Started));  // and not live at once because of the first run
-            SendFrames(*source.get(), 0, 5);
-        }
-        session->Stop();
-        EXPECT_EQ(BufferFiles(), 0);
-    }
-    // One that the thread was about to add goes uncounted.
-    EXPECT_EQ(log.Count("cleanupBuffer: Released 5 buffers") + log.Count("cleanupBuffer: Released 4 buffers"),
-              1);
-}
-
-TEST_P(SessionBufferingTest, KeepsWhatIsBufferedForASinkThatOpensLast) {
-    const auto source = AddVideo();
-    const auto sink = AddSink();
-    const auto late = AddSink();
-    sink->onOpen = late->onOpen = [] {};
-    session->StartBuffering(2, GetParam());
-    ASSERT_TRUE(Reaches(MediaState::Started));
-    SendFrames(*source.get(), 0, 35);
-    session->Start();
-    SendFrames(*source.get(), 35, 95);
-    sink->setStateInThread(MediaState::Opened);
-    EXPECT_TRUE(Gets(*sink.get(), Frames(20, 95)));
-    ASSERT_TRUE(Reaches(MediaState::Running));
-    late->setStateInThread(MediaState::Opened);
-    EXPECT_TRUE(Eventually([&] { return late->Starts() == 1; }));
-    EXPECT_EQ(late->starts, std::vector<bool>{false});
-    SendFrames(*source.get(), 95, 120);
-    EXPECT_TRUE(Gets(*sink.get(), Frames(20, 120)));
-    EXPECT_TRUE(Gets(*late.get(), Frames(100, 120)));  // from the next key frame on
-}
-
 TEST_P(SessionBufferingTest, LateSinkOfASessionWithoutVideoTakesEverything) {
     const auto source = AddSource();
     const auto sink = AddSink();
@@ -222,18 +181,6 @@ TEST_P(SessionBufferingTest, StartsAndStopsAtOnce) {
         EXPECT_EQ(BufferFiles(), 0);
         EXPECT_EQ(sink->Starts() > 1, false);
     }
-}
-
-TEST_P(SessionBufferingTest, KeepsNothingOnceItHasFailed) {
-    const auto source = AddVideo();
-    const auto sink = AddSink();
-    session->StartBuffering(5, GetParam());
-    ASSERT_TRUE(Reaches(MediaState::Started));
-    SendFrames(*source.get(), 0, 20);
-    source->onError("broken", true);
-    EXPECT_TRUE(Fails("broken"));
-    EXPECT_EQ(BufferFiles(), 0);
-    EXPECT_EQ(SmallPool().FreeBufferCount(), SmallPool().BufferCount());
 }
 
 TEST_F(SessionBufferingTest, GoesOnWithoutADisk) {
