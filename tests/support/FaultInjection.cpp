@@ -23,24 +23,7 @@ struct Fault {
     const char* name;
     int error;
 };
-constexpr Fault kFaults[kFaultKinds] = {
-    {"Open", EACCES},        {"Read", EIO},
-    {"Write", ENOSPC},       {"Seek", EINVAL},
-    {"Truncate", EIO},       {"Sync", EIO},
-    {"Stat", EIO},           {"Rename", EACCES},
-    {"Unlink", EACCES},      {"MakeDirectory", EACCES},
-    {"Lock", ENOLCK},        {"Allocate", ENOMEM},
-    {"StartThread", EAGAIN}, {"OpenLibrary", ENOENT},
-    {"FindSymbol", ENOENT},  {"Socket", EMFILE},
-    {"Bind", EADDRINUSE},    {"Connect", ECONNREFUSED},
-    {"Listen", EADDRINUSE},  {"Accept", EMFILE},
-    {"Receive", ECONNRESET}, {"Send", EPIPE},
-    {"SocketOption", EPERM}, {"SocketName", ENOTCONN},
-    {"Poll", ENOMEM},        {"Select", EBADF},
-    {"CreateWatch", EMFILE}, {"ChangeWatch", ENOSPC},
-    {"AwaitWatch", ENOMEM},  {"WakeDescriptor", EMFILE},
-    {"Resolve", EAI_AGAIN},
-};
+Fault s_faults[kFaultKinds];
 
 // Per kind: the calls that fail are first..last; 0 means no plan.
 struct Plan {
@@ -120,64 +103,60 @@ struct Stand<kind, entry> {
     static inline Result (*s_real)(Arguments...) = nullptr;
 };
 
+/// The entries of the table that count as calls of a kind, its name and the errno of a failure.
+template <FaultKind kind, auto... entries>
+void install(const char* name, int error) {
+    s_faults[static_cast<int>(kind)] = {name, error};
+    (Stand<kind, entries>::install(), ...);
+}
+
 const bool s_installed = [] {
     using T = SystemTable;
     using enum FaultKind;
-    Stand<Open, &T::open>::install();
-    Stand<Open, &T::listDirectory>::install();
-    Stand<Read, &T::read>::install();
-    Stand<Read, &T::readAt>::install();
-    Stand<Read, &T::readPairAt>::install();
-    Stand<Write, &T::write>::install();
-    Stand<Write, &T::writeAt>::install();
-    Stand<Seek, &T::seek>::install();
-    Stand<Truncate, &T::truncate>::install();
-    Stand<Sync, &T::sync>::install();
-    Stand<Stat, &T::descriptorStatus>::install();
-    Stand<Stat, &T::pathStatus>::install();
-    Stand<Rename, &T::rename>::install();
-    Stand<Unlink, &T::unlink>::install();
-    Stand<MakeDirectory, &T::makeDirectory>::install();
-    Stand<Lock, &T::lockRange>::install();
-    Stand<Allocate, &T::allocate>::install();
-    Stand<Allocate, &T::allocateZeroed>::install();
-    Stand<StartThread, &T::startThread>::install();
-    Stand<OpenLibrary, &T::openLibrary>::install();
-    Stand<FindSymbol, &T::findSymbol>::install();
-    Stand<Socket, &T::createSocket>::install();
-    Stand<Bind, &T::bindSocket>::install();
-    Stand<Connect, &T::connectSocket>::install();
-    Stand<Listen, &T::listenSocket>::install();
-    Stand<Accept, &T::acceptSocket>::install();
-    Stand<Receive, &T::receive>::install();
-    Stand<Receive, &T::receiveFrom>::install();
-    Stand<Send, &T::send>::install();
-    Stand<Send, &T::sendMessage>::install();
-    Stand<Send, &T::sendMessages>::install();
-    Stand<SocketOption, &T::setSocketOption>::install();
-    Stand<SocketOption, &T::getSocketOption>::install();
-    Stand<SocketName, &T::socketName>::install();
-    Stand<SocketName, &T::peerName>::install();
-    Stand<Poll, &T::pollSockets>::install();
-    Stand<Select, &T::selectSockets>::install();
-    Stand<CreateWatch, &T::createWatchSet>::install();
-    Stand<ChangeWatch, &T::changeWatchSet>::install();
-    Stand<AwaitWatch, &T::awaitWatchSet>::install();
-    Stand<WakeDescriptor, &T::createWakeDescriptor>::install();
-    Stand<Resolve, &T::resolveName>::install();
+    install<Open, &T::open, &T::listDirectory>("Open", EACCES);
+    install<Read, &T::read, &T::readAt, &T::readPairAt>("Read", EIO);
+    install<Write, &T::write, &T::writeAt>("Write", ENOSPC);
+    install<Seek, &T::seek>("Seek", EINVAL);
+    install<Truncate, &T::truncate>("Truncate", EIO);
+    install<Sync, &T::sync>("Sync", EIO);
+    install<Stat, &T::descriptorStatus, &T::pathStatus>("Stat", EIO);
+    install<Rename, &T::rename>("Rename", EACCES);
+    install<Unlink, &T::unlink>("Unlink", EACCES);
+    install<MakeDirectory, &T::makeDirectory>("MakeDirectory", EACCES);
+    install<Lock, &T::lockRange>("Lock", ENOLCK);
+    install<Allocate, &T::allocate, &T::allocateZeroed>("Allocate", ENOMEM);
+    install<StartThread, &T::startThread>("StartThread", EAGAIN);
+    install<OpenLibrary, &T::openLibrary>("OpenLibrary", ENOENT);
+    install<FindSymbol, &T::findSymbol>("FindSymbol", ENOENT);
+    install<Socket, &T::createSocket>("Socket", EMFILE);
+    install<Bind, &T::bindSocket>("Bind", EADDRINUSE);
+    install<Connect, &T::connectSocket>("Connect", ECONNREFUSED);
+    install<Listen, &T::listenSocket>("Listen", EADDRINUSE);
+    install<Accept, &T::acceptSocket>("Accept", EMFILE);
+    install<Receive, &T::receive, &T::receiveFrom>("Receive", ECONNRESET);
+    install<Send, &T::send, &T::sendMessage, &T::sendMessages>("Send", EPIPE);
+    install<SocketOption, &T::setSocketOption, &T::getSocketOption>("SocketOption", EPERM);
+    install<SocketName, &T::socketName, &T::peerName>("SocketName", ENOTCONN);
+    install<Poll, &T::pollSockets>("Poll", ENOMEM);
+    install<Select, &T::selectSockets>("Select", EBADF);
+    install<CreateWatch, &T::createWatchSet>("CreateWatch", EMFILE);
+    install<ChangeWatch, &T::changeWatchSet>("ChangeWatch", ENOSPC);
+    install<AwaitWatch, &T::awaitWatchSet>("AwaitWatch", ENOMEM);
+    install<WakeDescriptor, &T::createWakeDescriptor>("WakeDescriptor", EMFILE);
+    install<Resolve, &T::resolveName>("Resolve", EAI_AGAIN);
     return true;
 }();
 
 }  // namespace
 
 const char* FaultName(FaultKind kind) {
-    return kFaults[static_cast<int>(kind)].name;
+    return s_faults[static_cast<int>(kind)].name;
 }
 
 FaultPlan::FaultPlan(FaultKind kind, std::uint64_t nth, Span span, int error) : planned(kind), first(nth) {
     Plan& plan = planOf(kind);
     EXPECT_EQ(plan.first.load(), 0u) << "one plan of a kind at a time";
-    plan.error = error != 0 ? error : kFaults[static_cast<int>(kind)].error;
+    plan.error = error != 0 ? error : s_faults[static_cast<int>(kind)].error;
     plan.last = span == Span::Once ? nth : UINT64_MAX;
     plan.calls = 0;
     plan.first.store(nth, std::memory_order_release);
