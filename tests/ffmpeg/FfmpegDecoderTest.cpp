@@ -89,6 +89,7 @@ const Case kCases[] = {
     {"AMRNB", kAudio, "amr", "", "-c:a pcm_f32le"},
     {"AMRWB", kAudio, "awb", "", "-c:a pcm_f32le"},
     {"G729", kAudio, "g729", "", "-c:a pcm_s16le"},
+    {"MP1", kAudio, "mp2", "", "-c:a pcm_s16le"},
 };
 
 /// Codecs that FFmpeg decodes and does not encode: files of noise, which is speech of a kind to them.
@@ -98,8 +99,12 @@ struct Noise {
     std::string_view frame;  // its first bytes
     std::size_t size;        // of a frame
 };
-constexpr Noise kNoise[] = {
-    {"AMRNB", "#!AMR\n", "\x3c", 32}, {"AMRWB", "#!AMR-WB\n", "\x44", 61}, {"G729", "", "", 10}};
+// Bit allocations of MP1 small enough that no frame runs out of its packet: libavcodec reads on behind it,
+// where the program has the next packet and the engine zeros.
+constexpr Noise kNoise[] = {{"AMRNB", "#!AMR\n", "\x3c", 32},
+                            {"AMRWB", "#!AMR-WB\n", "\x44", 61},
+                            {"G729", "", "", 10},
+                            {"MP1", "", "\xff\xff\xc4\x04!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!", 384}};
 
 /// False when the codec is none of these.
 bool writeNoise(const char* name, const std::string& path) {

@@ -14,7 +14,8 @@ namespace {
 constexpr const char* kFooter =
     "--at takes the picture that is shown at that second: the last one whose time is not later. A time behind"
     "\nthe last picture is an error, which tells where that one ends. A sheet has its pictures spread evenly,"
-    "\neach with its time; --size is then that of one of them, 320 pixels wide unless told. Pictures are turned"
+    "\neach with its time; --size is then that of one of them, 320 pixels wide unless told. Pictures are "
+    "turned"
     "\nas the file asks for. A terminal sees how far a sheet is."
     "\n\nExamples:"
     "\n  mivra snapshot film.mp4 --at 12.5 -o picture.png"
