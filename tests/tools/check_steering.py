@@ -5,12 +5,11 @@ check_steering.py MIVRA FOLDER-FOR-INPUTS"""
 import functools
 import os
 import shutil
-import subprocess
 import time
 
 import packets
 import program
-from program import INPUTS, MIVRA
+from program import INPUTS
 
 
 def relay(*words, **options):
@@ -93,8 +92,7 @@ class Loop(Case):
         for other, code in [("wrap.ts", 0), ("mpeg2.ts", 1)]:
             film = self.folder / "film.ts"
             shutil.copy(INPUTS / "bframes.ts", film)
-            child = subprocess.Popen([MIVRA, "relay", "--loop", "1", "--rate", "8", "--stats", "0.01", film, self.output],
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            child = self.start("relay", "--loop", "1", "--rate", "8", "--stats", "0.01", film, self.output, text=True)
             while " packets=0 " in child.stdout.readline():
                 pass  # it has not opened the film yet
             shutil.copy(INPUTS / other, self.folder / "new.ts")
