@@ -249,17 +249,10 @@ TEST_F(MediaSessionTest, FailsWhenTheQueueCannotGrow) {
 
 TEST_F(MediaSessionTest, AllocatesNothingInTheSteadyState) {
     const auto source = AddSource();
+    const auto sink = AddSink();
     std::atomic<int> pushed{0};
-    class CountingSink : public RecordingSink {
-    public:
-        explicit CountingSink(std::atomic<int>& counter) : count(counter) {}
-        void PushMedia(int, PacketBuffer*) override { ++count; }
-
-    private:
-        std::atomic<int>& count;
-    };
-    const auto sink = Make<CountingSink>(pushed);
-    session->AddSink(sink.get());
+    sink->onPush = [&] { ++pushed; };
+    sink->samples.reserve(10'000);
     session->Start();
     ASSERT_TRUE(Runs(*sink.get()));
     const auto send = [&](int count) {

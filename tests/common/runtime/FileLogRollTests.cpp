@@ -1,6 +1,4 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -181,10 +179,8 @@ std::string writerLine(int process, int thread, int number) {
     return text;
 }
 
-}  // namespace
-
 // One of the processes: its clock goes five minutes on in steps while its threads write.
-int RunLogWriter(const std::string& path, int process, int linesPerThread) {
+void writeLog(const std::string& path, int process, int linesPerThread) {
     FakeClock clock(FakeClock::Mode::Frozen);
     FileLog log;
     log.SetMaxLogFileSize(4096);
@@ -203,20 +199,6 @@ int RunLogWriter(const std::string& path, int process, int linesPerThread) {
     }
     for (std::thread& thread : threads)
         thread.join();
-    return 0;
-}
-
-namespace {
-
-pid_t spawnWriter(const std::string& path, int process, int lines) {
-    const std::string arguments[] = {"--log-writer", path, std::to_string(process), std::to_string(lines)};
-    std::vector<char*> argv = {const_cast<char*>("/proc/self/exe")};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    pid_t id = -1;
-    EXPECT_EQ(::posix_spawn(&id, "/proc/self/exe", nullptr, nullptr, argv.data(), environ), 0);
-    return id;
 }
 
 // So many lines a process.
@@ -225,7 +207,11 @@ TEST(FileLogProcessTest, LosesAndTearsNoLineWhileFourProcessesRoll) {
     TempFolder folder;
     std::vector<pid_t> processes;
     for (int process = 0; process < kProcesses; ++process) {
-        processes.push_back(spawnWriter(folder / "app.log", process, lines));
+        processes.push_back(::fork());
+        if (processes.back() == 0) {
+            writeLog(folder / "app.log", process, lines);
+            ::_exit(0);
+        }
     }
     for (const pid_t process : processes) {
         int status = -1;
@@ -252,12 +238,3 @@ TEST(FileLogProcessTest, LosesAndTearsNoLineWhileFourProcessesRoll) {
 
 }  // namespace
 }  // namespace Mivra::Test
-
-// The program is its own writing process.
-int main(int argc, char** argv) {
-    if (argc == 5 && std::string(argv[1]) == "--log-writer") {
-        return Mivra::Test::RunLogWriter(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
