@@ -239,6 +239,7 @@ HAND_MADE = [
                                               restriction=(2, 1, 16, 16, 3, 4))), pps()),
     ("vui_none", sps(100, 40, chroma=1, vui=vui()), pps()),
     ("timing_largest", sps(77, 40, vui=vui(14, timing=(4294967295, 4294967295, 0))), pps()),
+    ("timing_too_fine", sps(77, 40, vui=vui(timing=(4294967291, 4294967279, 0))), pps()),
 ]
 
 
@@ -254,7 +255,8 @@ def record(sps_unit, pps_unit):
 
 
 def prefixed(*units):
-    return b"".join(bytes([9, 9, len(unit) if len(unit) < 256 else 0]) + unit for unit in units)
+    lengths = [len(unit) - unit.count(b"\0\0\3") for unit in units]  # without emulation prevention
+    return b"".join(bytes([9, 9, length if length < 256 else 0]) + unit for unit, length in zip(units, lengths))
 
 
 def encoded():

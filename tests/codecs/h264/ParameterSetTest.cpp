@@ -2,13 +2,15 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <sstream>
 #include <utility>
 
+#include "mivra/codecs/h264/EmulationPrevention.h"
 #include "mivra/codecs/h264/ParameterSetCoding.h"
-#include "mivra/codecs/h264/Rbsp.h"
 #include "tests/codecs/h264/ParameterSetFixture.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempFolder.h"
 
 namespace {
 
@@ -17,12 +19,9 @@ using namespace Mivra::Codecs::H264;
 using Mivra::Common::Rational;
 
 const char* const PlainPps = "68dae3882d80";
-const char* const Baseline = "6758001eed016023c8";  // Extended, level 3, 44 x 35 macroblocks
 
 struct Case {
-    const char* name;
-    const char* sps;
-    const char* pps;
+    const char* seed;  // of the fuzz target; no encoder writes these
     int width, height;
     int profileLevel;
     int depth;
@@ -36,120 +35,103 @@ struct Case {
 const Case Cases[] = {
     // Main 4.0, 120 x 34 map units of field pairs, MBAFF allowed; bottom crop 2 of CropUnitY 4. The depth
     // deliberately takes a map unit for a macroblock: 32768 / 120 / 34.
-    {"paff", "674d0028ed00f0089fb4", PlainPps, 1920, 1080, 0x4D0028, 8,
+    {"paff_annexb", 1920, 1080, 0x4D0028, 8,
      "frame_mbs_only_flag=0 mb_adaptive_frame_field_flag=1; frame_crop_bottom_offset=2"},
     // Slice groups of every map type (7.3.2.2).
-    {"interleaved", Baseline, "68d7214cb8e20b60", 704, 560, 0x58001E, 5,
+    {"groups_interleaved_record", 704, 560, 0x58001E, 5,
      "num_slice_groups_minus1=2 slice_group_map_type=0 run_length_minus1[0]=3 run_length_minus1[1]=4 "
      "run_length_minus1[2]=5 num_ref_idx_l0_default_active_minus1=1"},
-    {"dispersed", Baseline, "68d10971c416c0", 704, 560, 0x58001E, 5,
+    {"groups_dispersed_units", 704, 560, 0x58001E, 5,
      "num_slice_groups_minus1=7 slice_group_map_type=1 num_ref_idx_l0_default_active_minus1=1"},
-    {"foreground", Baseline, "68d6c80f40ca032571c416c0", 704, 560, 0x58001E, 5,
+    {"groups_foreground_annexb", 704, 560, 0x58001E, 5,
      "slice_group_map_type=2 top_left[0]=3 bottom_right[0]=60 top_left[1]=100 bottom_right[1]=200 num_ref"},
-    {"box-out", Baseline, "68d448a5c7105b", 704, 560, 0x58001E, 5,
+    {"groups_box_out_record", 704, 560, 0x58001E, 5,
      "slice_group_map_type=3 slice_group_change_direction_flag=1 slice_group_change_rate_minus1=9 num_ref"},
-    {"raster", Baseline, "68d45018d71c416c", 704, 560, 0x58001E, 5,
+    {"groups_raster_units", 704, 560, 0x58001E, 5,
      "slice_group_map_type=4 slice_group_change_direction_flag=0 slice_group_change_rate_minus1=98"},
-    {"wipe", Baseline, "68d46d71c416c0", 704, 560, 0x58001E, 5,
+    {"groups_wipe_annexb", 704, 560, 0x58001E, 5,
      "slice_group_map_type=5 slice_group_change_direction_flag=1 slice_group_change_rate_minus1=0"},
     // 4 x 3 macroblocks; ids of 3 bits (five groups) and of 1 bit (two).
-    {"explicit", "6758001eed08f2", "68d29c6029c05380ae3882d8", 64, 48, 0x58001E, 16,
+    {"groups_explicit_record", 64, 48, 0x58001E, 16,
      "slice_group_map_type=6 pic_size_in_map_units_minus1=11 slice_group_id[0]=0 slice_group_id[1]=1; "
      "slice_group_id[4]=4 slice_group_id[5]=0; slice_group_id[11]=1 num_ref_idx_l0"},
-    {"explicit of two", "6758001eed08f2", "68d4718aaab8e20b60", 64, 48, 0x58001E, 16,
+    {"groups_explicit_2_units", 64, 48, 0x58001E, 16,
      "slice_group_id[0]=0 slice_group_id[1]=1 slice_group_id[2]=0; slice_group_id[11]=1 num_ref_idx_l0"},
     // POC type 1 with the longest codes of se(v): 31 zeros in front.
-    {"POC type 1", "6742001ed0e28a98000003000fffffffe0000003001fffffffe80b011e40", PlainPps, 704, 560,
-     0x42001E, 5,
+    {"poc_1_annexb", 704, 560, 0x42001E, 5,
      "pic_order_cnt_type=1 delta_pic_order_always_zero_flag=0 offset_for_non_ref_pic=-3 "
      "offset_for_top_to_bottom_field=5 num_ref_frames_in_pic_order_cnt_cycle=4 offset_for_ref_frame[0]=1 "
      "offset_for_ref_frame[1]=-1 offset_for_ref_frame[2]=2147483647 offset_for_ref_frame[3]=-2147483647"},
-    {"POC type 2", "6742001eda02c04790", PlainPps, 704, 560, 0x42001E, 5,
-     "pic_order_cnt_type=2 max_num_ref_frames=1"},
+    {"poc_2_units", 704, 560, 0x42001E, 5, "pic_order_cnt_type=2 max_num_ref_frames=1"},
     // High with 8 lists in either set: whole, absent, ended by the third delta (-11 makes nextScale 0),
     // default.
-    {"High, lists",
-     "6764001fad913318c6318c6318c63288178452266318c6318c6318c688492492492492492492492492492492492492492492"
-     "492493680b011e40",
-     "68dae3882de44cc6318c6318c6318ca205e1148998c6318c6318c631a2124924924924924924924924924924924924924924"
-     "92492415",
-     704, 560, 0x64001F, 11,
+    {"high_lists_annexb", 704, 560, 0x64001F, 11,
      "seq_scaling_list_present_flag[2]=1 delta_scale[0]=1 delta_scale[1]=2 delta_scale[2]=-11 "
      "seq_scaling_list_present_flag[3]=1 delta_scale[0]=-8 seq_scaling_list_present_flag[4]=0; "
      "delta_scale[63]=1 seq_scaling_list_present_flag[7]=0 log2; pic_scaling_list_present_flag[6]=1; "
      "pic_scaling_list_present_flag[7]=0 second_chroma_qp_index_offset=5"},
     // Without 8x8 transform the picture set has six lists.
-    {"lists without 8x8", "6764001facda02c04790",
-     "68dae3882d644cc6318c6318c6318ca205e1148998c6318c6318c6318330", 704, 560, 0x64001F, 11,
+    {"lists_without_8x8_record", 704, 560, 0x64001F, 11,
      "transform_8x8_mode_flag=0 pic_scaling_matrix_present_flag=1 pic_scaling_list_present_flag[0]=1; "
      "delta_scale[15]=3 second_chroma_qp_index_offset=-12"},
     // High 4:4:4 Predictive of 14 and 13 bits: 12 lists in either set.
-    {"4:4:4, 12 lists",
-     "67f4001f907332266318c6318c6318c6913318c6318c6318c635102f08a44cc6318c6318c6318d1092492492492492492492"
-     "4924924924924924924924924928462124924924924924924924924924924924924924924924924a205e2124924924924924"
-     "924924924924924924924924924924925b405808f2",
-     "68dae3882de44cc6318c6318c6318d2266318c6318c6318c6a205e1148998c6318c6318c631a212492492492492492492492"
-     "492492492492492492492492508c4249249249249249249249249249249249249249249249249440bc424924924924924924"
-     "9249249249249249249249249249248310",
-     704, 560, 0xF4001F, 11,
+    {"high444_lists_units", 704, 560, 0xF4001F, 11,
      "chroma_format_idc=3 separate_colour_plane_flag=0 bit_depth_luma_minus8=6 bit_depth_chroma_minus8=5; "
      "seq_scaling_list_present_flag[9]=0 seq_scaling_list_present_flag[10]=1 delta_scale[0]=1; "
      "seq_scaling_list_present_flag[11]=1 delta_scale[0]=4; pic_scaling_list_present_flag[11]=1; "
      "second_chroma_qp_index_offset=12"},
     // Cropping by 1, 2, 3, 4 crop units: separate planes and 4:0:0 (1 x 1), 4:2:2 of field pairs (2 x 2).
-    {"separate planes", "67f4001f939b405808fa642a", PlainPps, 701, 553, 0xF4001F, 11,
-     "separate_colour_plane_flag=1"},
-    {"4:0:0", "6764001ff3680b011f4c8540", PlainPps, 701, 553, 0x64001F, 11, "chroma_format_idc=0"},
-    {"4:2:2 fields", "677a001fbcda02c046e990a8", PlainPps, 698, 1106, 0x7A001F, 11, "chroma_format_idc=2"},
+    {"separate_planes_annexb", 701, 553, 0xF4001F, 11, "separate_colour_plane_flag=1"},
+    {"monochrome_crop_record", 701, 553, 0x64001F, 11, "chroma_format_idc=0"},
+    {"crop_422_units", 698, 1106, 0x7A001F, 11, "chroma_format_idc=2"},
     // constraint_set3_flag in an intra-only profile: no reordering, though nothing tells so.
-    {"High 10 Intra", "676e101fa6cda02c0479", PlainPps, 704, 560, 0x6E101F, 0, "bit_depth_luma_minus8=2"},
-    {"CAVLC 4:4:4 Intra", "672c101f919b405808f2", PlainPps, 704, 560, 0x2C101F, 0, "chroma_format_idc=3"},
+    {"intra_constraint_annexb", 704, 560, 0x6E101F, 0, "bit_depth_luma_minus8=2"},
+    {"cavlc444_record", 704, 560, 0x2C101F, 0, "chroma_format_idc=3"},
     // Outside the intra-only profiles it means level 1b, which deliberately has no case of its own; all six
     // flags end in the constraint byte.
-    {"constraints", "6742fc0bed0589c8", PlainPps, 176, 144, 0x42FC0B, 9,
+    {"constraints_annexb", 176, 144, 0x42FC0B, 9,
      "constraint_set3_flag=1 constraint_set4_flag=1 constraint_set5_flag=1 reserved_zero_2bits=0 "
      "level_idc=11"},
-    {"largest ids", "674d001e041b405808f2", "6800805ae3882d80", 704, 560, 0x4D001E, 5,
-     "level_idc=30 seq_parameter_set_id=31; pic_parameter_set_id=255"},
+    {"ids_record", 704, 560, 0x4D001E, 5, "level_idc=30 seq_parameter_set_id=31; pic_parameter_set_id=255"},
     // BitRate = (value + 1) << (6 + scale). The VCL's alone, then 32 of the NAL's, which come first.
-    {"VCL HRD", "674d0028ed016023d0800000030080000019542201f4004b0005780096377970a0", PlainPps, 704, 560,
-     0x4D0028, 16,
+    {"hrd_vcl_annexb", 704, 560, 0x4D0028, 16,
      "nal_hrd_parameters_present_flag=0 vcl_hrd_parameters_present_flag=1 cpb_cnt_minus1=1; "
      "low_delay_hrd_flag=0 pic_struct_present_flag=1",
      0, 0, 25, 1, 500 * 128, 700 * 128},
-    {"NAL and VCL HRD",
-     "67640028acda02c047a082033007d0007d0001f4000fa1001770007d0000fa0003e84002710007d00005dc000fa1000dac00"
-     "1f40001f40003e84001194001f400009c4000fa100055f0007d00002ee0003e84001964001f40000dac000fa10007530007d"
-     "00003e80003e8400084d0007d00001194000fa1000251c001f400004e20003e84000a410007d0000157c000fa10002cec001"
-     "f400005dc0003e84000c350007d00001964000fa100034bc001f400006d60003e84000e290007d00001d4c000fa10003c8c0"
-     "01f400007d00003e86ef2e3ff0000003001fffffffe0000003003ffffffff77970a0",
-     PlainPps, 704, 560, 0x640028, 16,
+    {"hrd_32_units", 704, 560, 0x640028, 16,
      "cpb_cnt_minus1=31; bit_rate_value_minus1[31]=31999 cpb_size_value_minus1[31]=1999 cbr_flag[31]=1; "
      "bit_rate_scale=15 cpb_size_scale=15 bit_rate_value_minus1[0]=4294967294",
      0, 0, 0, 0, 1000 * 512, 32000 * 512},
-    {"VUI, all of it", "67640028acda02c047bff0040002de7091009b2400000fa4000753007682211216", PlainPps, 704,
-     560, 0x640028, 3,
+    {"vui_all_record", 704, 560, 0x640028, 3,
      "aspect_ratio_idc=255 sar_width=64 sar_height=45 overscan_info_present_flag=1 "
      "overscan_appropriate_flag=1; video_format=1 video_full_range_flag=1 colour_description_present_flag=1 "
      "colour_primaries=9 transfer_characteristics=16 matrix_coefficients=9; "
      "chroma_sample_loc_type_top_field=2 chroma_sample_loc_type_bottom_field=3; max_num_reorder_frames=3 "
      "max_dec_frame_buffering=4",
      64, 45, 60000, 1001, 0, 0, true},
-    {"VUI, nothing in it", "67640028acda02c047a028", PlainPps, 704, 560, 0x640028, 16,
-     "bitstream_restriction_flag=0"},
+    {"vui_none_units", 704, 560, 0x640028, 16, "bitstream_restriction_flag=0"},
     // 4294967279 / 8589934582 does not fit a fraction of 32 bits; the nearest is told.
-    {"time scale too fine", "674d0028ed016023d0fffffffdfffffff78a", PlainPps, 704, 560, 0x4D0028, 16,
-     "fixed_frame_rate_flag=0", 0, 0, 1, 2},
+    {"timing_too_fine_record", 704, 560, 0x4D0028, 16, "fixed_frame_rate_flag=0", 0, 0, 1, 2},
     // 4294967295 / 8589934590.
-    {"largest time scale", "674d0028ed016023d870ffffffffffffffff8a", PlainPps, 704, 560, 0x4D0028, 16,
-     "num_units_in_tick=4294967295 time_scale=4294967295", 4, 3, 1, 2},
+    {"timing_largest_annexb", 704, 560, 0x4D0028, 16, "num_units_in_tick=4294967295 time_scale=4294967295", 4,
+     3, 1, 2},
 };
 
+Bytes seed(const std::string& name) {
+    const std::string bytes = ReadWholeFile(MIVRA_SOURCE_DIR "/fuzz/corpus/h264_parse/" + name);
+    EXPECT_FALSE(bytes.empty()) << name;
+    return {bytes.begin(), bytes.end()};
+}
+
+int parseSeed(H264ConfigurationParser& parser, const std::string& name) {
+    return parse(parser, seed(name), name.ends_with("_units") ? 1 : 0);
+}
+
 TEST(ParameterSet, SaysWhatItHolds) {
+    H264ConfigurationParser parser;  // of all cases: nothing of the last one stays
     for (const Case& wanted : Cases) {
-        SCOPED_TRACE(wanted.name);
-        H264ConfigurationParser parser;
-        ASSERT_EQ(parse(parser, annexB(fromHex(wanted.sps), fromHex(wanted.pps))), 1);
+        SCOPED_TRACE(wanted.seed);
+        ASSERT_EQ(parseSeed(parser, wanted.seed), 1);
         EXPECT_EQ(parser.GetWidth(), wanted.width);
         EXPECT_EQ(parser.GetHeight(), wanted.height);
         EXPECT_EQ(parser.GetProfileLevel(), wanted.profileLevel);
@@ -173,27 +155,20 @@ TEST(ParameterSet, SaysWhatItHolds) {
     }
 }
 
-TEST(ParameterSet, ReadsTheSameInEveryFormAndIsWrittenAsItWas) {
-    H264ConfigurationParser second;  // of all cases: nothing of the last one stays
+// That it reads the same again in any form is the fuzz target's.
+TEST(ParameterSet, IsWrittenAsItWas) {
     for (const Case& wanted : Cases) {
-        SCOPED_TRACE(wanted.name);
-        const Bytes sps = fromHex(wanted.sps);
-        const Bytes pps = fromHex(wanted.pps);
-        H264ConfigurationParser first;
-        parse(first, annexB(sps, pps));
-        EXPECT_EQ(written(first), sps);
-        EXPECT_EQ(parse(second, record(sps, pps)), 1);
-        EXPECT_TRUE(H264ConfigurationParser::IsSpsEqual(first.GetSps(), second.GetSps()));
-        EXPECT_TRUE(H264ConfigurationParser::IsPpsEqual(first.GetPps(), second.GetPps()));
-        EXPECT_EQ(parse(second, sps), 1);
-        EXPECT_TRUE(H264ConfigurationParser::IsSpsEqual(first.GetSps(), second.GetSps()));
-        EXPECT_FALSE(H264ConfigurationParser::IsPpsEqual(first.GetPps(), second.GetPps()));
-
-        const int chroma = first.GetSps().chroma_format_idc;
-        Bytes rbsp(pps.size() + 16);
-        rbsp.resize(writePictureParameterSet(first.GetPps(), chroma, rbsp));
-        const Rbsp original(pps);
-        EXPECT_EQ(rbsp, Bytes(original.Payload().begin(), original.Payload().end()));
+        SCOPED_TRACE(wanted.seed);
+        H264ConfigurationParser parser;
+        parseSeed(parser, wanted.seed);
+        Bytes pps(4096, 0x68);
+        Bytes rbsp(pps.size());
+        rbsp.resize(writePictureParameterSet(parser.GetPps(), parser.GetSps().chroma_format_idc, rbsp));
+        pps.resize(1 + applyEmulationPrevention(rbsp, &pps[1]));
+        const Bytes whole = seed(wanted.seed);
+        for (const Bytes& unit : {written(parser), pps}) {
+            EXPECT_NE(std::search(whole.begin(), whole.end(), unit.begin(), unit.end()), whole.end());
+        }
     }
 }
 
