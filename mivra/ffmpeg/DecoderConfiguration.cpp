@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
+#include <vector>
 
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
+#include "mivra/ffmpeg/HevcRecord.h"
+#include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
 namespace {
@@ -14,6 +18,8 @@ using Common::Codec_t;
 using Common::MediaType;
 
 constexpr int kMostReordered = 16;  // pictures, in every codec
+constexpr unsigned char kRecordVersion = 1;
+constexpr int kLongest = 4;  // bytes of a unit's length
 
 const unsigned char* privateData(const MediaType& type) {
     return reinterpret_cast<const unsigned char*>(type.CodecPrivateData());
@@ -21,6 +27,19 @@ const unsigned char* privateData(const MediaType& type) {
 
 bool hasPrivateData(const MediaType& type) {
     return type.CodecPrivateDataSize() > 0 && type.CodecPrivateData() != nullptr;
+}
+
+/// False when there is no memory.
+bool setPrivateData(std::span<const std::uint8_t> data, MediaType& type) {
+    char* const copy = static_cast<char*>(Platform::System().allocate(data.size()));
+    if (copy == nullptr) {
+        return false;
+    }
+    std::memcpy(copy, data.data(), data.size());
+    Platform::System().free(type.CodecPrivateData());
+    type.CodecPrivateData() = copy;
+    type.CodecPrivateDataSize() = static_cast<std::int32_t>(data.size());
+    return true;
 }
 
 /// AAC that is described by one of its ADTS headers configures itself from the stream.
@@ -119,6 +138,22 @@ bool hasLengths(const unsigned char* data, int size, int lengthSize) {
     return at == size && size > 0;
 }
 
+/// H.265 in the other carriage than the private data has.
+bool takeHevcCarriage(const unsigned char* packet, int size, MediaType& type) {
+    constexpr int kRecordLengthByte = 21;
+    const std::span<const std::uint8_t> data(privateData(type),
+                                             static_cast<std::size_t>(type.CodecPrivateDataSize()));
+    const bool startCode = hasStartCode(packet, size);
+    std::vector<std::uint8_t> other;
+    if (data[0] == kRecordVersion && data.size() > kRecordLengthByte && startCode &&
+        !hasLengths(packet, size, (data[kRecordLengthByte] & 3) + 1)) {
+        other = hevcRecordToAnnexB(data);
+    } else if (data[0] == 0 && !startCode && hasLengths(packet, size, kLongest)) {
+        other = makeHevcRecord(data);
+    }
+    return !other.empty() && setPrivateData(other, type);
+}
+
 bool takeSets(unsigned char* packet, int size, MediaType& type) {
     H264ConfigurationParser::UnitList sequenceSets;
     H264ConfigurationParser::UnitList pictureSets;
@@ -149,6 +184,9 @@ bool configureDecoder(const MediaType& type, int threads, AVCodecContext& contex
 }
 
 bool learnFromPacket(unsigned char* packet, int size, MediaType& type) {
+    if (type.CodecId() == Codec_t::H265) {
+        return hasPrivateData(type) && takeHevcCarriage(packet, size, type);
+    }
     if (type.CodecId() != Codec_t::H264) {
         return false;
     }
@@ -156,9 +194,7 @@ bool learnFromPacket(unsigned char* packet, int size, MediaType& type) {
     if (!hasPrivateData(type)) {
         return startCode && takeSets(packet, size, type);
     }
-    constexpr unsigned char kRecordVersion = 1;
     constexpr int kRecordLengthByte = 4;
-    constexpr int kLongest = 4;
     const unsigned char* const data = privateData(type);
     if (data[0] != kRecordVersion) {
         return !startCode && hasLengths(packet, size, kLongest) &&

@@ -11,8 +11,9 @@ namespace Mivra::FFmpeg {
 /// there is no memory.
 bool configureDecoder(const Common::MediaType& type, int threads, AVCodecContext& context);
 
-/// What the first packet tells beyond its type, or against it: H.264 in the other carriage than the private
-/// data has, or with parameter sets of which the type knows nothing. True when `type` has been corrected.
+/// What the first packet tells beyond its type, or against it: H.264 and H.265 in the other carriage than
+/// the private data has, H.264 also with parameter sets of which the type knows nothing. True when `type` has
+/// been corrected.
 bool learnFromPacket(unsigned char* packet, int size, Common::MediaType& type);
 
 }  // namespace Mivra::FFmpeg

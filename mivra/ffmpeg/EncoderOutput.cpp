@@ -8,6 +8,7 @@
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
+#include "mivra/ffmpeg/HevcRecord.h"
 #include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
@@ -82,7 +83,7 @@ EncoderOutput::EncoderOutput(MediaType& type_, bool& dirty_)
       dirty(dirty_),
       hasSets(type.CodecId() == Codec_t::H264 || type.CodecId() == Codec_t::H265),
       annexB(hasSets && beginsWithZero(type)),
-      prefixed(type.CodecId() == Codec_t::H264 && !annexB) {}
+      prefixed(hasSets && !annexB) {}
 
 void EncoderOutput::tell(const char* key, std::int64_t value, std::int64_t none) {
     if (value != none) {
@@ -152,6 +153,10 @@ bool EncoderOutput::Describe(const AVCodecContext& encoder) {
 
 bool EncoderOutput::takePrivateData(Bytes data) {
     const bool convert = prefixed && !data.empty() && data[0] == 0;
+    if (convert && type.CodecId() == Codec_t::H265) {
+        const std::vector<std::uint8_t> record = makeHevcRecord(data);
+        return !record.empty() && takePrivateData(record);
+    }
     if (convert) {
         if (!H264ConfigurationParser::GenerateCodecPrivateData(type, const_cast<std::uint8_t*>(data.data()),
                                                                static_cast<int>(data.size()))) {
@@ -209,7 +214,7 @@ bool EncoderOutput::Make(const AVPacket& packet, Reference<PacketBuffer>& made) 
     if (!prefixed) {
         buffer->Append(packet.data, size);
     } else if (!H264ConfigurationParser::ConvertToAvcBitstream(packet.data, size, kLengthSize, buffer.get(),
-                                                               true)) {
+                                                               type.CodecId() == Codec_t::H264)) {
         return true;
     }
     std::memset(buffer->Buffer() + buffer->ActualSize(), 0, AV_INPUT_BUFFER_PADDING_SIZE);

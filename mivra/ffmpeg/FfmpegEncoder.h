@@ -22,8 +22,8 @@ class EncoderCore;
 /// level ("Profile" and "Level" of the metadata in FFmpeg's numbers, or SetProfileLevel()). What is 0, unset
 /// or, of the pixel aspect ratio, 1/1 comes from the input type. Private data asks for the form of H.264 and
 /// H.265: beginning with a zero byte (a start code alone will do) packets are Annex B with their parameter
-/// sets inside, and the private data follows with the first packet. Without, H.264 has a configuration record
-/// and lengths of four bytes, H.265 Annex B with its sets in the private data alone.
+/// sets inside, and the private data follows with the first packet. Without, there is a configuration record,
+/// and packets are units behind lengths of four bytes.
 ///
 /// Every picture in gives one packet with the same Pts and Duration, unless the encoder drops it. Audio is
 /// regrouped to the encoder's frames; a packet's Pts is the time of its first sample, and the first ones lie

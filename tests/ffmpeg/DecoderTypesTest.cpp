@@ -12,6 +12,7 @@
 #include "mivra/ffmpeg/FfmpegDecoder.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
 #include "mivra/ffmpeg/FfmpegObjects.h"
+#include "mivra/ffmpeg/HevcRecord.h"
 #include "mivra/platform/System.h"
 #include "tests/ffmpeg/CodedStream.h"
 #include "tests/support/LogCapture.h"
@@ -253,10 +254,27 @@ TEST_F(DecoderTypesTest, PrivateDataMayBeOfTheOtherCarriageMissingOrWrong) {
         FfmpegDecoder decoder(&type, nullptr, nullptr);
         EXPECT_EQ(hashes(decode(decoder, *mix.packets).frames), expected);
     }
+    const std::string film = video("b.mp4", "144x112", "-c:v libx265 -x265-params log-level=error -g 8");
+    const auto frames = hashes(FfmpegDigests(film, kVideo));
+    CodedStream lengths = ReadStream(film, kVideo);
+    RunFfmpeg("-i " + film + " -c copy " + (folder / "b.h265"));
+    CodedStream codes = ReadStream(folder / "b.h265", kVideo);
+    const std::string record(lengths.type.CodecPrivateData(),
+                             static_cast<std::size_t>(lengths.type.CodecPrivateDataSize()));
+    const std::vector<std::uint8_t> sets =
+        FFmpeg::hevcRecordToAnnexB({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()});
+    for (CodedStream* stream : {&lengths, &codes}) {
+        for (const std::string& data : {record, std::string(sets.begin(), sets.end())}) {
+            MediaType type(stream->type);
+            setPrivateData(type, data);
+            FfmpegDecoder decoder(&type, nullptr, nullptr);
+            EXPECT_EQ(hashes(decode(decoder, *stream).frames), frames);
+        }
+    }
     EXPECT_TRUE(log.Errors().empty());
     for (const char* garbage :
          {"\x01", "\x01\x64\xff\xff\xff\xff\xff\xff", "no private data at all", "\xff\xff"}) {
-        for (CodedStream* stream : {&avc, &annexB}) {
+        for (CodedStream* stream : {&avc, &annexB, &lengths, &codes}) {
             MediaType type(stream->type);
             setPrivateData(type, garbage);
             FfmpegDecoder decoder(&type, nullptr, nullptr);  // usable or not

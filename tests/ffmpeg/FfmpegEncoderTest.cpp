@@ -14,6 +14,7 @@
 
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/ffmpeg/EncoderOptions.h"
+#include "mivra/ffmpeg/HevcRecord.h"
 #include "tests/ffmpeg/EncoderFixture.h"
 #include "tests/support/FaultInjection.h"
 
@@ -91,6 +92,37 @@ TEST_F(FfmpegEncoderTest, PicturesAreWhatFfmpegTakesAndKeepTheirTimes) {
         std::sort(times.begin(), times.end());
         for (std::size_t at = 0; at < times.size(); ++at) {
             EXPECT_EQ(times[at], frames[at]->Pts());
+        }
+    }
+}
+
+TEST_F(FfmpegEncoderTest, RecordsOfH265AreThoseOfFfmpeg) {
+    if (!kCountsOperatorNew) {
+        GTEST_SKIP() << "ThreadSanitizer does not see how libx265 keeps its threads apart";
+    }
+    const LeaksAllowed leaks(true);
+    for (const PixelFormat_t format :
+         {PixelFormat_t::YUV420P, static_cast<PixelFormat_t>(AV_PIX_FMT_YUV444P10LE)}) {
+        const MediaType input = videoInput({176, 144, format, {25, 1}});
+        const std::string options = "preset=ultrafast:x265-params=log-level=0\\:info=0\\:temporal-layers=1";
+        const auto prefixed = make(input, wanted(Codec_t::H265), options);
+        MediaType output = wanted(Codec_t::H265);
+        setPrivateData(output, std::string("\0\0\0\1", 4));
+        const auto codes = make(input, output, options);
+        const std::string stream = folder / "x.h265";
+        WriteWholeFile(stream, bytesOf(encode(*codes, pictures(input, 4))));
+        run("ffmpeg -v error -y -i " + stream + " -c copy " + (folder / "x.mp4"));
+        const std::string file = ReadWholeFile(folder / "x.mp4");
+        std::string record = privateData(*prefixed->GetOutputMediaType());
+        const std::size_t box = file.find("hvcC");
+        ASSERT_NE(box, std::string::npos);
+        EXPECT_EQ(record, file.substr(box + 4, record.size()));
+        for (const auto& encoder : {prefixed.get(), codes.get()}) {
+            const std::vector<std::uint8_t> bytes(record.begin(), record.end());
+            const std::vector<std::uint8_t> sets = FFmpeg::hevcRecordToAnnexB(bytes);
+            EXPECT_EQ(FFmpeg::makeHevcRecord(sets), bytes);
+            EXPECT_EQ(encoder == codes.get(),
+                      privateData(*encoder->GetOutputMediaType()) == std::string(sets.begin(), sets.end()));
         }
     }
 }
