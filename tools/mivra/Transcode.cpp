@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 
+#include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/runtime/Reference.h"
 #include "mivra/media/MediaSession.h"
 #include "tools/mivra/FileSource.h"
@@ -29,6 +30,8 @@ using Media::MediaSession;
 constexpr int kLookMilliseconds = 100;
 /// Packets wait for the encoder, not for the disk: more of them would only take memory.
 constexpr std::int64_t kBudgetBytes = std::int64_t{3} << 20;
+/// Of the shared pools: only what is encoded and not yet muxed lies in them.
+constexpr float kPoolScale = 0.25F;
 /// What a decoder of audio hears before the first sample that is wanted, in seconds: its windows overlap.
 constexpr double kRunUp = 0.1;
 
@@ -160,6 +163,7 @@ ExitCode transcode(const TranscodeOptions& options) {
     const Interrupt interrupt;
     try {
         const MediaRuntime runtime(options.log, options.logLevel);
+        Media::MediaGlobal::Initialize(kPoolScale);
         return run(options, console);
     } catch (const ProblemError& error) {
         console.Error(error.problem);
