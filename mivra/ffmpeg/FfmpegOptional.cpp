@@ -11,6 +11,11 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#if defined(__GNUC__)
+#pragma GCC diagnostic ignored \
+    "-Wdeprecated-declarations"  // 6.1 has begun to put others in place of the side data of streams
+#endif
+
 namespace Mivra::FFmpeg {
 namespace {
 

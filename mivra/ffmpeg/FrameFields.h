@@ -35,12 +35,14 @@ inline void setFrameDuration(AVFrame& frame, std::int64_t duration) {
 #endif
 }
 
+/// The flag came in the middle of a major version: libraries older than the headers may not set it yet.
 inline bool isKeyFrame(const AVFrame& frame) {
-#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-    return (frame.flags & AV_FRAME_FLAG_KEY) != 0;
-#else
-    return frame.key_frame != 0;
+#if defined(AV_FRAME_FLAG_KEY)
+    if ((frame.flags & AV_FRAME_FLAG_KEY) != 0) {
+        return true;
+    }
 #endif
+    return frame.key_frame != 0;
 }
 
 /// A number that a packet carries to its frames. FFmpeg hands a packet's position on without looking at it.

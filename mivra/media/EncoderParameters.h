@@ -20,7 +20,8 @@ struct MIVRA_API EncoderParameters {
     std::string Options;
     /// Threads that the encoder may use; -1: the engine decides.
     std::int32_t ThreadCount = -1;
-    /// No engine reads it yet.
+    /// Bits that belong to the engine. None of today's defines any, so they change nothing; what FFmpeg calls
+    /// flags is an option ("flags=+global_header").
     std::int32_t Flags = 0;
 };
 

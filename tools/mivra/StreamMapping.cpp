@@ -6,6 +6,11 @@
 
 #include "tools/mivra/Rescale.h"
 
+#if defined(__GNUC__)
+#pragma GCC diagnostic ignored \
+    "-Wdeprecated-declarations"  // 6.1 has begun to put others in place of the side data of streams
+#endif
+
 namespace Mivra::Tool {
 namespace {
 
