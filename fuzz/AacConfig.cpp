@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/AacTables.h"
 #include "fuzz/BinaryForm.h"
 #include "mivra/codecs/aac/ConfigurationParser.h"
 
@@ -33,14 +34,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const unsigned word = static_cast<unsigned>(bytes[size - kept] << 8 | bytes[size - kept + 1]);
     type.SampleRate() = parser.GetSampleRate();
     type.ChannelLayout() = word >> 3 & 15;
-    const std::uint64_t profile = type.GetProfileLevel();
-    Require(profile == word >> 11);
+    const unsigned profile = word >> 11;
+    Require(type.GetProfileLevel() == profile);
+    const unsigned rate = word >> 7 & 15;
+    Require(parser.GetSampleRate() == Mivra::Fuzz::kRates[rate]);
+    Require(parser.GetChannels() == Mivra::Fuzz::kChannels[word >> 3 & 15]);
     ConfigurationParser::GenerateCodecPrivateData(&type);
     Require(type.CodecPrivateDataSize() == 2);
-    ConfigurationParser again;
-    Require(again.Parse(reinterpret_cast<unsigned char*>(type.CodecPrivateData()), 0, 2));
-    // Without a rate it is index 0, without a configuration that of the channels, of which there are none.
-    Require(again.GetSampleRate() == (parser.GetSampleRate() != 0 ? parser.GetSampleRate() : 96000));
-    Require(again.GetChannels() == parser.GetChannels());
+    // LC without a profile, index 0 without a rate; the configuration of the channels stays.
+    const unsigned written = (profile != 0 ? profile : 2) << 11 | (parser.GetSampleRate() != 0 ? rate : 0)
+                                                                      << 7;
+    const auto* const again = reinterpret_cast<const unsigned char*>(type.CodecPrivateData());
+    Require((again[0] << 8 | again[1]) == static_cast<int>(written | (word & 0x78)));
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/AacTables.h"
 #include "fuzz/BinaryForm.h"
 #include "mivra/codecs/aac/ConfigurationParser.h"
 #include "mivra/common/buffers/MediaGlobal.h"
@@ -21,6 +22,17 @@ int syncword(const std::vector<char>& bytes, std::size_t start) {
         }
     }
     return -1;
+}
+
+/// What the header tells, wherever the packet stands; its configuration of the channels has three bits.
+void checkRead(const std::vector<char>& bytes, MediaType& type) {
+    const auto second = static_cast<unsigned char>(bytes[2]);
+    const auto third = static_cast<unsigned char>(bytes[3]);
+    const unsigned configuration = (second & 1U) << 2 | third >> 6;
+    Require(type.GetProfileLevel() == (second >> 6) + 1U);
+    Require(type.SampleRate() == Mivra::Fuzz::kRates[second >> 2 & 15]);
+    Require(type.ChannelLayout() == configuration);
+    Require(type.Channels() == Mivra::Fuzz::kChannels[configuration]);
 }
 
 /// A frame made from what was read says the same and carries the payload.
@@ -53,13 +65,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                     syncword(bytes, start));
         }
         MediaType type;
+        packet->Position() = static_cast<int>(size / 3);
+        packet->BitPosition() = 3;
         try {
             ConfigurationParser::AdtsReadMediaType(packet, &type);
             Require(size >= 4);
+            checkRead(bytes, type);
         } catch (const Mivra::Common::GeneralException&) {
             Require(size < 4 && type.GetProfileLevel() == 0 && type.SampleRate() == 0);
         }
-        packet->Position() = static_cast<int>(size / 3);
+        Require(packet->Position() == static_cast<int>(size / 3) && packet->BitPosition() == 3);
         frameAgain(packet, type);
     });
     return 0;

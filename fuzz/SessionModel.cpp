@@ -46,7 +46,7 @@ void settle(const std::function<bool()>& condition) {
 
 class Source : public IMediaSource {
 public:
-    explicit Source(bool startsAtOnce) : ready(startsAtOnce) {}
+    Source(bool startsAtOnce, bool hasVideo) : ready(startsAtOnce), video(hasVideo) {}
     ~Source() override { destroying = true; }
     void Open() override { state = MediaState::Opened; }
     void Start() override {
@@ -57,7 +57,7 @@ public:
     int GetStreamCount() override { return 1; }
     MediaType GetMediaType(int) override {
         MediaType type;
-        type.ContentType() = Mivra::Common::ContentType_t::Video;
+        if (video) type.ContentType() = Mivra::Common::ContentType_t::Video;
         return type;
     }
     void Discard(std::map<int, bool>) override {}
@@ -75,6 +75,7 @@ public:
 
 private:
     const bool ready;
+    const bool video;
 };
 
 class Sink : public IMediaSink {
@@ -161,8 +162,10 @@ private:
     };
 
     void addMembers() {
-        const bool sourceReady = operations.Flag();
-        auto added = Reference<Source>(new Source(sourceReady));
+        const int form = operations.Small();
+        const bool sourceReady = (form & 1) != 0;
+        const bool hasVideo = form < 0xC0;
+        auto added = Reference<Source>(new Source(sourceReady, hasVideo));
         try {
             session->AddSource(added.get());
             Require(!running);
@@ -173,6 +176,7 @@ private:
             }
             source = added;
             sourceStarted = sourceReady;
+            video = hasVideo;
             sinks.clear();
             for (int count = operations.Small() % 3; count > 0; --count) {
                 const bool ready = operations.Flag();
@@ -261,7 +265,7 @@ private:
     }
     void deliver(const Sent& sample) {
         for (SinkModel& model : sinks) {
-            model.awaitsKey = model.awaitsKey && !sample.key;
+            model.awaitsKey = model.awaitsKey && video && !sample.key;
             if (model.started && !model.awaitsKey) model.expected.push_back(sample.pts);
         }
     }
@@ -328,7 +332,7 @@ private:
     void trim() {
         const std::int64_t newest = cached.back().pts;
         const auto first = std::find_if(cached.begin(), cached.end(), [&](const Sent& sent) {
-            return sent.key && newest - sent.pts <= duration;
+            return (sent.key || !video) && newest - sent.pts <= duration;
         });
         cached.erase(cached.begin(), first);
     }
@@ -365,6 +369,7 @@ private:
     std::atomic<int> nonFatal{0};
     Reference<Source> source;
     bool sourceStarted = false;
+    bool video = true;
     std::vector<SinkModel> sinks;
     std::unique_ptr<MediaSession> session = std::make_unique<MediaSession>();
     // The model.

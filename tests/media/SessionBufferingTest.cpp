@@ -72,22 +72,6 @@ TEST_P(SessionBufferingTest, GivesWhatCameBeforeStartFromAKeyFrameOn) {
     EXPECT_TRUE(nonFatal.empty());
 }
 
-TEST_P(SessionBufferingTest, LateSinkOfASessionWithoutVideoTakesEverything) {
-    const auto source = AddSource();
-    const auto sink = AddSink();
-    const auto late = AddSink();
-    late->onOpen = [] {};
-    session->StartBuffering(2, GetParam());
-    ASSERT_TRUE(Reaches(MediaState::Started) && Eventually([&] { return sink->Starts() == 1; }));
-    SendFrames(*source.get(), 0, 33);
-    session->Start();
-    EXPECT_TRUE(Gets(*sink.get(), Frames(12, 33)) && Reaches(MediaState::Running));
-    late->setStateInThread(MediaState::Opened);
-    EXPECT_TRUE(Eventually([&] { return late->Starts() == 1; }));
-    SendFrames(*source.get(), 33, 36);
-    EXPECT_TRUE(Gets(*late.get(), Frames(33, 36)));
-}
-
 // Four sources send as fast as they can while the output begins.
 TEST_P(SessionBufferingTest, LosesRepeatsAndOvertakesNothing) {
     const int samples = Cycles(2500, 25'000);

@@ -27,10 +27,6 @@ using Test::SetPrivateData;
 using namespace std::string_literals;
 using Packet = Common::Reference<PacketBuffer>;
 
-constexpr int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050,
-                          16000, 12000, 11025, 8000,  7350,  0,     0,     0};
-constexpr int kChannels[] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0};
-
 std::string bytes(unsigned long long value, int count) {
     std::string text;
     for (int i = count - 1; i >= 0; --i) {
@@ -47,28 +43,6 @@ std::string headerOf(MediaType& type) {
     const auto [length, header] = ConfigurationParser::AdtsGenerateHeader(&type);
     const std::unique_ptr<unsigned char, void (*)(void*)> owner(header, std::free);
     return std::string(reinterpret_cast<const char*>(header), static_cast<std::size_t>(length));
-}
-
-TEST(AacConfiguration, EveryTwoBytesAreReadAndWrittenAlike) {
-    for (unsigned word = 0; word < 0x10000; ++word) {
-        const unsigned rate = word >> 7 & 15;
-        const unsigned configuration = word >> 3 & 15;
-        unsigned char data[] = {0xEE, static_cast<unsigned char>(word >> 8),
-                                static_cast<unsigned char>(word)};
-        ConfigurationParser parser;
-        ASSERT_TRUE(parser.Parse(data, 1, 2));  // the offset is not taken off the size
-        ASSERT_EQ(parser.GetSampleRate(), kRates[rate]) << word;
-        ASSERT_EQ(parser.GetChannels(), kChannels[configuration]) << word;
-
-        MediaType type;
-        type.SetProfileLevel(word >> 11);
-        type.SampleRate() = kRates[rate];
-        type.ChannelLayout() = configuration;
-        ConfigurationParser::GenerateCodecPrivateData(&type);
-        const unsigned profile = word >> 11 == 0 ? 2 : word >> 11;  // LC where none is told
-        const unsigned written = profile << 11 | (kRates[rate] == 0 ? 0 : rate) << 7 | configuration << 3;
-        ASSERT_EQ(PrivateDataOf(type), bytes(written, 2)) << word;
-    }
 }
 
 TEST(AacConfiguration, RefusesWhatIsCutOffAndKeepsWhatItKnew) {
@@ -127,26 +101,6 @@ TEST(AacAdts, LooksForASyncwordFromAnyStart) {
         EXPECT_EQ(ConfigurationParser::AdtsFindSync(wrap(data).get(), start), found) << start;
     }
     EXPECT_EQ(ConfigurationParser::AdtsFindSync(nullptr, 0), -1);
-}
-
-TEST(AacAdts, ReadsEveryHeaderFromTheStartOfTheFrame) {
-    for (unsigned bits = 0; bits < 0x10000; ++bits) {
-        std::string frame = bytes(0xFFF1, 2) + bytes(bits, 2) + "abc";
-        MediaType type;
-        SetPrivateData(type, "kept"s);
-        const Packet packet = wrap(frame);
-        packet->Position() = 5;
-        packet->BitPosition() = 3;
-        ConfigurationParser::AdtsReadMediaType(packet.get(), &type);
-        const unsigned configuration = bits >> 6 & 7;
-        ASSERT_EQ(type.GetProfileLevel(), (bits >> 14) + 1) << bits;
-        ASSERT_EQ(type.SampleRate(), kRates[bits >> 10 & 15]) << bits;
-        ASSERT_EQ(type.ChannelLayout(), configuration) << bits;
-        ASSERT_EQ(type.Channels(), kChannels[configuration]) << bits;
-        ASSERT_EQ(PrivateDataOf(type), "kept");
-        ASSERT_EQ(packet->Position(), 5);
-        ASSERT_EQ(packet->BitPosition(), 3);
-    }
 }
 
 class AacFrames : public ::testing::Test {
