@@ -66,12 +66,70 @@ std::vector<Bytes> unitsOf(const Bytes& data, int lengthSize) {
     return units;
 }
 
+using Units = std::optional<std::vector<Bytes>>;
+
+/// The units of a byte stream as Annex B tells them; none when it does not begin with a start code.
+Units splitStream(const Bytes& data) {
+    std::vector<Bytes> units;
+    const unsigned char prefix[] = {0, 0, 1};
+    auto at = std::search(data.begin(), data.end(), prefix, prefix + 3);
+    if (std::any_of(data.begin(), at, [](unsigned char byte) { return byte != 0; }) ||
+        (at == data.end() && !data.empty())) {
+        return std::nullopt;
+    }
+    while (at != data.end()) {
+        const auto begin = at + 3;
+        at = std::search(begin, data.end(), prefix, prefix + 3);
+        Bytes unit(begin, at);
+        while (!unit.empty() && unit.back() == 0)
+            unit.pop_back();
+        if (!unit.empty()) units.push_back(unit);
+    }
+    return units;
+}
+
+/// The units behind their lengths; none when the data end too early.
+Units splitPrefixed(const Bytes& data, int lengthSize) {
+    std::vector<Bytes> units;
+    for (std::size_t at = 0; at < data.size();) {
+        std::size_t size = 0;
+        for (int i = 0; i < lengthSize && at <= data.size(); ++i, ++at)
+            size = size << 8 | (at < data.size() ? data[at] : 0);
+        if (at > data.size() || size > data.size() - at) return std::nullopt;
+        if (size > 0) units.emplace_back(data.data() + at, data.data() + at + size);
+        at += size;
+    }
+    return units;
+}
+
+/// Units behind lengths of so many bytes, or 0: start codes of four; nothing when one is too long.
+std::optional<Bytes> joined(const Units& units, int lengthSize) {
+    if (!units) return std::nullopt;
+    Bytes whole;
+    for (const Bytes& unit : *units) {
+        const std::uint64_t prefix = lengthSize == 0 ? 1 : unit.size();
+        const int size = lengthSize == 0 ? 4 : lengthSize;
+        if (prefix >> size * 8 != 0) return std::nullopt;
+        for (int shift = (size - 1) * 8; shift >= 0; shift -= 8)
+            whole.push_back(static_cast<unsigned char>(prefix >> shift));
+        whole.insert(whole.end(), unit.begin(), unit.end());
+    }
+    return whole;
+}
+
+bool isParameterSet(const Bytes& unit) {
+    const int type = unit[0] & 31;
+    return type == 7 || type == 8;
+}
+
 void convertStream(Bytes& data, bool drop) {
+    Units units = splitStream(data);
+    if (units && drop) std::erase_if(*units, isParameterSet);
     for (int lengthSize = 1; lengthSize <= 4; ++lengthSize) {
         const auto avc = convertedExactly(data.size() * 2 + 4, [&](PacketBuffer* out) {
             return Parser::ConvertToAvcBitstream(data.data(), sizeOf(data), lengthSize, out, drop);
         });
-        Require(!avc || drop || unitsOf(*avc, lengthSize) == unitsOf(data, 0));
+        Require(avc == joined(units, lengthSize));
     }
     const auto in = over(data);
     const auto refine = [](PacketBuffer* from) {
@@ -98,6 +156,7 @@ void convertPrefixed(Bytes& data, int lengthSize) {
     const auto withSets = convertedExactly(data.size() * (5 + SetsSize), [&](PacketBuffer* out) {
         return Parser::ConvertToAnnexBBitstream(in.get(), out, lengthSize, Sets, SetsSize);
     });
+    Require(plain == joined(splitPrefixed(data, lengthSize), 0));
     Require(plain.has_value() == withSets.has_value());
     Require(!plain || withSets->size() + unitsOf(data, lengthSize).size() >= plain->size());
 }
