@@ -115,6 +115,7 @@ TEST(Metadata, WritesTheKnownBytes) {
                                37);
     EXPECT_EQ(Written(map), expected);
     EXPECT_EQ(Written(map["key"]), expected.substr(11));
+    EXPECT_TRUE(ReadAs<Metadata>(expected, [&](Metadata& read) { EXPECT_TRUE(read == map); }));
     EXPECT_EQ(Written(map, Endianness::Little).substr(0, 8), std::string("\1\0\0\0\3\0\0\0", 8));
 }
 
