@@ -29,6 +29,30 @@ std::string textOf(const char (&field)[size]) {
     return {field, ::strnlen(field, size)};
 }
 
+bool admit(SendQueue& queue, PacketBuffer* packet) {
+    switch (queue.Push(packet)) {
+        case SendQueue::Admission::Queued:
+            return true;
+        case SendQueue::Admission::Full:
+            LogLine(FileLog::Warning,
+                    "NetClientContext::PushWritePacket: Send queue is too long: allowed %d current %d, "
+                    "dropping packet",
+                    queue.AllowedBytes(), queue.QueuedBytes());
+            return false;
+        case SendQueue::Admission::BadSize:
+            LogLine(FileLog::Error,
+                    "NetClientContext::PushWritePacket: %d bytes in a buffer of %d, dropping packet",
+                    packet->ActualSize(), packet->Size());
+            return false;
+        case SendQueue::Admission::NoMemory:
+            LogLine(FileLog::Error, "NetClientContext::PushWritePacket: out of memory, dropping packet");
+            return false;
+        case SendQueue::Admission::Closed:
+            break;
+    }
+    return false;
+}
+
 }  // namespace
 
 NetClientContext::NetClientContext() : freed(std::make_unique<Common::WakeEvent>()) {}
@@ -98,24 +122,10 @@ bool NetClientContext::PushWritePacket(PacketBuffer* packet) MIVRA_NO_THREAD_SAF
     const bool inHandler = NotificationScope::Active();
     const bool locked = inHandler ? lock.TryLock() : lockUnlessClosing();
     if (!locked && (!inHandler || closing)) return false;
-    const SendQueue::Admission admission = sendQueue.Push(packet);
+    // With its line: until the lock goes, the worker takes nothing out.
+    const bool queued = admit(sendQueue, packet);
     if (locked) unlock();
-    switch (admission) {
-        case SendQueue::Admission::Queued:
-            return true;
-        case SendQueue::Admission::Full:
-            LogLine(FileLog::Warning,
-                    "NetClientContext::PushWritePacket: Send queue is too long: allowed %d current %d, "
-                    "dropping packet",
-                    sendQueue.AllowedBytes(), sendQueue.QueuedBytes());
-            return false;
-        case SendQueue::Admission::NoMemory:
-            LogLine(FileLog::Error, "NetClientContext::PushWritePacket: out of memory, dropping packet");
-            return false;
-        case SendQueue::Admission::Closed:
-            break;
-    }
-    return false;
+    return queued;
 }
 
 NetNotitications* NetClientContext::dataReceiver() const {

@@ -71,7 +71,8 @@ public:
     std::int32_t ReceiveErrorCount() const { return receiveErrorCount; }
 
     /// Queues a packet, taking a reference, after having waited for the lock; false when the queue is too
-    /// long (with a line at level 2) or the context closes. On a thread that runs a handler it does not wait.
+    /// long (with a line at level 2), the packet's size is none (level 1) or the context closes. On a thread
+    /// that runs a handler it does not wait.
     bool PushWritePacket(Common::PacketBuffer* packet);
 
 protected:

@@ -53,7 +53,8 @@ public:
     /// Ends listening; accepted clients stay.
     virtual bool StopListen(int port) = 0;
     /// Queues a packet for a client, with a reference of the engine's own, and sets its Position to 0. False:
-    /// not started, null, no such client, or its queue is full; the packet stays with the caller.
+    /// not started, null or of no valid size, no such client, or its queue is full; the packet stays with
+    /// the caller.
     virtual bool SendAsync(unsigned int clientId, Common::PacketBuffer* packet) = 0;
     /// Changes what can be changed of a connection: its remote address (when that has a family), the sizes of
     /// its socket's buffers (above 0), the limit of its queue (from 0 up).

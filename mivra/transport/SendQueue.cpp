@@ -24,6 +24,7 @@ SendQueue::~SendQueue() {
 
 SendQueue::Admission SendQueue::Push(PacketBuffer* packet) {
     const std::int32_t size = packet->ActualSize();
+    if (size < 0 || size > packet->Size()) return Admission::BadSize;
     AutoLock guard(lock);
     if (closed) return Admission::Closed;
     if (count > 1 && queuedBytes + size > allowedBytes) return Admission::Full;

@@ -20,7 +20,7 @@ namespace Mivra::Transport {
 /// engine's worker alone sends and takes out, but Close. Its lock is a leaf.
 class MIVRA_API SendQueue {
 public:
-    enum class Admission { Queued, Full, Closed, NoMemory };
+    enum class Admission { Queued, Full, Closed, BadSize, NoMemory };
 
     SendQueue() = default;
     SendQueue(const SendQueue&) = delete;
@@ -28,7 +28,8 @@ public:
     ~SendQueue();
 
     /// Takes a reference and sets the packet's Position to 0. Full: two or more packets wait, and with this
-    /// one they would be more than AllowedBytes. A refused packet stays as it was.
+    /// one they would be more than AllowedBytes. BadSize: its ActualSize is negative or beyond its memory. A
+    /// refused packet stays as it was.
     Admission Push(Common::PacketBuffer* packet) MIVRA_EXCLUDES(lock);
     /// Where the unsent bytes of the first packets lie: the number of pieces, at most `most`. They stay valid
     /// until PopSent or Close.

@@ -8,6 +8,7 @@
 #include <deque>
 #include <numeric>
 #include <random>
+#include <tuple>
 
 #include "mivra/common/buffers/PacketBuffer.h"
 #include "mivra/transport/NetConnectionParameters.h"
@@ -110,20 +111,48 @@ TEST(SendQueueTest, RefusesWithoutMemory) {
     EXPECT_EQ(queue.Push(packet.get()), SendQueue::Admission::Queued);
 }
 
+TEST(SendQueueTest, RefusesSizesThatAreNone) {
+    std::string memory(4, 'q');
+    const auto packet = Common::Reference<PacketBuffer>::Adopt(new PacketBuffer(memory.data(), 4));
+    SendQueue queue;
+    for (const int size : {-1, 5, INT32_MIN, INT32_MAX}) {
+        packet->ActualSize() = size;
+        EXPECT_EQ(queue.Push(packet.get()), SendQueue::Admission::BadSize) << size;
+    }
+}
+
+auto fieldsOf(const NetConnectionParameters& of) {
+    return std::tuple(of.notifications, of.userData, of.protocol, of.remoteAddress.sin_port,
+                      of.hasLocalAddress, of.localAddress.sin_port, of.reuseAddress, of.option1,
+                      of.receiveBufferSize, of.sendBufferSize, of.option2, of.disableMulticastLoop,
+                      of.option3, std::string(of.hostName), std::string(of.serverName), of.sendQueueLimit);
+}
+
 // Copies hold references of their own.
-TEST(NetConnectionParametersTest, KeepsTheCountOfItsNotifications) {
+TEST(NetConnectionParametersTest, CopiesItsFieldsAndKeepsTheCountOfItsNotifications) {
     const auto recorder = Recorder::Make();
     const auto other = Recorder::Make();
     {
         NetConnectionParameters first;
-        EXPECT_EQ(first.option2, 1);
-        EXPECT_EQ(first.sendQueueLimit, -1);
+        EXPECT_EQ(fieldsOf(first),
+                  std::tuple(nullptr, 0, 0, 0, false, 0, false, 0, 0, 0, 1, false, false, "", "", -1));
         first.notifications = recorder.get();
         recorder->AddRef();
+        first.userData = 1;
+        first.protocol = 2;
+        first.remoteAddress = Loopback(3);
+        first.hasLocalAddress = first.reuseAddress = first.disableMulticastLoop = first.option3 = true;
+        first.localAddress = Loopback(4);
+        first.option1 = 5;
+        first.receiveBufferSize = 6;
+        first.sendBufferSize = 7;
+        first.option2 = 8;
         std::strcpy(first.hostName, "host");
+        std::strcpy(first.serverName, "server");
+        first.sendQueueLimit = 9;
         NetConnectionParameters second(first);
         EXPECT_EQ(recorder->GetRefCount(), 3);
-        EXPECT_STREQ(second.hostName, "host");
+        EXPECT_EQ(fieldsOf(second), fieldsOf(first));
         NetConnectionParameters third;
         third.notifications = other.get();
         other->AddRef();

@@ -1,7 +1,6 @@
 // How sockets become clients: connecting, listening, creating contexts.
 
 #include <arpa/inet.h>
-#include <netinet/tcp.h>
 
 #include <cerrno>
 #include <new>
