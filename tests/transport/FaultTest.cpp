@@ -16,20 +16,28 @@ struct FaultCase {
 };
 
 const FaultCase kCases[] = {
-    {FaultKind::Socket, {EMFILE, ENOBUFS, EACCES}},
-    {FaultKind::Bind, {EADDRINUSE, EACCES}},
-    {FaultKind::Connect, {ECONNREFUSED, ENETUNREACH, EADDRNOTAVAIL, ETIMEDOUT, EINTR, EINPROGRESS}},
-    {FaultKind::Listen, {EADDRINUSE}},
-    {FaultKind::Accept, {EMFILE, ENFILE, ENOBUFS, ENOMEM, ECONNABORTED, EINTR, EAGAIN, EPROTO}},
-    {FaultKind::Receive, {ECONNRESET, ECONNREFUSED, ETIMEDOUT, ENOMEM, EAGAIN, EINTR, ENOBUFS}},
+    {FaultKind::Socket, {EMFILE, ENFILE, ENOBUFS, ENOMEM, EACCES, EAFNOSUPPORT, EPROTONOSUPPORT, EINVAL}},
+    {FaultKind::Bind, {EADDRINUSE, EADDRNOTAVAIL, EACCES, EINVAL, ENOMEM}},
+    {FaultKind::Connect,
+     {ECONNREFUSED, ENETUNREACH, EHOSTUNREACH, EADDRNOTAVAIL, EADDRINUSE, EAGAIN, EACCES, EPERM, ETIMEDOUT,
+      EINTR, EINPROGRESS, EALREADY, EISCONN}},
+    {FaultKind::Poll, {EINTR, EINVAL, ENOMEM}},
+    {FaultKind::Listen, {EADDRINUSE, EOPNOTSUPP}},
+    {FaultKind::Accept,
+     {EMFILE, ENFILE, ENOBUFS, ENOMEM, ECONNABORTED, EINTR, EAGAIN, EPROTO, EPERM, EINVAL, ENETDOWN,
+      EHOSTUNREACH}},
+    {FaultKind::Receive,
+     {ECONNRESET, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENOTCONN, ENOMEM, EAGAIN, EINTR, ENOBUFS}},
     {FaultKind::Send,
-     {EPIPE, ECONNRESET, ECONNREFUSED, EMSGSIZE, EPERM, ENETUNREACH, EAGAIN, EINTR, ENOBUFS, ENOMEM}},
-    {FaultKind::SocketOption, {EPERM, ENOPROTOOPT, ENODEV, ENOBUFS}},
+     {EPIPE, ECONNRESET, ECONNREFUSED, EMSGSIZE, EPERM, EACCES, ENETUNREACH, EHOSTUNREACH, ENETDOWN, EINVAL,
+      EAGAIN, EINTR, ENOBUFS, ENOMEM}},
+    {FaultKind::SocketOption,
+     {EPERM, EINVAL, ENOPROTOOPT, ENODEV, EADDRINUSE, EADDRNOTAVAIL, ENOBUFS, ENOMEM}},
     {FaultKind::SocketName, {ENOTCONN, ENOBUFS}},
     {FaultKind::CreateWatch, {EMFILE, ENOMEM}},
     {FaultKind::ChangeWatch, {ENOMEM, ENOSPC}},
     {FaultKind::AwaitWatch, {ENOMEM, EINTR, EINVAL}},
-    {FaultKind::Select, {EBADF, EINTR, ENOMEM}},
+    {FaultKind::Select, {EBADF, EINTR, EINVAL, ENOMEM}},
     {FaultKind::WakeDescriptor, {EMFILE, ENOMEM}},
     {FaultKind::StartThread, {EAGAIN}},
     {FaultKind::Open, {EMFILE}},
@@ -46,6 +54,7 @@ bool isPassing(FaultKind kind, int error) {
         case FaultKind::CreateWatch:
         case FaultKind::ChangeWatch:
         case FaultKind::AwaitWatch:
+        case FaultKind::Poll:  // what has no outcome yet counts as none
         case FaultKind::Read:
         case FaultKind::Write:
             return true;

@@ -344,7 +344,11 @@ TEST_F(SelectLoad, ShutdownInTheMiddleOfTrafficAndStartAgain) {
             engine->DisconnectClient(newest, true);
             engine->Shutdown();
         });
-        ledger->Await([&] { return ledger->Of(newest - 1).sentPackets > 30; }, 1000);
+        const auto isDue = [&] {
+            const Ledger::Life last = ledger->Of(newest - 1);
+            return last.sentPackets > 30 || last.released;
+        };
+        ledger->Await(isDue, 1000);
         engine->Shutdown();
         EXPECT_EQ(ledger->Open(), 0);
         ended = true;

@@ -39,9 +39,12 @@ public:
     static PosixPeer Connect(int port, int receiveBuffer = 0) {
         PosixPeer peer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (receiveBuffer > 0) peer.SetOption(SO_RCVBUF, receiveBuffer);
-        const sockaddr_in address = Loopback(port);
-        EXPECT_EQ(::connect(peer.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_TRUE(peer.ConnectTo(port));
         return peer;
+    }
+    bool ConnectTo(int port) const {
+        const sockaddr_in address = Loopback(port);
+        return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
     /// Bound to a free port, or to the given one; streams listen.
     static PosixPeer Bind(int type, const char* address = "127.0.0.1", int port = 0) {
@@ -87,7 +90,7 @@ public:
         return text;
     }
     /// What recv() answers at the end: 0 for an orderly one, else errno.
-    int ReceiveEnd() {
+    int ReceiveEnd() const {
         char byte;
         if (!IsReady()) return -1;
         return ::recv(fd, &byte, 1, 0) == 0 ? 0 : errno;

@@ -65,6 +65,8 @@ TEST_F(SelectFailure, LifeOfAnEngineIsLogged) {
     EXPECT_TRUE(engine->Start());
     EXPECT_FALSE(engine->SendAsync(1, nullptr));
     EXPECT_FALSE(engine->StopListen(80));
+    engine->SetAllocator(0, 1);
+    EXPECT_FALSE(engine->Start());  // looks at the sizes first, started or not
     ASSERT_TRUE(awaitLine("worker thread 1 started"));
     ASSERT_TRUE(awaitLine("worker thread 0 started"));
     engine.reset();
@@ -84,7 +86,8 @@ TEST_F(SelectFailure, LifeOfAnEngineIsLogged) {
         EXPECT_TRUE(log.Contains(line)) << line;
     }
     EXPECT_EQ(lines.back(), "DEBUG SelectTransport::~SelectTransport: released");
-    expectErrors({"SelectTransport::StopListen: port 80 not opened"});
+    expectErrors({"SelectTransport::StopListen: port 80 not opened",
+                  "SelectTransport::Start: Allocators are not initialized"});
 }
 
 TEST_F(SelectFailure, StartsWholeOrNotAtAll) {
@@ -166,6 +169,8 @@ TEST_F(SelectFailure, ListenSaysWhatFailed) {
     EXPECT_TRUE(engine->Listen(nullptr, port, recorder.get(), nullptr));
     PosixPeer peer = PosixPeer::Connect(port);
     EXPECT_TRUE(recorder->Await("connected 3"));
+    engine->DisconnectAll();
+    EXPECT_TRUE(engine->Listen(nullptr, port, recorder.get(), nullptr));
     const std::string number = std::to_string(port);
     expectErrors({"SelectTransport::Listen: port " + number + " already opened",
                   "SelectTransport::Listen: bind() error: 22", "SelectTransport::Listen: bind() error: 98",
@@ -258,8 +263,15 @@ TEST_F(SelectFailure, MembershipThatCannotBeLeftIsNoted) {
         log.Contains("DEBUG SelectTransport::disconnectClient: setsockopt(IP_DROP_MEMBERSHIP) failed: 1"));
 }
 
-// A thread that does not come back from its handler: the client is closed by force after a second.
+// A thread that does not come back from its handler: the client is closed by force after a second, which is
+// 1000 looks, beside the 100 of DisconnectAll.
 TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
+    static std::atomic<int> s_looks{0};
+    static const auto s_wait = Platform::g_system.waitWord;
+    Platform::g_system.waitWord = [](const auto* word, std::uint32_t expected, std::int64_t nanoseconds) {
+        if (nanoseconds != 1'000'000) return s_wait(word, expected, nanoseconds);
+        ++s_looks;
+    };
     std::promise<void> inside;
     std::promise<void> go;
     recorder->disconnecting = [&](NetClientContext*) {
@@ -274,12 +286,14 @@ TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
     std::thread ender([&] { engine->DisconnectClient(1, true); });
     inside.get_future().wait();
     engine->Shutdown();
+    EXPECT_EQ(s_looks, 1100);
     EXPECT_EQ(peer.ReceiveEnd(), ECONNRESET);
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::Shutdown: de-allocate client contexts"));
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::Shutdown: removed client context 1"));
     EXPECT_FALSE(log.Contains("all client contexts released"));
     go.set_value();
     ender.join();
+    Platform::g_system.waitWord = s_wait;
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::disconnectClient: client 1 is deleted already"));
     EXPECT_EQ(recorder->Events(), (Lines{"connected 1", "disconnecting 1", "released 1"}));
 }

@@ -41,10 +41,18 @@ TEST_F(SelectTcp, LivesOfAnAcceptedClientInOrder) {
         EXPECT_TRUE(send(context->ClientId(), reply));
         EXPECT_EQ(context->QueuedBytes(), 6);
     };
-    recorder->sent = [](NetClientContext* context, PacketBuffer*) { EXPECT_EQ(context->QueuedBytes(), 0); };
+    recorder->sent = [](NetClientContext* context, PacketBuffer* packet) {
+        EXPECT_EQ(context->QueuedBytes(), 0);
+        EXPECT_EQ(packet->AddRef(), 2);  // beside the one of its sender
+        packet->Release();
+    };
     start();
-    PosixPeer peer = PosixPeer::Connect(listen());
+    NetConnectionParameters listeners;
+    listeners.sendQueueLimit = 5;  // an accepted client has the defaults
+    const int port = listen(&listeners);
+    PosixPeer peer = PosixPeer::Connect(port);
     ASSERT_TRUE(recorder->Await("connected 2"));
+    EXPECT_TRUE(engine->StopListen(port));  // which its clients do not feel
     ASSERT_TRUE(peer.Send("question"));
     EXPECT_EQ(peer.Receive(6), "answer");
     ASSERT_TRUE(recorder->Await("sent 2"));
@@ -72,10 +80,12 @@ TEST_F(SelectTcp, ConnectedClientsCountFromOneAndEndQuietlyWhenAsked) {
               (Events{"connected 1", "connected 2", "connected 3", "disconnecting 1", "released 1"}));
     EXPECT_TRUE(
         log.Contains("DEBUG SelectTransport::DisconnectClientAsync: client 3 releasing notifications"));
-    EXPECT_TRUE(awaitLine("SelectTransport::disconnectClient: releasing context 3"));
+    EXPECT_TRUE(awaitLine("DEBUG SelectTransport::disconnectClient: releasing context 3, 0x"));
     EXPECT_EQ(log.Count("SelectTransport::disconnectClient: releasing context"), 3);
+    log.Clear();
     std::string text = "late";
     EXPECT_FALSE(send(1, text));
+    EXPECT_EQ(log.Lines(), Events{});
     engine->DisconnectClient(1, true);
     EXPECT_TRUE(log.Contains("WARN  SelectTransport::disconnectClient: client context is NULL"));
 }
@@ -172,9 +182,26 @@ TEST_F(SelectTcp, QueueLimitOfZeroAdmitsTwoPackets) {
     wider.sendQueueLimit = 16;
     engine->Update(1, wider);
     EXPECT_TRUE(engine->SendAsync(1, refused.get()));
+    engine->DisconnectClientAsync(1, true);  // after what is queued
     go = true;
-    EXPECT_EQ(peer.Receive(16), "firstsecondthird");
-    ASSERT_TRUE(recorder->Await("sent", 3));
+    EXPECT_EQ(peer.Receive(100), "firstsecondthird");
+    ASSERT_TRUE(recorder->Await("released 1"));
+    EXPECT_EQ(recorder->Count("sent"), 3);
+}
+
+TEST_F(SelectTcp, ClientsGoToTheWorkerWithTheFewest) {
+    std::vector<int> workers;
+    recorder->connected = [&](NetClientContext* context) {
+        workers.push_back(static_cast<Transport::SelectClientContext*>(context)->WorkerIndex());
+    };
+    start(3);
+    std::vector<PosixPeer> peers;
+    for (int i = 1; i <= 6; ++i) {
+        if (i == 5) engine->DisconnectClient(2, true);
+        peers.push_back(connectPeer());
+        ASSERT_TRUE(recorder->Await("connected", i));
+    }
+    EXPECT_EQ(workers, (std::vector{0, 1, 2, 0, 1, 1}));
 }
 
 // The 101st context (the listener is one) is reset and takes no id.
@@ -311,15 +338,26 @@ TEST_F(SelectTcp, ShutsDownInTrafficAndStartsAgain) {
 
 // A full table of descriptors: the connection is refused once, and the listener lives on.
 TEST_F(SelectTcp, RefusesConnectionsWithoutDescriptors) {
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
     start();
     const int port = listen();
     {
-        const FaultPlan plan(FaultKind::Accept, 1, FaultPlan::Span::Once, EMFILE);
-        EXPECT_EQ(PosixPeer::Connect(port).ReceiveEnd(), ECONNRESET);
+        std::vector<PosixPeer> late;
+        while (late.size() < 3)
+            late.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const PosixPeer lowest(::fcntl(late[0].Descriptor(), F_DUPFD_CLOEXEC, 0));
+        const rlimit none{static_cast<rlim_t>(lowest.Descriptor()) + 1, former.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+        for (const PosixPeer& peer : late) {
+            EXPECT_TRUE(peer.ConnectTo(port));
+            EXPECT_EQ(peer.ReceiveEnd(), ECONNRESET);
+        }
+        EXPECT_TRUE(
+            awaitLine("WARN  SelectTransport::workerRoutine: listener 1 out of descriptors: 24, new "
+                      "connection rejected"));
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
     }
-    EXPECT_TRUE(
-        awaitLine("WARN  SelectTransport::workerRoutine: listener 1 out of descriptors: 24, new connection "
-                  "rejected"));
     std::uint64_t calls;
     {
         const FaultPlan plan(FaultKind::Accept, 1, FaultPlan::Span::FromThenOn, EMFILE);
@@ -363,13 +401,17 @@ TEST_F(SelectTcp, WaitsForBuffersAndLosesNothing) {
     EXPECT_NE(log.Errors()[0].find("auto-growth prevented"), std::string::npos);
 }
 
-TEST_F(SelectTcp, ExceptionsOfHandlersEndInTheLog) {
-    recorder->connected = [](NetClientContext*) { throw std::runtime_error("no"); };
+TEST_F(SelectTcp, WhatHandlersMustNotDoEndsInTheLog) {
+    recorder->connected = [&](NetClientContext*) {
+        engine->Shutdown();
+        throw std::runtime_error("no");
+    };
     start();
     PosixPeer peer = connectPeer();
     ASSERT_TRUE(peer.Send("still there"));
     ASSERT_TRUE(recorder->Await("data 1 still there"));
-    expectErrors({"NetNotitications: client 1: exception out of a handler: no"});
+    expectErrors({"SelectTransport::Shutdown: called by a worker thread",
+                  "NetNotitications: client 1: exception out of a handler: no"});
 }
 
 TEST_F(SelectTcp, OverridingNotificationsGetDataOnly) {

@@ -1,6 +1,7 @@
 // Datagrams: addresses, failures in a row, groups.
 
 #include <atomic>
+#include <cstring>
 
 #include "tests/support/FaultInjection.h"
 #include "tests/transport/TransportFixture.h"
@@ -181,10 +182,61 @@ TEST_F(SelectUdp, OtherGroupsAreNotJoined) {
         EXPECT_TRUE(engine->Connect(bound));
         EXPECT_FALSE(plan.Reached());
     }
-    NetConnectionParameters unicast = udpParameters(0, Loopback(9, "127.0.0.230"));
-    EXPECT_FALSE(engine->Connect(unicast));
-    expectErrors({"SelectTransport::Connect: setsockopt(IP_ADD_MEMBERSHIP) failed: 22"});
-    EXPECT_TRUE(recorder->Await("connected 1"));
+    for (const auto& [address, isJoined] : {std::pair{"127.0.0.223", false},
+                                            {"127.0.0.224", true},
+                                            {"127.0.0.239", true},
+                                            {"127.0.0.240", false},
+                                            {"239.1.2.0", false}}) {
+        NetConnectionParameters parameters = udpParameters(0, Loopback(9, address));
+        EXPECT_EQ(engine->Connect(parameters), !isJoined) << address;
+    }
+    EXPECT_TRUE(log.Contains("ERROR SelectTransport::Connect: setsockopt(IP_ADD_MEMBERSHIP) failed: 22"));
+    log.Clear();
+    EXPECT_TRUE(recorder->Await("connected", 4));
+}
+
+TEST_F(SelectUdp, ContextsKnowWhatTheyWereMadeFrom) {
+    std::atomic<int> socket{-1};
+    recorder->connected = [&](NetClientContext* context) {
+        const bool first = context->ClientId() == 1;
+        EXPECT_EQ(context->LocalAddress().sin_family, first ? AF_UNSPEC : AF_INET);
+        EXPECT_EQ(context->Option1(), first ? 0 : 1);
+        EXPECT_EQ(context->Option3(), !first);
+        EXPECT_EQ(context->HostName(), std::string(first ? 0 : 1024, 'h'));  // no zero: as long as it is
+        EXPECT_EQ(context->ServerName(), first ? "" : "server");
+        EXPECT_EQ(context->Parameters().userData, first ? 0 : 2);
+        socket = context->Socket();
+    };
+    const auto sizeOf = [&](int name) {  // which the system doubles
+        int size = 0;
+        socklen_t length = sizeof size;
+        EXPECT_EQ(::getsockopt(socket, SOL_SOCKET, name, &size, &length), 0);
+        return size / 2;
+    };
+    PosixPeer server = PosixPeer::Bind(SOCK_STREAM);
+    NetConnectionParameters parameters = parametersFor(IPPROTO_TCP, Loopback(server.Port()));
+    parameters.localAddress = Loopback(7);  // not valid
+    start();
+    ASSERT_TRUE(engine->Connect(parameters));
+    const PosixPeer accepted = server.Accept();
+    parameters.hasLocalAddress = parameters.option3 = true;
+    parameters.protocol = IPPROTO_UDP;
+    parameters.localAddress = Loopback(0, "127.0.0.7");
+    parameters.option1 = 1;
+    parameters.userData = 2;
+    std::memset(parameters.hostName, 'h', sizeof parameters.hostName);
+    std::strcpy(parameters.serverName, "server");
+    parameters.receiveBufferSize = 10'000;
+    parameters.sendBufferSize = 20'000;
+    ASSERT_TRUE(engine->Connect(parameters));
+    ASSERT_TRUE(recorder->Await("connected 2"));
+    EXPECT_EQ(sizeOf(SO_RCVBUF), 10'000);
+    EXPECT_EQ(sizeOf(SO_SNDBUF), 20'000);
+    parameters.receiveBufferSize = 30'000;
+    parameters.sendBufferSize = 40'000;
+    engine->Update(2, parameters);
+    EXPECT_EQ(sizeOf(SO_RCVBUF), 30'000);
+    EXPECT_EQ(sizeOf(SO_SNDBUF), 40'000);
 }
 
 }  // namespace
