@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Runs `mivra` with real peers in the network, all on loopback: check_network.py MIVRA FOLDER-FOR-INPUTS [TEST...]"""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -8,6 +9,7 @@ import random
 import signal
 import socket
 import struct
+import termios
 import time
 from concurrent import futures
 
@@ -152,16 +154,24 @@ class Usage(Case):
             "udp://h:70000": "the port is no number from 1 to 65535",
             "tcp-listen://h:9x": "the port is no number",
             "tcp://[::1]:9": "IPv6",
+            "tcp://::1:9": "IPv6",
             "tcp://h:9/path": "more than a host and a port",
+            "tcp://h:9#part": "more than a host and a port",
             "tcp://h:9?interface=127.0.0.1": "unknown option",
             "udp://239.1.1.1:9?interface=eth0": "the interface is no IPv4 address",
-            "udp://h:9?timeout=0": "the time-out is no whole number",
         }
         for address, text in cases.items():
             for words in [("relay", FILM, address), ("relay", address, self.out("x.ts")), ("probe", address)]:
                 with self.subTest(words=words):
                     self.ends(program.mivra(*words), 2, text)
-        self.ends(program.mivra("record", FILM, "-o", "udp://127.0.0.1:9", "--rotate", "5"), 2, "--rotate is for files")
+        here, there = "tcp-listen://127.0.0.1:9", "udp://127.0.0.1:9"
+        for words, text in [(("record", FILM, "-o", there, "--rotate", "5"), "--rotate is for files"),
+                            (("probe", there + "?timeout=0"), "the time-out is no whole number"),
+                            (("relay", FILM, there + "?timeout=3"), "?timeout=SECONDS (of inputs)"),
+                            (("relay", FILM, there, "-o", there), "the address is given twice"),
+                            (("relay", here + "?timeout=3", here), "the address is given twice")]:
+            with self.subTest(words=words):
+                self.ends(program.mivra(*words), 2, text)
 
     def test_what_cannot_be_opened_is_3(self):
         port = free_port()
@@ -367,6 +377,21 @@ class Inputs(Case):
                 data = data[size:]
         self.ends(process, 0)
         self.assertEqual(seen(self.out("in.ts")), self.by_ffmpeg())
+
+    def test_a_connection_that_breaks_is_damage(self):
+        data = self.by_file()
+        for sent, text in [(data, "Connection reset by peer"), (data + data[:50], "it ends in the middle of a packet")]:
+            with self.subTest(text=text):
+                server, address = self.listen()
+                process = self.start("relay", address, self.out("in.ts"))
+                with server.accept()[0] as peer:
+                    peer.sendall(sent)
+                    while struct.unpack("i", fcntl.ioctl(peer, termios.TIOCOUTQ, bytes(4)))[0]:
+                        time.sleep(0.02)
+                    if sent == data:
+                        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                self.ends(process, 5, "damaged input: " + text)
+                self.assertGreater(len(packets.of(self.out("in.ts"))[0]), 123)
 
     def test_probe_and_convert_read_the_network(self):
         data = self.by_file()

@@ -266,7 +266,7 @@ Demuxer::Result Demuxer::finish(int error) {
     if (error != AVERROR_EOF) {
         noteDamage(errorText(error));
     } else if (endsInsidePacket()) {
-        noteDamage("the file ends in the middle of a packet");
+        noteDamage("it ends in the middle of a packet");
     }
     return Result::End;
 }
@@ -278,11 +278,13 @@ void Demuxer::noteDamage(const std::string& text) {
 }
 
 bool Demuxer::endsInsidePacket() const {
-    if (std::strcmp(context->iformat->name, "mpegts") != 0 || file->Size() <= 0) {
+    // Only of a stream that cannot seek what was read is all there is.
+    const std::int64_t whole = file->Size() >= 0 ? file->Size() : file->BytesRead();
+    if (std::strcmp(context->iformat->name, "mpegts") != 0 || whole <= 0) {
         return false;
     }
     for (const int size : kTransportPackets) {
-        if (file->Size() % size == 0) {
+        if (whole % size == 0) {
             return false;
         }
     }

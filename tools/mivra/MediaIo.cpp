@@ -37,7 +37,7 @@ AvioPointer makeAvio(int bufferSize, bool writing, void* self, int (*read)(void*
 
 std::unique_ptr<IMediaInput> openInput(const std::string& name, NetworkBoard* board) {
     if (NetworkAddress::IsOne(name)) {
-        return std::make_unique<NetworkInput>(NetworkAddress::Parse(name), board);
+        return std::make_unique<NetworkInput>(NetworkAddress::Parse(name, NetworkAddress::Use::Read), board);
     }
     return std::make_unique<InputFile>(name);
 }
@@ -45,7 +45,8 @@ std::unique_ptr<IMediaInput> openInput(const std::string& name, NetworkBoard* bo
 std::unique_ptr<IMediaOutput> openOutput(const std::string& name, const StopSignal& stop,
                                          NetworkBoard* board) {
     if (NetworkAddress::IsOne(name)) {
-        return std::make_unique<NetworkOutput>(NetworkAddress::Parse(name), stop, board);
+        return std::make_unique<NetworkOutput>(NetworkAddress::Parse(name, NetworkAddress::Use::Write), stop,
+                                               board);
     }
     return std::make_unique<OutputFile>(name, stop);
 }

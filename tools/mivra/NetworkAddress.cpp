@@ -40,15 +40,18 @@ NetworkAddress::Kind kindOf(const std::string& scheme, const std::string& name) 
     refuse("unknown kind of address", name, "use tcp://, tcp-listen:// or udp://");
 }
 
-/// What stands behind the last colon of HOST:PORT; the library's Uri does not tell 0 from none.
-std::string portText(const std::string& name) {
+std::string authorityOf(const std::string& name) {
     const std::size_t begin = name.find("://") + 3;
-    const std::string authority = name.substr(begin, name.find_first_of("/?#", begin) - begin);
+    return name.substr(begin, name.find_first_of("/?#", begin) - begin);
+}
+
+/// What stands behind the last colon of HOST:PORT; the library's Uri does not tell 0 from none.
+std::string portText(const std::string& authority) {
     const std::size_t colon = authority.rfind(':');
     return authority.substr(colon == authority.npos ? authority.size() : colon + 1);
 }
 
-void takeOption(NetworkAddress& address, const std::string& option) {
+void takeOption(NetworkAddress& address, const std::string& option, NetworkAddress::Use use) {
     const std::size_t equals = std::min(option.find('='), option.size());
     const std::string key = option.substr(0, equals);
     const std::string value = option.substr(std::min(equals + 1, option.size()));
@@ -57,21 +60,21 @@ void takeOption(NetworkAddress& address, const std::string& option) {
             refuse("the interface is no IPv4 address", address.text, "write ?interface=127.0.0.1, say");
         }
         address.hasInterface = true;
-    } else if (key == "timeout") {
+    } else if (key == "timeout" && use == NetworkAddress::Use::Read) {
         address.timeoutSeconds = wholeNumber(value, 1, kMostTimeout);
         if (address.timeoutSeconds < 0) {
             refuse("the time-out is no whole number of seconds", address.text, "write ?timeout=30, say");
         }
     } else {
         refuse("the address has an unknown option", address.text,
-               "?interface=ADDRESS (of udp://) and ?timeout=SECONDS are known");
+               "?interface=ADDRESS (of udp://) and ?timeout=SECONDS (of inputs) are known");
     }
 }
 
-void takeOptions(NetworkAddress& address, const std::string& query) {
+void takeOptions(NetworkAddress& address, const std::string& query, NetworkAddress::Use use) {
     for (std::size_t begin = 0; begin < query.size();) {
         const std::size_t end = std::min(query.find('&', begin), query.size());
-        takeOption(address, query.substr(begin, end - begin));
+        takeOption(address, query.substr(begin, end - begin), use);
         begin = end + 1;
     }
 }
@@ -82,30 +85,32 @@ bool NetworkAddress::IsOne(const std::string& name) {
     return !Network::Uri(name).Scheme().empty();
 }
 
-NetworkAddress NetworkAddress::Parse(const std::string& name) {
+NetworkAddress NetworkAddress::Parse(const std::string& name, Use use) {
     const Network::Uri uri(name);
     NetworkAddress address;
     address.text = name;
     address.kind = kindOf(uri.Scheme(), name);
     const std::string form = uri.Scheme() + "://HOST:PORT";
-    if (uri.Host().find(':') != std::string::npos) {
+    if (!uri.UserInfo().empty() || uri.Path().size() > 1 || name.find('#') != name.npos) {
+        refuse("the address has more than a host and a port", name, "write " + form);
+    }
+    const std::string authority = authorityOf(name);
+    if (authority.find(':') != authority.rfind(':')) {
         refuse("addresses of IPv6 are not supported", name, "use an IPv4 address or a name");
     }
     if (uri.Host().empty()) {
         refuse("the address has no host", name, "write " + form);
     }
-    if (portText(name).empty()) {
+    const std::string digits = portText(authority);
+    if (digits.empty()) {
         refuse("the address has no port", name, "write " + form);
     }
-    if (!uri.UserInfo().empty() || uri.Path().size() > 1) {
-        refuse("the address has more than a host and a port", name, "write " + form);
-    }
     address.host = uri.Host();
-    address.port = wholeNumber(portText(name), 1, kMostPort);
+    address.port = wholeNumber(digits, 1, kMostPort);
     if (address.port < 0) {
         refuse("the port is no number from 1 to 65535", name, "write " + form);
     }
-    takeOptions(address, uri.Query());
+    takeOptions(address, uri.Query(), use);
     return address;
 }
 

@@ -1,6 +1,7 @@
 #include "tools/mivra/NetworkEndpoint.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -24,6 +25,13 @@ constexpr std::chrono::milliseconds kLook{50};
 
 std::string errorMessage(int number) {
     return std::generic_category().message(number);
+}
+
+/// A connection that its peer has broken off, rather than closed after its last byte.
+bool isReset(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    return ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && info.tcpi_state == TCP_CLOSE;
 }
 
 /// What the engine takes for a group, by the last number of the address.
@@ -50,7 +58,11 @@ public:
         owner.gateChanged.notify_all();
     }
     void OnClientAccepted(NetClientContext*) override {}
-    void OnClientDisconnecting(NetClientContext*) override {}
+    void OnClientDisconnecting(NetClientContext* context) override {
+        if (owner.address.kind != NetworkAddress::Kind::Udp && isReset(context->Socket())) {
+            owner.handler.Reset(context->ClientId());
+        }
+    }
     void OnDataReceived(NetClientContext* context, PacketBuffer* packet) override {
         owner.clients->Received(context->ClientId(), packet->ActualSize());
         owner.handler.Received(context->ClientId(), *packet);

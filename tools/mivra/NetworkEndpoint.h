@@ -24,6 +24,8 @@ public:
 
     virtual void Connected(unsigned client) = 0;
     virtual void Received(unsigned, Common::PacketBuffer&) {}
+    /// Its peer has broken the connection off; Gone follows.
+    virtual void Reset(unsigned) {}
     /// The oldest packet that was queued for it, of so many bytes, has gone.
     virtual void Sent(unsigned, int) {}
     /// The table does not have it any more.
@@ -34,7 +36,7 @@ public:
 /// clients. The handler has to outlive it.
 class NetworkEndpoint {
 public:
-    enum class Use { Read, Write };
+    using Use = NetworkAddress::Use;
 
     /// receiveBytes, receiveBuffers: of the engine's pool, which grows to ten times as many; a stream is not
     /// read on while all of them are out.

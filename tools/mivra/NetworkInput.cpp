@@ -1,6 +1,7 @@
 #include "tools/mivra/NetworkInput.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "mivra/common/MivraCommon.h"
@@ -83,6 +84,11 @@ void NetworkInput::Received(unsigned client, PacketBuffer& packet) {
     gateChanged.notify_all();
 }
 
+void NetworkInput::Reset(unsigned client) {
+    const std::lock_guard hold(gate);
+    reset = reset || client == publisher;
+}
+
 void NetworkInput::Gone(unsigned client) {
     {
         const std::lock_guard hold(gate);
@@ -119,7 +125,7 @@ int NetworkInput::awaitData() {
         return AVERROR_EXIT;
     }
     if (arrived.empty()) {
-        return AVERROR_EOF;
+        return reset ? AVERROR(ECONNRESET) : AVERROR_EOF;
     }
     current = std::move(arrived.front());
     arrived.pop_front();

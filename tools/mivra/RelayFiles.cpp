@@ -98,18 +98,20 @@ std::optional<Problem> checkLog(const std::string& log, const std::vector<Place>
     return std::nullopt;
 }
 
-/// What is wrong with the first wrong address among the names.
-std::optional<Problem> checkAddresses(const std::vector<std::string>& names) {
-    try {
-        for (const std::string& name : names) {
-            if (NetworkAddress::IsOne(name)) {
-                NetworkAddress::Parse(name);
-            }
+/// ProblemError that says what is wrong with the first wrong address among the names, known ones included.
+void checkAddresses(const std::vector<std::string>& names, NetworkAddress::Use use,
+                    std::vector<NetworkAddress>& known) {
+    for (const std::string& name : names) {
+        if (!NetworkAddress::IsOne(name)) {
+            continue;
         }
-    } catch (const ProblemError& error) {
-        return error.problem;
+        NetworkAddress address = NetworkAddress::Parse(name, use);
+        if (std::any_of(known.begin(), known.end(),
+                        [&](const NetworkAddress& other) { return address.Excludes(other); })) {
+            throw ProblemError(ExitCode::Usage, {"the address is given twice", name, "choose another port"});
+        }
+        known.push_back(std::move(address));
     }
-    return std::nullopt;
 }
 
 std::ptrdiff_t countStandard(const std::vector<std::string>& names) {
@@ -126,10 +128,12 @@ std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
                            "use one of " + outputExtensions()};
         }
     }
-    for (const auto* const names : {&inputs, &outputs}) {
-        if (std::optional<Problem> wrong = checkAddresses(*names)) {
-            return wrong;
-        }
+    try {
+        std::vector<NetworkAddress> known;
+        checkAddresses(inputs, NetworkAddress::Use::Read, known);
+        checkAddresses(outputs, NetworkAddress::Use::Write, known);
+    } catch (const ProblemError& error) {
+        return error.problem;
     }
     if (countStandard(inputs) > 1) {
         return Problem{"standard input is given twice", kStandardStream, "use it once"};

@@ -8,9 +8,9 @@
 
 namespace Mivra::Tool {
 
-/// What is wrong with the files of a command line before any of them is opened: an output of no known kind,
-/// an address that is none, or one that is also an input or another output, by whatever name, or a log
-/// (empty: none) that is one of them. Empty when all is well.
+/// What is wrong with the names of a command line before any of them is opened: an output of no known kind,
+/// an address that is none or given twice, a file that is also an input or another output, by whatever name,
+/// or a log (empty: none) that is one of them. Empty when all is well.
 std::optional<Problem> checkRelayFiles(const std::vector<std::string>& inputs,
                                        const std::vector<std::string>& outputs, const std::string& log);
 
