@@ -138,6 +138,8 @@ TEST_F(DecoderTypesTest, ScalesAndConvertsAsFfmpegDoes) {
         MediaType told = decoder.GetOutputMediaType();
         EXPECT_EQ(told.Width(), width);
         EXPECT_EQ(told.PixelFormat(), wanted.format);
+        // Square pixels at first; the picture keeps its shape on a screen.
+        EXPECT_NEAR(told.PixelAspectRatio().ToDouble(), 144.0 / width * height / 112, 1e-9);
         const int stride = told.CodecMetadata()[FFmpeg::Key::kStride];
         const int rows = told.CodecMetadata()[FFmpeg::Key::kRows];
         EXPECT_TRUE(wanted.stride == 0 ||
@@ -293,6 +295,25 @@ TEST_F(DecoderTypesTest, PrivateDataMayBeOfTheOtherCarriageMissingOrWrong) {
         FfmpegDecoder decoder(&type, nullptr, nullptr);
         EXPECT_EQ(hashes(decode(decoder, adts).frames), heard);
     }
+}
+
+TEST_F(DecoderTypesTest, ARowOfBadPacketsIsToldOnceAndMarksTheNextFrame) {
+    const CodedStream good = ReadStream(audio("a.aac", "-c:a aac"), kAudio);
+    CodedStream stream;
+    for (std::size_t i = 0; i < 20; ++i) {
+        stream.Add(i >= 5 && i < 9 ? "no packet" : good.bytes[i]);
+    }
+    MediaType type(good.type);
+    FfmpegDecoder decoder(&type, nullptr, nullptr);
+    std::string marks;  // a letter for each frame
+    for (const auto& packet : stream.packets) {
+        decoder.Write(packet.get());
+        while (PacketBuffer* const taken = decoder.Read()) {
+            marks += Reference<PacketBuffer>::Adopt(taken)->ExtraData().empty() ? 'g' : 'b';
+        }
+    }
+    EXPECT_EQ(marks, "gggggbgggggggggg");
+    EXPECT_EQ(log.Count("FfmpegDecoder::Write["), 1);
 }
 
 TEST_F(DecoderTypesTest, WhatCannotBeServedIsUnusableAndSaysSo) {
