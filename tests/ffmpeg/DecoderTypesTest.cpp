@@ -2,6 +2,7 @@
 // says too little, too much or something else than the packets, and types that it cannot serve.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -214,6 +215,10 @@ TEST_F(DecoderTypesTest, FollowsAudioThatChangesRateAndChannels) {
     const std::string second = audio("b.aac", "-ar 44100 -ac 1 -c:a aac");
     CodedStream stream = ReadStream(first, kAudio);
     const CodedStream other = ReadStream(second, kAudio);
+    constexpr std::int64_t kLater = 100000000;
+    for (const auto& packet : other.packets) {
+        packet->Pts() += kLater;
+    }
     stream.packets = stream.packets + other.packets;
     FfmpegDecoder decoder(&stream.type, nullptr, nullptr);
     const Decoded got = decode(decoder, stream);
@@ -229,6 +234,10 @@ TEST_F(DecoderTypesTest, FollowsAudioThatChangesRateAndChannels) {
     FfmpegDecoder steady(&stream.type, &output, nullptr);
     const Decoded converted = decode(steady, stream);
     EXPECT_TRUE(converted.changes.empty());
+    const auto later = std::find_if(converted.frames.begin(), converted.frames.end(),
+                                    [](const FrameDigest& frame) { return frame.time > kLater / 2; });
+    ASSERT_NE(later, converted.frames.end());
+    EXPECT_NEAR(static_cast<double>(later->time), static_cast<double>(other.packets[0]->Pts()), 1);
     EXPECT_NEAR(static_cast<double>(converted.bytes.size()), 2 * 0.53 * 48000 * 4, 48000 * 4 * 0.1);
 }
 
