@@ -241,9 +241,11 @@ class Outputs(Case):
         data = self.by_file(FILM, "--loop", "3")
         server, address = self.listen()
         with socket.socket(type=socket.SOCK_DGRAM) as receiver:
+            receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
             receiver.bind(("127.0.0.1", 0))
             receiver.settimeout(60)
-            process = self.start("relay", address, f"udp://127.0.0.1:{receiver.getsockname()[1]}")
+            # No faster than it is read: the last one must not be lost.
+            process = self.start("relay", address, f"udp://127.0.0.1:{receiver.getsockname()[1]}", "--rate", "8")
             with server.accept()[0] as source:
                 source.sendall(data)
                 while len(receiver.recv(65536)) == 7 * PACKET:
