@@ -309,8 +309,8 @@ class Clients(Case):
         port = free_port()
         # At a rate that fills the stuck client's queue within seconds, and that the others follow with ease.
         process = self.start("relay", FILM, f"tcp-listen://127.0.0.1:{port}", "--loop", "-1", "--rate", "50")
-        stuck = connect(port, narrow=True)
         readers = [self.read_beside(connect(port)) for _ in range(3)]
+        stuck = connect(port, narrow=True)
         told = process.stderr.readline().decode()
         self.assertIn(f"a client is too slow and was disconnected: 127.0.0.1:{stuck.getsockname()[1]};", told)
         with stuck:
@@ -323,7 +323,7 @@ class Clients(Case):
         process.send_signal(signal.SIGINT)
         self.ends(process, 0)
         for read in readers:
-            self.assertGreater(len(read()), 4 << 20)
+            self.assertGreater(len(read()), 3 << 20)  # all that was queued for the other one
             self.assert_counters(read())
 
     def test_nobody_is_waited_for(self):
