@@ -436,5 +436,32 @@ TEST_F(SelectTcp, OverridingNotificationsGetDataOnly) {
     EXPECT_EQ(other->GetRefCount(), 1);
 }
 
+// Beyond what select() can represent, with data, urgent data (which counts as an exception) and an end.
+TEST_F(SelectTcp, ServesDescriptorsFrom1024On) {
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    if (former.rlim_max < 2048) GTEST_SKIP() << "not as many descriptors here";
+    const rlimit more{2048, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &more), 0);
+    std::vector<PosixPeer> filling;
+    do
+        filling.emplace_back(::fcntl(server.Descriptor(), F_DUPFD_CLOEXEC, 3));
+    while (filling.back().Descriptor() < 1100);
+    std::atomic<int> socket{0};
+    recorder->connected = [&](NetClientContext* context) { socket = context->Socket(); };
+    start();
+    PosixPeer peer = connectPeer();
+    ASSERT_TRUE(peer.Send("high"));
+    ASSERT_TRUE(recorder->Await("data 1 high"));
+    EXPECT_GE(socket, 1024);
+    PosixPeer urgent = connectPeer();
+    ASSERT_EQ(::send(urgent.Descriptor(), "!", 1, MSG_OOB), 1);
+    ASSERT_TRUE(recorder->Await("released 2"));
+    engine->Shutdown();
+    filling.clear();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+    expectErrors({"SelectTransport::workerRoutine: client 2 exceptfds error: 0"});
+}
+
 }  // namespace
 }  // namespace Mivra::Test
