@@ -285,6 +285,7 @@ TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
     ASSERT_TRUE(recorder->Await("connected 1"));
     std::thread ender([&] { engine->DisconnectClient(1, true); });
     inside.get_future().wait();
+    s_looks = 0;
     engine->Shutdown();
     EXPECT_EQ(s_looks, 1100);
     EXPECT_EQ(peer.ReceiveEnd(), ECONNRESET);
@@ -296,6 +297,31 @@ TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
     Platform::g_system.waitWord = s_wait;
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::disconnectClient: client 1 is deleted already"));
     EXPECT_EQ(recorder->Events(), (Lines{"connected 1", "disconnecting 1", "released 1"}));
+}
+
+// The worker's own handler: it is waited for, but the client's end is told to nobody then.
+TEST_F(SelectFailure, ShutdownWaitsForHandlersOfWorkers) {
+    std::promise<void> inside;
+    std::promise<void> go;
+    std::string text = "x";
+    recorder->data = [&](NetClientContext*, PacketBuffer*) {
+        EXPECT_TRUE(send(1, text));
+        inside.set_value();
+        go.get_future().wait();
+    };
+    start();
+    NetConnectionParameters parameters = tcp();
+    ASSERT_TRUE(engine->Connect(parameters));
+    PosixPeer peer = server.Accept();
+    ASSERT_TRUE(peer.Send(text));
+    inside.get_future().wait();
+    std::thread ender([&] { engine->Shutdown(); });
+    EXPECT_TRUE(awaitLine("DEBUG SelectTransport::Shutdown: closing I/O worker threads"));
+    go.set_value();
+    ender.join();
+    EXPECT_EQ(recorder->Events().front(), "connected 1");
+    EXPECT_EQ(recorder->Count("data"), 1);
+    EXPECT_EQ(recorder->Count("released"), 0);
 }
 
 // The same of a listener, which is held up on its way out of the set.
@@ -316,11 +342,15 @@ TEST_F(SelectFailure, AListenerMayBeGoneBeforeItsEnd) {
     ASSERT_TRUE(engine->Listen("127.0.0.1", port, recorder.get(), nullptr));
     const PosixPeer peer = PosixPeer::Connect(port);
     ASSERT_TRUE(recorder->Await("connected 2"));
-    std::thread ender([&] { engine->StopListen(port); });
+    std::thread ender([&] { engine->DisconnectClient(1, true); });
     s_inside.get_future().wait();
     engine->Shutdown();
+    ASSERT_TRUE(engine->Start());
+    EXPECT_TRUE(engine->Listen("127.0.0.1", port, recorder.get(), nullptr));
     s_go.set_value();
     ender.join();
+    EXPECT_TRUE(engine->StopListen(port));
+    engine->Shutdown();
     Platform::g_system.changeWatchSet = s_change;
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::Shutdown: removed client context 1"));
     EXPECT_TRUE(log.Contains("DEBUG SelectTransport::disconnectClient: listener 1 is deleted already"));

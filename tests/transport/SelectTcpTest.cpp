@@ -171,6 +171,8 @@ TEST_F(SelectTcp, QueueLimitOfZeroAdmitsTwoPackets) {
     std::string third = "third";
     EXPECT_TRUE(send(1, first));
     EXPECT_TRUE(send(1, second));
+    NetConnectionParameters wider;
+    engine->Update(1, wider);  // which changes nothing
     const auto refused = packetOf(third);
     refused->Position() = 3;
     EXPECT_FALSE(engine->SendAsync(1, refused.get()));
@@ -178,7 +180,6 @@ TEST_F(SelectTcp, QueueLimitOfZeroAdmitsTwoPackets) {
     EXPECT_TRUE(
         log.Contains("WARN  NetClientContext::PushWritePacket: Send queue is too long: allowed 0 current "
                      "11, dropping packet"));
-    NetConnectionParameters wider;
     wider.sendQueueLimit = 16;
     engine->Update(1, wider);
     EXPECT_TRUE(engine->SendAsync(1, refused.get()));
@@ -283,11 +284,16 @@ TEST_F(SelectTcp, WorkersWhoseHandlersMeetDoNotWaitForEver) {
     std::string text(200, 'm');
     const auto packet = packetOf(text);
     std::atomic<int> handled{0};
+    std::atomic<int> met{0};
     recorder->quiet = true;
     recorder->data = [&](NetClientContext* context, PacketBuffer*) {
         const unsigned other = 3 - context->ClientId();
-        engine->SendAsync(other, packet.get());
-        if (++handled > kRounds) engine->DisconnectClient(other, true);
+        const bool last = ++handled > kRounds;
+        engine->SendAsync(other, packet.get());  // upon which the other handler runs once more
+        if (!last) return;
+        for (++met; met < 2;)
+            std::this_thread::yield();
+        engine->DisconnectClient(other, true);
     };
     start(2);
     PosixPeer first = connectPeer();
@@ -299,7 +305,7 @@ TEST_F(SelectTcp, WorkersWhoseHandlersMeetDoNotWaitForEver) {
             }
         });
     }
-    ASSERT_TRUE(recorder->Await("released"));
+    EXPECT_TRUE(recorder->Await("released", 2));
     engine->DisconnectAll();
     for (std::thread& feeder : feeders)
         feeder.join();
@@ -334,6 +340,23 @@ TEST_F(SelectTcp, ShutsDownInTrafficAndStartsAgain) {
     }
     EXPECT_EQ(recorder->Count("connected"), 12);
     EXPECT_EQ(recorder->Count("released"), 12);
+}
+
+// Each end makes a client want another one: refused once the engine ends.
+TEST_F(SelectTcp, ShutsDownThoughHandlersConnectAgain) {
+    std::atomic<int> again{0};
+    recorder->released = [&](NetClientContext*) {
+        NetConnectionParameters parameters = parametersFor(IPPROTO_TCP, Loopback(server.Port()));
+        again += engine->Connect(parameters);
+    };
+    start();
+    PosixPeer peer = connectPeer();
+    ASSERT_TRUE(recorder->Await("connected 1"));
+    peer.Close();
+    ASSERT_TRUE(recorder->Await("connected 2"));
+    engine->Shutdown();
+    EXPECT_EQ(again, 1);
+    EXPECT_EQ(recorder->Count("released"), 2);
 }
 
 // A full table of descriptors: the connection is refused once, and the listener lives on.
@@ -386,7 +409,9 @@ TEST_F(SelectTcp, WaitsForBuffersAndLosesNothing) {
         text += static_cast<char>('a' + i % 26);
     ASSERT_TRUE(peer.Send(text));
     ASSERT_TRUE(recorder->Await("data", 20));
+    const FaultPlan looks(FaultKind::AwaitWatch, UINT64_MAX);
     EXPECT_FALSE(peer.IsReady(20));
+    EXPECT_LT(looks.Calls(), 40U) << "the worker spins";
     EXPECT_EQ(recorder->Count("data"), 20);
     for (PacketBuffer* packet : kept)
         packet->Release();

@@ -28,6 +28,7 @@ TEST_F(SelectUdp, CarriesDatagramsWholeAndInOrder) {
     recorder->data = [&](NetClientContext*, PacketBuffer* packet) {
         senderPort = ntohs(packet->RemoteAddr().sin_port);
         EXPECT_EQ(packet->RemoteAddrLen(), static_cast<int>(sizeof(sockaddr_in)));
+        if (packet->Buffer()[0] == 'e') engine->DisconnectClient(1, true);
     };
     start();
     const int port = open(Loopback(peer.Port()));
@@ -42,6 +43,9 @@ TEST_F(SelectUdp, CarriesDatagramsWholeAndInOrder) {
     for (const std::string& text : texts)
         EXPECT_EQ(peer.ReceiveDatagram(), text);
     EXPECT_TRUE(recorder->Await("sent 1", 100));
+    for (const char* text : {"end", "end"})
+        ASSERT_TRUE(peer.SendTo(text, Loopback(port)));
+    EXPECT_TRUE(recorder->Await("released 1"));
 }
 
 // Packets of one length go to the system as one message; each stays a datagram, also where that is refused.
@@ -85,6 +89,8 @@ TEST_F(SelectUdp, ItsDestinationCanBeChanged) {
     NetConnectionParameters change;
     change.sendBufferSize = 8192;
     engine->Update(1, change);  // no family: the address stays
+    EXPECT_TRUE(send(1, text));
+    EXPECT_EQ(second.ReceiveDatagram(), text);
     change.remoteAddress = Loopback(third.Port());
     engine->Update(1, change);
     EXPECT_TRUE(send(1, text));
