@@ -63,6 +63,13 @@ AVChannelLayout makeChannelLayout(int channels, std::uint64_t mask);
 /// The mask of a layout in the native order, else 0.
 std::uint64_t channelMask(const AVChannelLayout& layout);
 
+/// Whether samples of one rate are made into those of another: a rate 256 times as high or low is a mistake,
+/// and would take as much more memory.
+constexpr bool isRateInReach(int from, int to) {
+    constexpr std::int64_t kMost = 256;
+    return from > 0 && to > 0 && from <= to * kMost && to <= from * kMost;
+}
+
 /// Whether both tell the same channels in the same order; layouts of a custom order are never the same.
 bool sameChannels(const AVChannelLayout& left, const AVChannelLayout& right);
 

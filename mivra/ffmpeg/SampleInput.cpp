@@ -112,7 +112,7 @@ std::string SampleInput::Configure(const MediaType& type, const AVCodecContext& 
         return {};  // the resampler keeps what it holds
     }
     ResamplerPointer made;
-    if (!(from == to) && !makeResampler(from, to, made)) {
+    if (!(from == to) && (!isRateInReach(from.rate, to.rate) || !makeResampler(from, to, made))) {
         return "the samples cannot be converted";
     }
     times.Reserve();

@@ -88,6 +88,9 @@ bool SampleOutput::startResampler() {
     if (from == to) {
         return true;
     }
+    if (!isRateInReach(from.rate, to.rate)) {
+        return false;
+    }
     resampler = makeResampler(mixable(to.channels), to.format, to.rate, mixable(from.channels), from.format,
                               from.rate);
     return resampler != nullptr;

@@ -85,6 +85,7 @@ TEST_F(EncoderFaultTest, RefusesWithOneLineWhatCannotBeMade) {
         {"no raw audio", with(audio, [](auto& t) { t.CodecId() = Codec_t::PCM_S16BE; }), aac, ""},
         {"no raw audio", with(audio, [](auto& t) { t.CodecId() = Codec_t::PCM_U8; }), aac, ""},
         {"no raw audio", with(audio, [](auto& t) { t.SampleRate() = 0; }), aac, ""},
+        {"samples cannot be converted", with(audio, [](auto& t) { t.SampleRate() = 1; }), aac, ""},
         {"sample rate of 47999 Hz", audio,
          with(wanted(Codec_t::MP2), [](auto& t) { t.SampleRate() = 47999; }), ""},
         {"no layout of the channels", audio, with(wanted(Codec_t::MP2), [](auto& t) { t.Channels() = 6; }),
