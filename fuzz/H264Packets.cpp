@@ -35,7 +35,7 @@ Reference<PacketBuffer> over(Bytes& bytes) {
 /// What a conversion into a packet with so much room writes; nothing when it fails, and then nothing changed.
 template <typename Convert>
 std::optional<Bytes> converted(std::size_t room, Convert convert) {
-    Bytes memory(room + 1);
+    Bytes memory(room + 1, 0xEE);  // what was there before is no zero
     const auto out = over(memory);
     out->ActualSize() = 1;
     if (!convert(out.get())) {

@@ -11,8 +11,8 @@
 #include <filesystem>
 
 #include "mivra/media/DiskCache.h"
+#include "mivra/media/HeldPacket.h"
 #include "mivra/media/MemoryCache.h"
-#include "tests/media/CacheStreams.h"
 #include "tests/media/SessionFixture.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/TempFolder.h"
@@ -26,15 +26,12 @@ enum class Kind { Memory, Disk };
 
 class CacheTest : public MediaTest {
 protected:
-    std::unique_ptr<SampleCache> MakeCache(Kind kind, std::int64_t duration,
-                                           const std::vector<SampleCache::Source>& sources) {
-        if (kind == Kind::Memory) return std::make_unique<Media::MemoryCache>(duration, sources);
-        return std::make_unique<Media::DiskCache>(duration, sources, folder);
-    }
     /// Some seconds of one source with video, of frames of 100 ms with the number as their time and 256 KiB,
     /// a key frame every ten.
     std::unique_ptr<SampleCache> MakeFilms(Kind kind = Kind::Disk, std::int64_t seconds = 10) {
-        return MakeCache(kind, seconds * 10'000'000, {{{Common::Rational(1, 10)}, 0}});
+        const std::vector<SampleCache::Source> sources = {{{Common::Rational(1, 10)}, 0}};
+        if (kind == Kind::Memory) return std::make_unique<Media::MemoryCache>(seconds * 10'000'000, sources);
+        return std::make_unique<Media::DiskCache>(seconds * 10'000'000, sources, folder);
     }
     static void SendFrames(SampleCache& cache, int from, int to, bool live = false) {
         for (int i = from; i < to; ++i) {
@@ -62,14 +59,6 @@ protected:
             times.push_back(taken.sample->Pts());
         return times;
     }
-    static std::vector<std::string> Drain(SampleCache& cache, std::size_t most = SIZE_MAX) {
-        std::vector<std::string> samples;
-        for (SampleCache::Taken taken; samples.size() < most;) {
-            if (cache.TakeFirst(taken) != SampleCache::Take::Sample) break;
-            samples.push_back(std::to_string(taken.source) + Describe(*taken.sample.get()));
-        }
-        return samples;
-    }
     std::vector<std::string> Files(const std::string& ending) const {
         std::vector<std::string> files;
         if (!std::filesystem::exists(folder)) return files;
@@ -83,43 +72,7 @@ protected:
     const std::string folder = temporary / "share/Mivrasoft/buffer/";
 };
 
-class SampleCacheTest : public CacheTest, public testing::WithParamInterface<Kind> {};
-
-TEST_P(SampleCacheTest, GivesTheLongestPartAndThenWhatIsLive) {
-    const int triggers = Cycles(250, 1000);
-    for (int seed = 0; seed < triggers; ++seed) {
-        CacheStreams streams(static_cast<unsigned>(seed));
-        const auto cache = MakeCache(GetParam(), streams.duration, streams.sources);
-        const int before = streams.between(0, 1500);
-        for (int i = 0; i < before; ++i) {
-            const auto packet = streams.Next();
-            cache->Append(streams.sent.back().source, packet.get(), 0);
-        }
-        std::vector<std::size_t> numbers = streams.Expected(streams.sent.size());
-        ASSERT_EQ(cache->Count(), numbers.size()) << seed;
-        std::vector<std::string> got;
-        for (int live = streams.between(1, 200); live > 0; --live) {  // while it is drained, more arrives
-            numbers.push_back(streams.sent.size());
-            const auto packet = streams.Next();
-            EXPECT_TRUE(cache->AppendLive(streams.sent.back().source, packet.get(), 0));
-            const auto some = Drain(*cache, static_cast<std::size_t>(streams.between(0, 6)));
-            got.insert(got.end(), some.begin(), some.end());
-        }
-        const auto rest = Drain(*cache);
-        got.insert(got.end(), rest.begin(), rest.end());
-        std::vector<std::string> expected;
-        for (const std::size_t number : numbers)
-            expected.push_back(std::to_string(streams.sent[number].source) +
-                               streams.sent[number].description);
-        ASSERT_EQ(got, expected) << seed;
-        EXPECT_EQ(cache->TakeProblem(), "");
-    }
-    EXPECT_TRUE(Files("").empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, SampleCacheTest, testing::Values(Kind::Memory, Kind::Disk),
-                         [](const auto& test) { return test.param == Kind::Memory ? "Memory" : "Disk"; });
-
+// What a cache gives back is the fuzz targets' to tell.
 TEST_F(CacheTest, PoolsThatRefuseCostNothing) {
     const auto cache = MakeFilms();
     SendFrames(*cache, 0, 20);

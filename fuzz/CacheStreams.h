@@ -1,22 +1,26 @@
 #pragma once
 
-// Random streams for a cache, and what a cache must make of them, worked out the slow way.
+// Streams for a cache out of the input, and what a cache must make of them, worked out the slow way.
 
 #include <algorithm>
 #include <any>
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "fuzz/OperationSource.h"
+#include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/common/model/MediaType.h"
+#include "mivra/common/runtime/Reference.h"
 #include "mivra/media/HeldPacket.h"
 #include "mivra/media/SampleCache.h"
-#include "tests/media/Fakes.h"
 
-namespace Mivra::Test {
+namespace Mivra::Fuzz {
+
+using Common::PacketBuffer;
+using Common::Reference;
 
 /// Everything that a packet carries, as text.
 inline std::string Describe(PacketBuffer& packet) {
@@ -51,7 +55,7 @@ public:
         std::string description;
     };
 
-    explicit CacheStreams(unsigned seed) : random(seed) {
+    explicit CacheStreams(OperationSource& from) : input(from) {
         const int count = between(1, 4);
         for (int i = 0; i < count; ++i) {
             const int content = between(0, 3);  // 0: sound only
@@ -63,11 +67,11 @@ public:
                 timescales.emplace_back(1, scale);
                 streams.push_back({static_cast<std::size_t>(i), stream, video, scale,
                                    video ? between(17, 100) : between(10, 60), between(0, 50),
-                                   std::max(1, between(200, 10'000) / 40), between(0, 3)});
+                                   between(5, 250), between(0, 3)});
             }
             sources.push_back({timescales, content > 0 ? 0 : -1});
         }
-        duration = between(1, 12) * std::int64_t{10'000'000};
+        duration = between(1, 4) * std::int64_t{10'000'000};
     }
 
     /// The next sample; where it comes from is noted in sent.
@@ -110,9 +114,9 @@ public:
         return expected;
     }
 
-    int between(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); }
+    int between(int low, int high) { return low + input.Small() % (high - low + 1); }
 
-    std::mt19937 random;
+    OperationSource& input;
     std::int64_t duration;
     std::vector<Media::SampleCache::Source> sources;
     std::vector<Sent> sent;
@@ -147,7 +151,7 @@ private:
     };
 
     Reference<PacketBuffer> makePacket(const Stream& stream) {
-        const int size = between(1, 300) * (stream.video ? between(1, 16) : 1);
+        const int size = between(1, 255) * (stream.video ? 1 + static_cast<int>(sent.size() % 16) : 1);
         auto packet = Reference<PacketBuffer>::Adopt(Media::MediaGlobal::LockBuffer(size));
         if (!packet) packet = Media::OwnedPacket::Make(size);
         packet->ActualSize() = size;
@@ -157,17 +161,17 @@ private:
         packet->CleanPoint() = mark % 2 == 0;
         packet->Discontinuity() = mark % 3 == 0;
         packet->OneMessage() = mark % 5 == 0;
-        packet->ProgramIndex() = between(0, 9);
-        packet->FilePosition() = between(0, 1 << 30);
-        packet->Position() = between(0, size);
-        packet->BitPosition() = between(0, 7);
+        packet->ProgramIndex() = static_cast<int>(mark % 10);
+        packet->FilePosition() = mark * std::int64_t{1'000'000'007};
+        packet->Position() = static_cast<int>(mark) % (size + 1);
+        packet->BitPosition() = static_cast<int>(mark % 8);
         packet->UserContext() = reinterpret_cast<void*>(static_cast<std::uintptr_t>(mark));
         if (mark % 3 != 0) packet->SourceId() = "source " + std::to_string(stream.source);
-        if (mark % 7 == 0) packet->POIs()[between(0, 5)] = mark;
+        if (mark % 7 == 0) packet->POIs()[mark % 5] = mark;
         if (mark % 11 == 0) packet->ExtraData()["SideData.1"] = std::string(mark % 40, 'x');
         if (mark % 13 == 0) packet->RemoteAddr().sin_port = 5;
         if (mark % 17 == 0) {
-            packet->NewMediaType() = new MediaType;
+            packet->NewMediaType() = new Common::MediaType;
             packet->NewMediaType()->Timescale() = Common::Rational(1, stream.scale);
             packet->NewMediaType()->Width() = static_cast<int>(mark);
         }
@@ -177,4 +181,4 @@ private:
     std::vector<Stream> streams;
 };
 
-}  // namespace Mivra::Test
+}  // namespace Mivra::Fuzz
