@@ -165,6 +165,7 @@ private:
         packet->FilePosition() = mark * std::int64_t{1'000'000'007};
         packet->Position() = static_cast<int>(mark) % (size + 1);
         packet->BitPosition() = static_cast<int>(mark % 8);
+        packet->OperationTime() = mark * std::int64_t{3};
         packet->UserContext() = reinterpret_cast<void*>(static_cast<std::uintptr_t>(mark));
         if (mark % 3 != 0) packet->SourceId() = "source " + std::to_string(stream.source);
         if (mark % 7 == 0) packet->POIs()[mark % 5] = mark;

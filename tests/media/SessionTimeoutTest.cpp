@@ -36,7 +36,7 @@ const Timeout kTimeouts[] = {
 /// A clock that stands still, and counts how often it is looked at.
 class WatchedClock : public FakeClock {
 public:
-    WatchedClock() : FakeClock(Mode::Frozen) {
+    WatchedClock() {
         s_watched = Platform::g_system.monotonicTime;
         Platform::g_system.monotonicTime = [] {
             ++s_looks;

@@ -11,7 +11,7 @@ namespace {
 using Network::NetworkStat;
 
 TEST(NetworkStatTest, PrintsWhatItHas) {
-    const FakeClock clock(FakeClock::Mode::Frozen);
+    const FakeClock clock;
     const std::int64_t now = Platform::System().wallTime() / kSecond;
     NetworkStat stat;
     stat.LastActivity() = now - 7;

@@ -16,11 +16,9 @@ using Platform::SystemTable;
 
 constexpr std::int64_t kLongestWait = 2 * kMillisecond;
 
-enum class State { Off, Running, Frozen };
-
-// The real entries, taken once; the stand-ins remain for the life of the program and look at the state.
+// The real entries, taken once; the stand-ins remain for the life of the program.
 const SystemTable s_real = g_system;
-constinit std::atomic<State> s_state{State::Off};
+constinit std::atomic<bool> s_frozen{false};
 constinit std::atomic<std::int64_t> s_shift{0};
 constinit std::atomic<std::int64_t> s_wallShift{0};
 constinit std::atomic<std::int64_t> s_slept{0};
@@ -28,19 +26,11 @@ constinit std::atomic<std::int64_t> s_frozenMonotonic{0};
 constinit std::atomic<std::int64_t> s_frozenWall{0};
 
 std::int64_t shifted(std::int64_t (*real)(), const std::atomic<std::int64_t>& frozen) {
-    switch (s_state.load()) {
-        case State::Off:
-            return real();
-        case State::Running:
-            return real() + s_shift.load();
-        case State::Frozen:
-            break;
-    }
-    return frozen.load() + s_shift.load();
+    return s_frozen ? frozen.load() + s_shift.load() : real();
 }
 
 void fakeSleep(std::int64_t nanoseconds) {
-    if (s_state.load() == State::Off) {
+    if (!s_frozen) {
         s_real.sleep(nanoseconds);
         return;
     }
@@ -50,9 +40,7 @@ void fakeSleep(std::int64_t nanoseconds) {
 }
 
 void cutWait(const std::atomic<std::uint32_t>* word, std::uint32_t expected, std::int64_t nanoseconds) {
-    if (s_state.load() != State::Off) {
-        nanoseconds = std::min(nanoseconds, kLongestWait);
-    }
+    if (s_frozen) nanoseconds = std::min(nanoseconds, kLongestWait);
     s_real.waitWord(word, expected, nanoseconds);
 }
 
@@ -60,8 +48,7 @@ const bool s_installed = [] {
     g_system.monotonicTime = [] { return shifted(s_real.monotonicTime, s_frozenMonotonic); };
     g_system.coarseTime = [] { return shifted(s_real.coarseTime, s_frozenMonotonic); };
     g_system.wallTime = [] {
-        return shifted(s_real.wallTime, s_frozenWall) +
-               (s_state.load() == State::Off ? 0 : s_wallShift.load());
+        return shifted(s_real.wallTime, s_frozenWall) + (s_frozen ? s_wallShift.load() : 0);
     };
     g_system.sleep = fakeSleep;
     g_system.waitWord = cutWait;
@@ -70,16 +57,16 @@ const bool s_installed = [] {
 
 }  // namespace
 
-FakeClock::FakeClock(Mode mode) {
-    EXPECT_EQ(s_state.load(), State::Off) << "one fake clock at a time";
+FakeClock::FakeClock() {
+    EXPECT_FALSE(s_frozen) << "one fake clock at a time";
     s_shift = s_wallShift = s_slept = 0;
     s_frozenMonotonic = s_real.monotonicTime();
     s_frozenWall = s_real.wallTime();
-    s_state = mode == Mode::Running ? State::Running : State::Frozen;
+    s_frozen = true;
 }
 
 FakeClock::~FakeClock() {
-    s_state = State::Off;
+    s_frozen = false;
 }
 
 void FakeClock::Advance(std::int64_t nanoseconds) {

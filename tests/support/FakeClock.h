@@ -4,15 +4,12 @@
 
 namespace Mivra::Test {
 
-/// Time in the test's hands, one instance at a time: shifts the clocks of the system table. A sleep through
-/// the table advances the fake time and returns at once. Waits on words stay real, but a limit of theirs is
-/// cut to 2 ms. Any thread may advance it.
+/// Time in the test's hands, one instance at a time: the clocks of the system table stand still but for what
+/// they are advanced by. A sleep through the table advances them and returns at once. Waits on words stay
+/// real, but a limit of theirs is cut to 2 ms. Any thread may advance it.
 class FakeClock {
 public:
-    /// Running: real time plus what was advanced. Frozen: it stands still but for that.
-    enum class Mode { Running, Frozen };
-
-    explicit FakeClock(Mode mode = Mode::Running);
+    FakeClock();
     ~FakeClock();
     FakeClock(const FakeClock&) = delete;
     FakeClock& operator=(const FakeClock&) = delete;

@@ -141,6 +141,9 @@ TEST(PrivateData, RefusesWhatMakesNone) {
     large.pop_back();
     MediaType longest;
     EXPECT_TRUE(Parser::GenerateCodecPrivateData(longest, {unit(sps)}, {unit(large)}));
+    EXPECT_TRUE(Parser::GenerateCodecPrivateData(longest, sps.data(), 5, nullptr, 0));
+    EXPECT_EQ(DataOf(longest), joined({{1, 0x42, 0xC0, 0x1E, 0xFF, 0xE1, 0, 5}, Sps, {0}}));
+    EXPECT_FALSE(Parser::GenerateCodecPrivateData(longest, nullptr, 0, pps.data(), 2));
     MediaType type = TypeWith(kept);
     EXPECT_FALSE(Parser::GenerateAnnexBCodecPrivateData(type, {unit(startCode)}, {}));
     EXPECT_FALSE(Parser::ConvertPrivateDataToAvc(type));  // no start code

@@ -114,7 +114,7 @@ TEST_F(PoolTest, ReportsItsUsageOncePerMinute) {
                       current);
         return line("LockBuffer", pool, "10/4", text);
     };
-    support::FakeClock clock(support::FakeClock::Mode::Frozen);
+    support::FakeClock clock;
     DefaultPacketBufferAllocator pool(10, 4, false, 1.0F);
     EXPECT_EQ(pool.GetAverageUsage(), 0);
     auto taken = takeAll(pool);  // usages 1, 2, 3, 4

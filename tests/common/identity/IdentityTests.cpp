@@ -45,7 +45,7 @@ TEST(GuidTest, OrdersByItsBytesAndIsNeverTheSameTwice) {
 }
 
 TEST(DateTimeTest, IsTheWallClockInUtc) {
-    FakeClock clock(FakeClock::Mode::Frozen);
+    FakeClock clock;
     const DateTime before = DateTime::Now();
     clock.AdvanceWall(kSecond);
     EXPECT_EQ(DateTime::Now().Ticks() - before.Ticks(), 10'000'000);

@@ -119,7 +119,7 @@ TEST(MediaTime, ConvertsBetweenTimeBases) {
 }
 
 TEST(MediaTime, CountsFromTheStartOfTheLibrary) {
-    FakeClock clock(FakeClock::Mode::Frozen);
+    FakeClock clock;
     const std::int64_t before = MediaTime::Get(1000000);
     const std::int64_t startTicks = MediaTime::GetStartTime().Ticks();
     clock.Advance(1234567 * std::int64_t{1000} + 999);

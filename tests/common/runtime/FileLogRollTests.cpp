@@ -44,7 +44,7 @@ protected:
     }
     using Files = std::map<std::string, std::vector<std::string>>;
 
-    FakeClock clock{FakeClock::Mode::Frozen};
+    FakeClock clock;
     TempFolder folder;
     OpenLog log;
 };
@@ -181,7 +181,7 @@ std::string writerLine(int process, int thread, int number) {
 
 // One of the processes: its clock goes five minutes on in steps while its threads write.
 void writeLog(const std::string& path, int process, int linesPerThread) {
-    FakeClock clock(FakeClock::Mode::Frozen);
+    FakeClock clock;
     FileLog log;
     log.SetMaxLogFileSize(4096);
     log.SetRollingHistorySize(100);

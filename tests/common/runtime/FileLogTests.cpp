@@ -37,7 +37,7 @@ protected:
 
     void open(FileLog::FileLogLevel level = FileLog::Trace) { log.Initialize(level, Wide(path).c_str()); }
 
-    FakeClock clock{FakeClock::Mode::Frozen};
+    FakeClock clock;
     TempFolder folder;
     std::string path = folder / "app.log";
     OpenLog log;
