@@ -164,7 +164,7 @@ TEST(PacketBudget, HoldsSourcesBackAndLetsThemGo) {
                 }
             });
         }
-        for (std::int64_t before = -1; before != budget.BytesOut();) {
+        for (std::int64_t before = 0; before == 0 || before != budget.BytesOut();) {
             before = budget.BytesOut();
             pause();
         }
