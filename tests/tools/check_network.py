@@ -96,8 +96,8 @@ class Case(program.Case):
         ffmpeg("-i", film, "-c", "copy", self.out("reference.ts"))
         return seen(self.out("reference.ts"))
 
-    def await_listener(self, port, there=True):
-        self.wait_until(f"0100007F:{port:04X} 00000000:0000 0A", "/proc/net/tcp", there)
+    def await_listener(self, port, times=1):
+        self.wait_until(f"0100007F:{port:04X} 00000000:0000 0A", "/proc/net/tcp", times)
 
     def publish(self, port):
         self.await_listener(port)
@@ -113,10 +113,10 @@ class Case(program.Case):
         self.assertTrue(packets.of(self.out("joined.ts"))[0][0].key)
         return contents(self.out("joined.ts"))
 
-    def wait_until(self, text, table, there=True):
-        """The kernel's table, of sockets, say, has the text."""
+    def wait_until(self, text, table, times=1):
+        """The kernel's table, of sockets, say, has the text so many times or more, or (0) not at all."""
         end = time.monotonic() + 60
-        while (text in pathlib.Path(table).read_text()) != there:
+        while (found := pathlib.Path(table).read_text().count(text)) < times or found > times == 0:
             self.assertLess(time.monotonic(), end)
             time.sleep(0.02)
 
@@ -354,7 +354,7 @@ class Inputs(Case):
                 self.assertEqual(second.recv(1), b"")
             except ConnectionResetError:
                 pass
-            self.await_listener(port, there=False)
+            self.await_listener(port, times=0)
             first.sendall(self.by_file())
         self.ends(process, 0)
         self.assertEqual(seen(self.out("in.ts")), self.by_ffmpeg())
@@ -412,20 +412,23 @@ class Inputs(Case):
         self.assertEqual(len(packets.of(self.out("sound.ts"))[1]), 236)
 
     def test_datagrams_and_silence(self):
-        # Unicast, a group that the engine joins, and one that it does not.
-        running, words = [], []
-        for host, options in [("127.0.0.1", ""), ("239.1.2.224", "&interface=127.0.0.1"),
-                              ("239.1.2.3", "&interface=127.0.0.1")]:
+        # Unicast, a group that the engine joins, and one that it does not; the groups have two listeners.
+        running, ports, words = [], {}, []
+        for host, listeners in [("127.0.0.1", 1), ("239.1.2.224", 2), ("239.1.2.3", 2)]:
             port = free_port(socket.SOCK_DGRAM)
-            output = self.out(f"{host}.ts")
-            running.append((output, self.start("relay", f"udp://{host}:{port}?timeout=5{options}", output)))
-            self.wait_until(f":{port:04X} ", "/proc/net/udp")
-            local = "&localaddr=127.0.0.1" if options else ""
-            words += ["-map", "0", "-c", "copy", "-f", "mpegts", f"udp://{host}:{port}?pkt_size=1316{local}"]
+            options = "&interface=127.0.0.1" if listeners > 1 else ""
+            for i in range(listeners):
+                output = self.out(f"{host}-{i}.ts")
+                running.append((output, self.start("relay", f"udp://{host}:{port}?timeout=8{options}", output)))
+            ports[port] = listeners
+            words += ["-map", "0", "-c", "copy", "-f", "mpegts",
+                      f"udp://{host}:{port}?pkt_size=1316&localaddr=127.0.0.1"]
+        for port, listeners in ports.items():
+            self.wait_until(f":{port:04X} ", "/proc/net/udp", listeners)
         ffmpeg("-re", "-t", "2", "-i", FILM, *words)
         for output, process in running:
             with self.subTest(output=output):
-                self.ends(process, 4, "capture timeout: the input has brought nothing for 5 s: udp://")
+                self.ends(process, 4, "capture timeout: the input has brought nothing for 8 s: udp://")
                 for found, whole in zip(seen(output), self.by_ffmpeg()):
                     self.assertGreater(len(found), 40)
                     self.assertEqual(found, whole[:len(found)])
