@@ -168,7 +168,6 @@ TEST(PacketBudget, HoldsSourcesBackAndLetsThemGo) {
             before = budget.BytesOut();
             pause();
         }
-        EXPECT_GT(budget.BytesOut(), 0) << size;
         for (int lane = 0; lane < 3; ++lane) {
             budget.Lane(lane).Close();
         }

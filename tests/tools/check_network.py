@@ -341,8 +341,8 @@ class Inputs(Case):
         self.assertEqual(seen(self.out("in.ts")), self.by_ffmpeg())
 
     def test_there_is_one_publisher(self):
-        port = free_port()
-        process = self.start("relay", f"tcp-listen://127.0.0.1:{port}", self.out("in.ts"))
+        data, port = self.by_file(), free_port()
+        process = self.start("relay", f"tcp-listen://127.0.0.1:{port}?timeout=60", self.out("in.ts"))
         self.await_listener(port)
         process.send_signal(signal.SIGSTOP)
         os.waitpid(process.pid, os.WUNTRACED)
@@ -355,7 +355,7 @@ class Inputs(Case):
             except ConnectionResetError:
                 pass
             self.await_listener(port, times=0)
-            first.sendall(self.by_file())
+            first.sendall(data)
         self.ends(process, 0)
         self.assertEqual(seen(self.out("in.ts")), self.by_ffmpeg())
 
