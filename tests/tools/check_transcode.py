@@ -231,7 +231,7 @@ class Snapshot(Case):
 
     def test_a_terminal_sees_how_far_it_is(self):
         leader, follower = pty.openpty()
-        with subprocess.Popen([MIVRA, "snapshot", FILM, "--grid", "30x30", "--size", "16x16", "-o", self.folder / "g.png"],
+        with subprocess.Popen([MIVRA, "snapshot", FILM, "--grid", "12x12", "--size", "16x16", "-o", self.folder / "g.png"],
                               stderr=follower, env=os.environ | {"TERM": "xterm"}) as child:
             os.close(follower)
             with open(leader, "rb", buffering=0) as terminal:
