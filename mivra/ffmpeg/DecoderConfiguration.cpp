@@ -8,7 +8,6 @@
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
 #include "mivra/ffmpeg/HevcRecord.h"
-#include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
 namespace {
@@ -27,19 +26,6 @@ const unsigned char* privateData(const MediaType& type) {
 
 bool hasPrivateData(const MediaType& type) {
     return type.CodecPrivateDataSize() > 0 && type.CodecPrivateData() != nullptr;
-}
-
-/// False when there is no memory.
-bool setPrivateData(std::span<const std::uint8_t> data, MediaType& type) {
-    char* const copy = static_cast<char*>(Platform::System().allocate(data.size()));
-    if (copy == nullptr) {
-        return false;
-    }
-    std::memcpy(copy, data.data(), data.size());
-    Platform::System().free(type.CodecPrivateData());
-    type.CodecPrivateData() = copy;
-    type.CodecPrivateDataSize() = static_cast<std::int32_t>(data.size());
-    return true;
 }
 
 /// AAC that is described by one of its ADTS headers configures itself from the stream.
@@ -151,7 +137,11 @@ bool takeHevcCarriage(const unsigned char* packet, int size, MediaType& type) {
     } else if (data[0] == 0 && !startCode && hasLengths(packet, size, kLongest)) {
         other = makeHevcRecord(data);
     }
-    return !other.empty() && setPrivateData(other, type);
+    if (other.empty()) {
+        return false;
+    }
+    setPrivateData(type, other);
+    return true;
 }
 
 bool takeSets(unsigned char* packet, int size, MediaType& type) {

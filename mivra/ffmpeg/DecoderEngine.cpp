@@ -152,9 +152,11 @@ void DecoderEngine::beginAgain() {
 }
 
 void DecoderEngine::learn(PacketBuffer& packet) {
-    isFirstPacket = false;
     MediaType learned(input);
-    if (learnFromPacket(reinterpret_cast<unsigned char*>(packet.Buffer()), packet.ActualSize(), learned)) {
+    const bool corrected =
+        learnFromPacket(reinterpret_cast<unsigned char*>(packet.Buffer()), packet.ActualSize(), learned);
+    isFirstPacket = false;  // without memory the next one is
+    if (corrected) {
         input = learned;
         open(decoder->Device() != nullptr);
     }

@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <vector>
 
 #include "mivra/codecs/h264/H264ConfigurationParser.h"
 #include "mivra/common/buffers/MediaGlobal.h"
 #include "mivra/ffmpeg/FfmpegFormats.h"
 #include "mivra/ffmpeg/HevcRecord.h"
-#include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
 namespace {
@@ -163,17 +161,7 @@ bool EncoderOutput::takePrivateData(Bytes data) {
             return false;
         }
     } else {
-        char* copy = nullptr;
-        if (!data.empty()) {
-            copy = static_cast<char*>(Platform::System().allocate(data.size()));
-            if (copy == nullptr) {
-                throw std::bad_alloc();
-            }
-            std::memcpy(copy, data.data(), data.size());
-        }
-        Platform::System().free(type.CodecPrivateData());
-        type.CodecPrivateData() = copy;
-        type.CodecPrivateDataSize() = static_cast<std::int32_t>(data.size());
+        setPrivateData(type, data);
     }
     dirty = true;
     return true;

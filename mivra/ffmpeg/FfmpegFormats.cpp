@@ -1,8 +1,11 @@
 #include "mivra/ffmpeg/FfmpegFormats.h"
 
 #include <bit>
+#include <cstring>
+#include <new>
 
 #include "mivra/ffmpeg/FfmpegProxy.h"
+#include "mivra/platform/System.h"
 
 namespace Mivra::FFmpeg {
 
@@ -44,6 +47,20 @@ std::int64_t metadataNumber(const Common::MediaType& type, const char* key, std:
         return none;
     }
     return const_cast<Common::MediaType&>(type).CodecMetadata()[key];  // only reads a key that is there
+}
+
+void setPrivateData(Common::MediaType& type, std::span<const std::uint8_t> data) {
+    char* copy = nullptr;
+    if (!data.empty()) {
+        copy = static_cast<char*>(Platform::System().allocate(data.size()));
+        if (copy == nullptr) {
+            throw std::bad_alloc();
+        }
+        std::memcpy(copy, data.data(), data.size());
+    }
+    Platform::System().free(type.CodecPrivateData());
+    type.CodecPrivateData() = copy;
+    type.CodecPrivateDataSize() = static_cast<std::int32_t>(data.size());
 }
 
 }  // namespace Mivra::FFmpeg

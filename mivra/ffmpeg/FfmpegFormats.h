@@ -4,6 +4,7 @@
 // on both sides, layouts of channels and times are converted here. No state; any thread.
 
 #include <cstdint>
+#include <span>
 
 #include "mivra/common/model/MediaType.h"
 
@@ -59,6 +60,9 @@ std::int64_t rescaleTime(std::int64_t time, AVRational from, AVRational to);
 /// The layout of so many channels: that of the mask when it has as many bits, else FFmpeg's usual one for the
 /// number. The result owns no memory. No channels (0 or fewer): an empty layout.
 AVChannelLayout makeChannelLayout(int channels, std::uint64_t mask);
+
+/// Gives the type a copy of the data in place of its private data. std::bad_alloc, and then it keeps its own.
+void setPrivateData(Common::MediaType& type, std::span<const std::uint8_t> data);
 
 /// The mask of a layout in the native order, else 0.
 std::uint64_t channelMask(const AVChannelLayout& layout);

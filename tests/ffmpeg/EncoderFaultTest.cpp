@@ -44,11 +44,6 @@ private:
     const T old;
 };
 
-std::unique_ptr<FfmpegEncoder> make(MediaType input, MediaType output, const std::string& options = {}) {
-    Media::EncoderParameters parameters = encoderParameters(options);
-    return std::make_unique<FfmpegEncoder>(&input, &output, &parameters);
-}
-
 class EncoderFaultTest : public EncoderTest {
 protected:
     const MediaType video = videoInput({64, 48});

@@ -61,6 +61,11 @@ Media::EncoderParameters encoderParameters(const std::string& options) {
     return parameters;
 }
 
+std::unique_ptr<FFmpeg::FfmpegEncoder> make(MediaType input, MediaType output, const std::string& options) {
+    Media::EncoderParameters parameters = encoderParameters(options);
+    return std::make_unique<FFmpeg::FfmpegEncoder>(&input, &output, &parameters);
+}
+
 std::int64_t pictureTime(std::int64_t n, const Common::Rational& rate) {
     return FfmpegProxy::av_rescale_q(n, {rate.Den(), rate.Num()}, FFmpeg::kEngineTimeBase);
 }

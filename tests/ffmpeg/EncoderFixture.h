@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -72,6 +73,8 @@ Common::MediaType audioInput(Common::SampleFormat_t format, int rate, int channe
 /// What is wanted: nothing but the codec, and a bitrate if it is not 0.
 Common::MediaType wanted(Common::Codec_t codec, int bitrate = 0);
 Media::EncoderParameters encoderParameters(const std::string& options = {});
+std::unique_ptr<FFmpeg::FfmpegEncoder> make(Common::MediaType input, Common::MediaType output,
+                                            const std::string& options = {});
 
 /// The time of picture n, in 100 ns, rounded to nearest.
 std::int64_t pictureTime(std::int64_t n, const Common::Rational& rate);

@@ -23,6 +23,11 @@ protected:
         parameters.disableMulticastLoop = true;
         return parameters;
     }
+    PosixPeer connectPeer() {
+        NetConnectionParameters parameters = tcp();
+        EXPECT_TRUE(engine->Connect(parameters));
+        return server.Accept();
+    }
     /// A connect that has to fail with one line (none: null) while the nth call of the kind does.
     void failsToConnect(NetConnectionParameters parameters, FaultKind kind, std::uint64_t nth, int error,
                         const char* line) {
@@ -279,9 +284,7 @@ TEST_F(SelectFailure, ShutdownDoesNotWaitForEver) {
         go.get_future().wait();
     };
     start();
-    NetConnectionParameters parameters = tcp();
-    ASSERT_TRUE(engine->Connect(parameters));
-    PosixPeer peer = server.Accept();
+    PosixPeer peer = connectPeer();
     ASSERT_TRUE(recorder->Await("connected 1"));
     std::thread ender([&] { engine->DisconnectClient(1, true); });
     inside.get_future().wait();
@@ -310,9 +313,7 @@ TEST_F(SelectFailure, ShutdownWaitsForHandlersOfWorkers) {
         go.get_future().wait();
     };
     start();
-    NetConnectionParameters parameters = tcp();
-    ASSERT_TRUE(engine->Connect(parameters));
-    PosixPeer peer = server.Accept();
+    PosixPeer peer = connectPeer();
     ASSERT_TRUE(peer.Send(text));
     inside.get_future().wait();
     std::thread ender([&] { engine->Shutdown(); });

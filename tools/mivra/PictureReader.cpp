@@ -19,8 +19,6 @@ bool isCover(const MediaType& type) {
     return (numberOf(type, Key::kDisposition, 0) & AV_DISPOSITION_ATTACHED_PIC) != 0;
 }
 
-constexpr std::int64_t kBytesOfPixel = 3;
-
 /// The film, else a cover picture; -1: neither.
 int choosePictures(const Demuxer& input) {
     int chosen = -1;
@@ -87,7 +85,7 @@ Packet PictureReader::turn(Packet picture) {
     if (!asked.has_value() || !picture) {
         return picture;
     }
-    const std::int64_t row = std::int64_t{type.Width()} * kBytesOfPixel;
+    const std::int64_t row = std::int64_t{type.Width()} * PictureTurn::kBytesOfPixel;
     Packet made = Packet::Adopt(Media::MediaGlobal::LockBuffer(static_cast<int>(row * type.Height())));
     if (!made) {
         throw std::bad_alloc();

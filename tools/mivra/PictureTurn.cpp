@@ -8,12 +8,6 @@ extern "C" {
 }
 
 namespace Mivra::Tool {
-namespace {
-
-constexpr std::ptrdiff_t kBytesOfPixel = 3;
-
-}  // namespace
-
 std::string displayMatrixKey() {
     return "SideData." + std::to_string(static_cast<int>(AV_PKT_DATA_DISPLAYMATRIX));
 }

@@ -14,6 +14,8 @@ std::string displayMatrixKey();
 /// The quarter turn, mirrored or not, with which a stream asks for its pictures to be shown. A plain value.
 class PictureTurn {
 public:
+    static constexpr std::ptrdiff_t kBytesOfPixel = 3;
+
     /// No turn when the type tells none, or one by another angle.
     explicit PictureTurn(const Common::MediaType& type);
 
